@@ -381,7 +381,7 @@ struct TestServer::Impl {
       std::lock_guard<std::mutex> lock(mutex);
       generation = releaseGeneration;
       reply = pick(request);
-      requests.push_back(request);
+      requests.push_back(std::move(request));
     }
     changed.notify_all();
 
@@ -532,6 +532,11 @@ std::vector<RecordedRequest> TestServer::requests() const {
 bool TestServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(impl_->mutex);
   return impl_->changed.wait_for(lock, timeout, [&] { return impl_->requests.size() >= count; });
+}
+
+void TestServer::clearRequests() {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->requests.clear();
 }
 
 void TestServer::releaseHangs() {

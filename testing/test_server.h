@@ -112,6 +112,8 @@ class TestServer {
   /// Waits until at least `count` requests arrived; false when the wait ran out.
   bool waitForRequests(std::size_t count,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+  /// Forgets the recorded requests, keeping the routes (long runs that post large bodies).
+  void clearRequests();
   /// Lets every hanging request end (its connection is closed).
   void releaseHangs();
   /// Forgets routes and recorded requests and releases hanging requests.
