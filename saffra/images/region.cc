@@ -9,29 +9,43 @@ namespace saffra {
 
 namespace {
 
-std::int64_t truncate(double v) {
+Rect rectOf(const std::shared_ptr<Region>& region) {
+  return region ? region->rect() : Rect();
+}
+
+}  // namespace
+
+std::int64_t Region::truncate(double v) {
   if (std::isnan(v)) return 0;
   if (v >= 9223372036854775807.0) return std::numeric_limits<std::int64_t>::max();
   if (v <= -9223372036854775808.0) return std::numeric_limits<std::int64_t>::min();
   return static_cast<std::int64_t>(v);
 }
 
-Rect rectOf(const std::shared_ptr<Region>& region) { return region ? region->rect() : Rect(); }
-
-}  // namespace
-
 Region::Region(std::int64_t left, std::int64_t top, std::int64_t width, std::int64_t height)
     : rect_(static_cast<double>(left), static_cast<double>(top), static_cast<double>(width),
             static_cast<double>(height)) {}
 
-std::shared_ptr<Region> Region::emptyRegion() { return std::make_shared<Region>(); }
+std::shared_ptr<Region> Region::emptyRegion() {
+  return std::make_shared<Region>();
+}
 
-std::int64_t Region::left() const { return truncate(rect_.origin.x); }
-std::int64_t Region::top() const { return truncate(rect_.origin.y); }
-std::int64_t Region::width() const { return truncate(rect_.size.width); }
-std::int64_t Region::height() const { return truncate(rect_.size.height); }
+std::int64_t Region::left() const {
+  return truncate(rect_.origin.x);
+}
+std::int64_t Region::top() const {
+  return truncate(rect_.origin.y);
+}
+std::int64_t Region::width() const {
+  return truncate(rect_.size.width);
+}
+std::int64_t Region::height() const {
+  return truncate(rect_.size.height);
+}
 
-std::string Region::description() const { return format("%@", toString(rect_)); }
+std::string Region::description() const {
+  return format("%@", toString(rect_));
+}
 
 Json Region::dictionary() const {
   Json d = Json::object();
@@ -45,7 +59,8 @@ Json Region::dictionary() const {
 std::shared_ptr<Region> Region::scaledRegionFromRegion(const std::shared_ptr<Region>& region,
                                                        double r) {
   Rect s = rectOf(region);
-  return std::make_shared<Region>(Rect(s.origin.x * r, s.origin.y * r, s.size.width * r, s.size.height * r));
+  return std::make_shared<Region>(
+      Rect(s.origin.x * r, s.origin.y * r, s.size.width * r, s.size.height * r));
 }
 
 bool Region::regionIsIntersectedWithRegion(const std::shared_ptr<Region>& a,

@@ -32,6 +32,10 @@ class Region {
   void updateWithRect(const Rect& rect) { rect_ = rect; }
   const Rect& rect() const { return rect_; }
 
+  /// The integer view of a float: truncation toward zero (1.9 -> 1, -1.9 -> -1); NaN reads 0
+  /// and values beyond the 64-bit range clamp to its ends.
+  static std::int64_t truncate(double value);
+
   /// Integer views: reading truncates toward zero, writing stores the integer as a float.
   std::int64_t left() const;
   std::int64_t top() const;
@@ -54,7 +58,9 @@ class Region {
 
   std::shared_ptr<Region> copy() const { return std::make_shared<Region>(rect_); }
   /// False for an absent region; otherwise exact equality of the four floats.
-  bool isEqual(const std::shared_ptr<Region>& other) const { return other && other->rect_ == rect_; }
+  bool isEqual(const std::shared_ptr<Region>& other) const {
+    return other && other->rect_ == rect_;
+  }
   bool operator==(const Region& other) const { return rect_ == other.rect_; }
 
   /// "{{x, y}, {width, height}}"
