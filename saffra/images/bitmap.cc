@@ -50,27 +50,31 @@ const std::vector<std::uint8_t>& fromPremultipliedTable() {
 
 namespace detail {
 
+void channelBytesARGB8(const Image& image, std::size_t first, std::size_t count,
+                       std::uint8_t* out) {
+  const std::uint8_t* table = toListTable().data();
+  const std::uint8_t* px = image.data() + first * 4;
+  for (std::size_t i = 0; i < count; ++i, px += 4, out += 4) {
+    const std::uint8_t a = px[3];
+    if (a == 255) {
+      out[0] = 255;
+      out[1] = px[2];
+      out[2] = px[1];
+      out[3] = px[0];
+    } else {
+      const std::uint8_t* row = table + a * 256;
+      out[0] = a;
+      out[1] = row[px[2]];
+      out[2] = row[px[1]];
+      out[3] = row[px[0]];
+    }
+  }
+}
+
 std::vector<std::uint8_t> channelBytesARGB8(const Image& image) {
   const std::size_t n = image.width() * image.height();
   std::vector<std::uint8_t> out(n * 4);
-  const std::uint8_t* table = toListTable().data();
-  const std::uint8_t* px = image.data();
-  std::uint8_t* o = out.data();
-  for (std::size_t i = 0; i < n; ++i, px += 4, o += 4) {
-    const std::uint8_t a = px[3];
-    if (a == 255) {
-      o[0] = 255;
-      o[1] = px[2];
-      o[2] = px[1];
-      o[3] = px[0];
-    } else {
-      const std::uint8_t* row = table + a * 256;
-      o[0] = a;
-      o[1] = row[px[2]];
-      o[2] = row[px[1]];
-      o[3] = row[px[0]];
-    }
-  }
+  channelBytesARGB8(image, 0, n, out.data());
   return out;
 }
 

@@ -52,6 +52,8 @@ std::vector<std::uint8_t> convertToArrayOfBytes(const ChannelList& list);
 namespace detail {
 /// The channel list of an image as bytes (every value lies in 0...255), for the resize.
 std::vector<std::uint8_t> channelBytesARGB8(const Image& image);
+/// The channel values of `count` pixels from pixel number `first` (row-major) into `out`.
+void channelBytesARGB8(const Image& image, std::size_t first, std::size_t count, std::uint8_t* out);
 }  // namespace detail
 
 }  // namespace saffra

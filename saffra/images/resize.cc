@@ -1,6 +1,7 @@
 #include "saffra/images/resize.h"
 
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "saffra/images/bitmap.h"
@@ -41,18 +42,45 @@ std::vector<Step> steps(std::int64_t count, std::int64_t sourceLength) {
   return out;
 }
 
+inline std::uint32_t load32(const std::uint8_t* p) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+inline std::uint64_t load64(const std::uint8_t* p) {
+  std::uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+
 // One output row of the vertical pass from the rows around it; rows that do not exist are
-// extrapolated (p0 = 2 p1 - p2, p3 = 2 p2 - p1).
+// extrapolated (p0 = 2 p1 - p2, p3 = 2 p2 - p1). Where all four inputs are equal the cubic gives
+// p1 exactly (every coefficient is 0), so runs of eight such values are copied: screenshots are
+// mostly flat.
 template <bool kHasAbove, bool kHasBelow>
 void verticalRow(const std::uint8_t* r0, const std::uint8_t* r1, const std::uint8_t* r2,
                  const std::uint8_t* r3, std::size_t n, const Step& s, std::uint8_t* out) {
-  for (std::size_t k = 0; k < n; ++k) {
+  auto one = [&](std::size_t k) {
     const int p1 = r1[k];
     const int p2 = r2[k];
     const int p0 = kHasAbove ? r0[k] : 2 * p1 - p2;
     const int p3 = kHasBelow ? r3[k] : 2 * p2 - p1;
     out[k] = cubic(p0, p1, p2, p3, s.t, s.t2, s.t3);
+  };
+  std::size_t k = 0;
+  for (; k + 8 <= n; k += 8) {
+    const std::uint64_t u1 = load64(r1 + k);
+    const std::uint64_t u2 = load64(r2 + k);
+    const std::uint64_t u0 = kHasAbove ? load64(r0 + k) : u1;
+    const std::uint64_t u3 = kHasBelow ? load64(r3 + k) : u2;
+    if (u0 == u1 && u1 == u2 && u2 == u3) {
+      std::memcpy(out + k, &u1, 8);
+    } else {
+      for (std::size_t j = k; j < k + 8; ++j) one(j);
+    }
   }
+  for (; k < n; ++k) one(k);
 }
 
 }  // namespace
@@ -100,26 +128,38 @@ std::shared_ptr<Image> resizeImageUsingBicubicInterpolation(const std::shared_pt
                            "reads past a row or column of fewer than 2 pixels",
                            sw, sh));
   }
-  const std::vector<std::uint8_t> src = detail::channelBytesARGB8(*image);
-
   const std::int64_t fx = std::max<std::int64_t>(sw / nw, 1);
   const std::int64_t fy = std::max<std::int64_t>(sh / nh, 1);
   const std::int64_t iw = fx * nw;
   const std::int64_t ih = fy * nh;
   const auto rowElements = static_cast<std::size_t>(iw) * 4;
 
-  // Horizontal pass: sh rows of iw pixels. Rows of the source are sw pixels long as far as this
-  // pass is concerned, whatever the bitmap's own width.
-  std::vector<std::uint8_t> h(static_cast<std::size_t>(sh) * rowElements);
+  // Horizontal pass, one row at a time as the vertical pass asks for it. The vertical pass reads
+  // rows iy - 1 ... iy + 2 with iy never decreasing, so four rows in a ring suffice. The channel
+  // list is read with rows sw pixels long, whatever the bitmap's own width.
   const std::vector<Step> xs = steps(iw, sw);
-  for (std::int64_t y = 0; y < sh; ++y) {
-    const std::uint8_t* row = src.data() + static_cast<std::size_t>(y * sw) * 4;
-    std::uint8_t* out = h.data() + static_cast<std::size_t>(y) * rowElements;
+  std::vector<std::uint8_t> source(static_cast<std::size_t>(sw) * 4);
+  std::vector<std::uint8_t> ring(4 * rowElements);
+  std::int64_t ringRow[4] = {-1, -1, -1, -1};
+  auto horizontalRow = [&](std::int64_t y) -> const std::uint8_t* {
+    std::uint8_t* out = ring.data() + static_cast<std::size_t>(y & 3) * rowElements;
+    if (ringRow[y & 3] == y) return out;
+    ringRow[y & 3] = y;
+    detail::channelBytesARGB8(*image, static_cast<std::size_t>(y * sw),
+                              static_cast<std::size_t>(sw), source.data());
+    const std::uint8_t* row = source.data();
     for (std::int64_t x = 0; x < iw; ++x) {
       const Step& s = xs[static_cast<std::size_t>(x)];
       const std::uint8_t* p = row + s.index * 4;
       const bool hasLeft = s.index > 0;
       const bool hasRight = sw - 2 > s.index;
+      // Four equal pixels (missing neighbours extrapolate to the same value) stay as they are.
+      const std::uint32_t w1 = load32(p);
+      const std::uint32_t w2 = load32(p + 4);
+      if (w1 == w2 && (!hasLeft || load32(p - 4) == w1) && (!hasRight || load32(p + 8) == w1)) {
+        std::memcpy(out + x * 4, &w1, 4);
+        continue;
+      }
       for (int c = 0; c < 4; ++c) {
         const int p1 = p[c];
         const int p2 = p[c + 4];
@@ -128,19 +168,20 @@ std::shared_ptr<Image> resizeImageUsingBicubicInterpolation(const std::shared_pt
         out[x * 4 + c] = cubic(p0, p1, p2, p3, s.t, s.t2, s.t3);
       }
     }
-  }
+    return out;
+  };
 
   // Vertical pass, one intermediate row at a time, each averaged into the output as soon as its
   // block of fy rows is complete.
   const std::vector<Step> ys = steps(ih, sh);
   auto verticalInto = [&](std::int64_t y, std::uint8_t* out) {
     const Step& s = ys[static_cast<std::size_t>(y)];
-    const std::uint8_t* r1 = h.data() + static_cast<std::size_t>(s.index) * rowElements;
-    const std::uint8_t* r2 = r1 + rowElements;
     const bool above = s.index > 0;
     const bool below = sh - 2 > s.index;
-    const std::uint8_t* r0 = above ? r1 - rowElements : r1;
-    const std::uint8_t* r3 = below ? r2 + rowElements : r2;
+    const std::uint8_t* r1 = horizontalRow(s.index);
+    const std::uint8_t* r2 = horizontalRow(s.index + 1);
+    const std::uint8_t* r0 = above ? horizontalRow(s.index - 1) : r1;
+    const std::uint8_t* r3 = below ? horizontalRow(s.index + 2) : r2;
     if (above && below) verticalRow<true, true>(r0, r1, r2, r3, rowElements, s, out);
     if (above && !below) verticalRow<true, false>(r0, r1, r2, r3, rowElements, s, out);
     if (!above && below) verticalRow<false, true>(r0, r1, r2, r3, rowElements, s, out);
