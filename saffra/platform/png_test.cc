@@ -123,21 +123,26 @@ TEST(PngDecodeTest, BadInputGivesInvalidImageException) {
   corruptData[good.size() / 2] ^= 0x55;  // inside IDAT: checksum no longer matches
   auto truncated = good;
   truncated.resize(good.size() - 20);
-  // A valid header that claims 60000 x 60000 pixels: refused before any pixel memory exists.
-  auto bomb = good;
-  for (int i = 0; i < 2; ++i) {
-    bomb[16 + 4 * i] = 0;
-    bomb[17 + 4 * i] = 0;
-    bomb[18 + 4 * i] = 0xEA;
-    bomb[19 + 4 * i] = 0x60;
-  }
-  std::uint32_t crc = static_cast<std::uint32_t>(crc32(0, &bomb[12], 17));
-  for (int i = 0; i < 4; ++i) bomb[29 + i] = static_cast<std::uint8_t>(crc >> (24 - 8 * i));
+  // Valid headers that claim 60000 x 60000 pixels (beyond the limits) and 8000 x 8000 pixels
+  // (within them, but far more than the file's data can hold): both refused before any pixel
+  // memory exists.
+  auto withSize = [&](std::uint32_t side) {
+    auto bytes = good;
+    for (int i = 0; i < 8; ++i)
+      bytes[16 + i] = static_cast<std::uint8_t>(side >> (24 - 8 * (i % 4)));
+    auto crc = static_cast<std::uint32_t>(crc32(0, &bytes[12], 17));
+    for (int i = 0; i < 4; ++i) bytes[29 + i] = static_cast<std::uint8_t>(crc >> (24 - 8 * i));
+    return bytes;
+  };
   const std::vector<std::uint8_t> jpeg = {0xFF, 0xD8, 0xFF, 0xE0, 0, 16, 'J', 'F', 'I', 'F', 0};
 
   const std::pair<const char*, std::vector<std::uint8_t>> cases[] = {
-      {"empty", {}},  {"corrupt", corruptData}, {"truncated", truncated},
-      {"bomb", bomb}, {"jpeg", jpeg},
+      {"empty", {}},
+      {"corrupt", corruptData},
+      {"truncated", truncated},
+      {"huge", withSize(60000)},
+      {"bomb", withSize(8000)},
+      {"jpeg", jpeg},
   };
   for (const auto& [name, bytes] : cases) {
     SCOPED_TRACE(name);
@@ -147,6 +152,7 @@ TEST(PngDecodeTest, BadInputGivesInvalidImageException) {
     } catch (const Exception& e) {
       EXPECT_EQ(e.name(), "InvalidImageException");
       EXPECT_FALSE(e.reason().empty());
+      if (std::string(name) == "bomb") EXPECT_NE(e.reason().find("too small"), std::string::npos);
     }
   }
   EXPECT_THROW(Image::fromPNGFile("/nonexistent/file.png"), Exception);
