@@ -152,7 +152,9 @@ TEST(PngDecodeTest, BadInputGivesInvalidImageException) {
     } catch (const Exception& e) {
       EXPECT_EQ(e.name(), "InvalidImageException");
       EXPECT_FALSE(e.reason().empty());
-      if (std::string(name) == "bomb") EXPECT_NE(e.reason().find("too small"), std::string::npos);
+      if (std::string(name) == "bomb") {
+        EXPECT_NE(e.reason().find("too small"), std::string::npos);
+      }
     }
   }
   EXPECT_THROW(Image::fromPNGFile("/nonexistent/file.png"), Exception);
