@@ -1,5 +1,7 @@
 #include "server/compare/accessibility.h"
 
+#include "server/compare/pixel_levels.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -48,6 +50,13 @@ double requiredContrast(AccessibilityLevel level, AccessibilityRegionType type) 
 
 AccessibilityResult checkContrast(const Image& image, const AccessibilityRegion& region,
                                   AccessibilityLevel level) {
+  const detail::Pixels pixels{image.data(), static_cast<int>(image.width()),
+                              static_cast<int>(image.height())};
+  return detail::checkContrast(pixels, region, level);
+}
+
+AccessibilityResult detail::checkContrast(const Pixels& image, const AccessibilityRegion& region,
+                                          AccessibilityLevel level) {
   AccessibilityResult result;
   result.region = region;
   result.requiredRatio = requiredContrast(level, region.type);
@@ -57,13 +66,15 @@ AccessibilityResult checkContrast(const Image& image, const AccessibilityRegion&
   const auto limit = [](std::int64_t v, std::size_t max) {
     return static_cast<std::size_t>(std::clamp<std::int64_t>(v, 0, static_cast<std::int64_t>(max)));
   };
-  const std::size_t x0 = limit(r.left, image.width()), x1 = limit(r.right(), image.width());
-  const std::size_t y0 = limit(r.top, image.height()), y1 = limit(r.bottom(), image.height());
+  const std::size_t x0 = limit(r.left, static_cast<std::size_t>(image.width)),
+                    x1 = limit(r.right(), static_cast<std::size_t>(image.width));
+  const std::size_t y0 = limit(r.top, static_cast<std::size_t>(image.height)),
+                    y1 = limit(r.bottom(), static_cast<std::size_t>(image.height));
   if (!r.isEmpty() && x0 < x1 && y0 < y1) {
     std::vector<Bin> bins(4096);
     for (std::size_t y = y0; y < y1; ++y) {
       for (std::size_t x = x0; x < x1; ++x) {
-        const std::uint8_t* p = image.pixel(x, y);
+        const std::uint8_t* p = image.data + (y * image.width + x) * 4;
         std::array<unsigned, 3> c{p[0], p[1], p[2]};
         for (unsigned& v : c) v = 255 - ((255 - v) * p[3]) / 255;
         Bin& bin = bins[(c[0] >> 4) << 8 | (c[1] >> 4) << 4 | (c[2] >> 4)];

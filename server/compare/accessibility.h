@@ -22,4 +22,11 @@ double requiredContrast(AccessibilityLevel level, AccessibilityRegionType type);
 AccessibilityResult checkContrast(const Image& image, const AccessibilityRegion& region,
                                   AccessibilityLevel level);
 
+namespace detail {
+struct Pixels;
+/// The same on raw pixels, for the engine's own use.
+AccessibilityResult checkContrast(const Pixels& image, const AccessibilityRegion& region,
+                                  AccessibilityLevel level);
+}  // namespace detail
+
 }  // namespace saffra::compare

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "saffra/platform/png_fast.h"
 #include "server/compare/accessibility.h"
 #include "server/compare/pixel_levels.h"
 
@@ -11,7 +12,12 @@ namespace saffra::compare {
 
 namespace {
 
+using detail::Pixels;
 using detail::Span;
+
+Pixels view(const Image& image) {
+  return {image.data(), static_cast<int>(image.width()), static_cast<int>(image.height())};
+}
 
 struct Clip {
   int x0 = 0, y0 = 0, x1 = 0, y1 = 0;
@@ -34,10 +40,10 @@ void clearMask(std::vector<std::uint8_t>& mask, std::size_t stride, const Clip& 
 }
 
 // Marks the differences of one area at `level` (None marks nothing).
-void diffArea(const Image& a, const Image& b, MatchLevel level, const Clip& c,
+void diffArea(const Pixels& a, const Pixels& b, MatchLevel level, const Clip& c,
               std::vector<std::uint8_t>& mask) {
   if (c.isEmpty()) return;
-  const std::size_t stride = a.width();
+  const std::size_t stride = a.width;
   const Span s{
       &a, &b, c.x0, c.y0, c.x0, c.y0, c.width(), c.height(), &mask[c.y0 * stride + c.x0], stride};
   switch (level) {
@@ -73,9 +79,9 @@ Clip searchArea(const FloatingRegion& f, std::size_t width, std::size_t height) 
 
 // True when the baseline's content of `f` appears in the checkpoint at some allowed offset,
 // nearest offsets first.
-bool floatingFound(const Image& a, const Image& b, const FloatingRegion& f, const Clip& region) {
+bool floatingFound(const Pixels& a, const Pixels& b, const FloatingRegion& f, const Clip& region) {
   const int w = region.width(), h = region.height();
-  const int iw = static_cast<int>(a.width()), ih = static_cast<int>(a.height());
+  const int iw = a.width, ih = a.height;
   const auto reach = [](std::int64_t v) {
     return static_cast<int>(std::clamp<std::int64_t>(v, 0, 1 << 16));
   };
@@ -227,16 +233,20 @@ CompareOptions CompareOptions::fromJson(const Json& settings) {
   return options;
 }
 
-CompareResult compareImages(const Image& baseline, const Image& checkpoint,
-                            const CompareOptions& options) {
+namespace {
+
+// The comparison proper, on pixels that may live in an Image or in a decoding buffer.
+CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
+                           const CompareOptions& options) {
   CompareResult result;
   for (const AccessibilityRegion& region : options.accessibilityRegions) {
-    result.accessibility.push_back(checkContrast(checkpoint, region, options.accessibilityLevel));
+    result.accessibility.push_back(
+        detail::checkContrast(checkpoint, region, options.accessibilityLevel));
   }
-  const std::size_t width = baseline.width(), height = baseline.height();
-  if (width != checkpoint.width() || height != checkpoint.height()) {
-    const std::size_t w = std::max(width, checkpoint.width());
-    const std::size_t h = std::max(height, checkpoint.height());
+  const std::size_t width = baseline.width, height = baseline.height;
+  if (baseline.width != checkpoint.width || baseline.height != checkpoint.height) {
+    const std::size_t w = std::max(baseline.width, checkpoint.width);
+    const std::size_t h = std::max(baseline.height, checkpoint.height);
     result.matches = false;
     result.sizesDiffer = true;
     result.differingPixels = w * h;
@@ -245,8 +255,13 @@ CompareResult compareImages(const Image& baseline, const Image& checkpoint,
     return result;
   }
   if (options.level == MatchLevel::None || width == 0 || height == 0) return result;
+  // Neighbour reads stay inside these sizes; the pixel buffers hold width * height pixels.
+  static_assert(Image::kMaxDimension < (1u << 30));
 
-  std::vector<std::uint8_t> mask(width * height, 0);
+  // The mask lives in a buffer each thread keeps: fresh memory for every comparison would cost
+  // more in page faults than the comparison itself.
+  static thread_local std::vector<std::uint8_t> mask;
+  mask.assign(width * height, 0);
   diffArea(baseline, checkpoint, options.level,
            clip({0, 0, static_cast<std::int64_t>(width), static_cast<std::int64_t>(height)}, width,
                 height),
@@ -296,16 +311,32 @@ CompareResult compareImages(const Image& baseline, const Image& checkpoint,
             });
   result.matches = result.differences.empty();
   if (!result.matches && options.keepMask) {
-    result.mask = std::move(mask);
+    result.mask = mask;
     result.maskWidth = width;
     result.maskHeight = height;
   }
   return result;
 }
 
+}  // namespace
+
+CompareResult compareImages(const Image& baseline, const Image& checkpoint,
+                            const CompareOptions& options) {
+  return compareViews(view(baseline), view(checkpoint), options);
+}
+
 CompareResult comparePNG(const std::vector<std::uint8_t>& baselinePNG,
                          const std::vector<std::uint8_t>& checkpointPNG,
                          const CompareOptions& options) {
+  // Common screenshots decode into buffers each thread keeps; anything else through Image.
+  static thread_local std::vector<std::uint8_t> baselinePixels, checkpointPixels;
+  std::size_t bw = 0, bh = 0, cw = 0, ch = 0;
+  if (png::decodeCommonInto(baselinePNG.data(), baselinePNG.size(), baselinePixels, bw, bh) &&
+      png::decodeCommonInto(checkpointPNG.data(), checkpointPNG.size(), checkpointPixels, cw, ch)) {
+    return compareViews({baselinePixels.data(), static_cast<int>(bw), static_cast<int>(bh)},
+                        {checkpointPixels.data(), static_cast<int>(cw), static_cast<int>(ch)},
+                        options);
+  }
   const std::shared_ptr<Image> baseline = Image::fromPNGData(baselinePNG);
   const std::shared_ptr<Image> checkpoint = Image::fromPNGData(checkpointPNG);
   return compareImages(*baseline, *checkpoint, options);

@@ -14,7 +14,9 @@
 //               its colour lies channel by channel between the colours of those neighbours
 //               (kBlendSlack levels of slack), as a blend of glyph and background does. The
 //               remaining pixels count only where they cluster:
-//               at least kMinClusterPixels of them inside one 8x8 tile, or touching such a tile.
+//               at least kMinClusterPixels of them inside one 16x16 window (at 8-pixel steps),
+//               or next to such a window. Inside an 8x8 tile that already holds that many,
+//               every further differing pixel counts without the anti-aliasing test.
 //               So re-rendered text whose anti-aliasing changed matches, while a changed word, a
 //               moved element or a recoloured link does not.
 //   Content (3) Like Strict, but only the shapes count: a pixel counts when Strict counts it and

@@ -14,8 +14,8 @@ inline std::uint32_t load(const std::uint8_t* p) {
   return v;
 }
 
-inline const std::uint8_t* at(const Image& image, int x, int y) {
-  return image.data() + (static_cast<std::size_t>(y) * image.width() + x) * 4;
+inline const std::uint8_t* at(const Pixels& image, int x, int y) {
+  return image.data + (static_cast<std::size_t>(y) * image.width + x) * 4;
 }
 
 struct Yiq {
@@ -54,28 +54,35 @@ constexpr float kAntialiasLimit =
 // True when `target` could be a re-rendering of the pixels of `image` within one pixel of
 // (x, y): one of them is within `limit` of it, or its colour lies between theirs (channel by
 // channel, with a little slack), as a blend of neighbouring glyph and background pixels does.
-bool explainedBy(const Image& image, int x, int y, std::uint32_t target, const Yiq& targetYiq,
+bool explainedBy(const Pixels& image, int x, int y, std::uint32_t target, const Yiq& targetYiq,
                  float limit) {
-  const int w = static_cast<int>(image.width()), h = static_cast<int>(image.height());
+  const int w = image.width, h = image.height;
   const int x0 = std::max(x - 1, 0), x1 = std::min(x + 1, w - 1);
   const int y0 = std::max(y - 1, 0), y1 = std::min(y + 1, h - 1);
+  // The blend test first: integer work only, and it settles most anti-aliased pixels.
   int lo[3] = {255, 255, 255}, hi[3] = {0, 0, 0};
   for (int yy = y0; yy <= y1; ++yy) {
     const std::uint8_t* row = at(image, 0, yy);
     for (int xx = x0; xx <= x1; ++xx) {
-      const std::uint32_t v = load(row + xx * 4);
-      if (distance(toYiq(v), targetYiq) <= limit) return true;
       for (int c = 0; c < 3; ++c) {
-        const int channel = static_cast<int>((v >> (8 * c)) & 255u);
+        const int channel = row[xx * 4 + c];
         lo[c] = std::min(lo[c], channel), hi[c] = std::max(hi[c], channel);
       }
     }
   }
+  bool between = true;
   for (int c = 0; c < 3; ++c) {
     const int channel = static_cast<int>((target >> (8 * c)) & 255u);
-    if (channel < lo[c] - kBlendSlack || channel > hi[c] + kBlendSlack) return false;
+    between = between && channel >= lo[c] - kBlendSlack && channel <= hi[c] + kBlendSlack;
   }
-  return true;
+  if (between) return true;
+  for (int yy = y0; yy <= y1; ++yy) {
+    const std::uint8_t* row = at(image, 0, yy);
+    for (int xx = x0; xx <= x1; ++xx) {
+      if (distance(toYiq(load(row + xx * 4)), targetYiq) <= limit) return true;
+    }
+  }
+  return false;
 }
 
 inline bool contrasting(const std::uint8_t* p, const std::uint8_t* q) {
@@ -86,14 +93,14 @@ inline bool contrasting(const std::uint8_t* p, const std::uint8_t* q) {
 }
 
 // True when the pixel at (x, y) contrasts with its right or lower neighbour.
-bool edgeAt(const Image& image, int x, int y) {
-  const int w = static_cast<int>(image.width()), h = static_cast<int>(image.height());
+bool edgeAt(const Pixels& image, int x, int y) {
+  const int w = image.width, h = image.height;
   const std::uint8_t* p = at(image, x, y);
   return (x + 1 < w && contrasting(p, p + 4)) || (y + 1 < h && contrasting(p, p + w * 4));
 }
 
-bool edgeNear(const Image& image, int x, int y) {
-  const int w = static_cast<int>(image.width()), h = static_cast<int>(image.height());
+bool edgeNear(const Pixels& image, int x, int y) {
+  const int w = image.width, h = image.height;
   for (int yy = std::max(y - 1, 0); yy <= std::min(y + 1, h - 1); ++yy) {
     for (int xx = std::max(x - 1, 0); xx <= std::min(x + 1, w - 1); ++xx) {
       if (edgeAt(image, xx, yy)) return true;
@@ -104,14 +111,14 @@ bool edgeNear(const Image& image, int x, int y) {
 
 // The element boxes of an area: colour edges joined across small gaps, each joined group
 // replaced by its filled bounding box. One byte per pixel, 1 inside a box.
-std::vector<std::uint8_t> elementBoxes(const Image& image, int x0, int y0, int w, int h) {
+std::vector<std::uint8_t> elementBoxes(const Pixels& image, int x0, int y0, int w, int h) {
   const std::size_t n = static_cast<std::size_t>(w) * h;
   std::vector<std::uint8_t> joined(n, 0);
   for (int y = 0; y < h; ++y) {
     for (int x = 0; x < w; ++x) {
       const std::uint8_t* p = at(image, x0 + x, y0 + y);
       const bool edge = (x + 1 < w && contrasting(p, p + 4)) ||
-                        (y + 1 < h && contrasting(p, p + image.width() * 4));
+                        (y + 1 < h && contrasting(p, p + image.width * 4));
       joined[static_cast<std::size_t>(y) * w + x] = edge;
     }
   }
@@ -199,7 +206,13 @@ std::size_t diffExact(const Span& s) {
 std::size_t diffStrict(const Span& s, bool shapesOnly) {
   std::size_t count = 0;
   const std::size_t bytes = static_cast<std::size_t>(s.width) * 4;
+  // Unexplained differences so far in each 8x8 tile of the current band of rows. Once a tile
+  // holds enough to count as changed, its other differing pixels count without the
+  // anti-aliasing test: the verdict cannot change, and large changes stay cheap.
+  constexpr int kTile = 8;
+  static thread_local std::vector<int> band;
   for (int j = 0; j < s.height; ++j) {
+    if (j % kTile == 0) band.assign(static_cast<std::size_t>(s.width / kTile + 1), 0);
     const std::uint8_t* ra = at(*s.a, s.ax, s.ay + j);
     const std::uint8_t* rb = at(*s.b, s.bx, s.by + j);
     if (std::memcmp(ra, rb, bytes) == 0) continue;
@@ -209,18 +222,22 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
       if (pa == pb) continue;
       const Yiq ya = toYiq(pa), yb = toYiq(pb);
       if (distance(ya, yb) <= kStrictLimit) continue;
-      const int xa = s.ax + i, yA = s.ay + j, xb = s.bx + i, yB = s.by + j;
-      if (explainedBy(*s.b, xb, yB, pa, ya, kAntialiasLimit) &&
-          explainedBy(*s.a, xa, yA, pb, yb, kAntialiasLimit)) {
-        m[i] = kForgiven;
-        continue;
-      }
-      if (shapesOnly && (!edgeAt(*s.a, xa, yA) || edgeNear(*s.b, xb, yB)) &&
-          (!edgeAt(*s.b, xb, yB) || edgeNear(*s.a, xa, yA))) {
-        m[i] = kForgiven;
-        continue;
+      int& inTile = band[i / kTile];
+      if (shapesOnly || inTile < kMinClusterPixels) {
+        const int xa = s.ax + i, yA = s.ay + j, xb = s.bx + i, yB = s.by + j;
+        if (explainedBy(*s.b, xb, yB, pa, ya, kAntialiasLimit) &&
+            explainedBy(*s.a, xa, yA, pb, yb, kAntialiasLimit)) {
+          m[i] = kForgiven;
+          continue;
+        }
+        if (shapesOnly && (!edgeAt(*s.a, xa, yA) || edgeNear(*s.b, xb, yB)) &&
+            (!edgeAt(*s.b, xb, yB) || edgeNear(*s.a, xa, yA))) {
+          m[i] = kForgiven;
+          continue;
+        }
       }
       m[i] = kCandidate;
+      ++inTile;
       ++count;
     }
   }
@@ -282,7 +299,10 @@ Clusters cluster(std::uint8_t* mask, std::size_t maskStride, int width, int heig
   constexpr int kTile = 8;
   const int tilesX = (width + kTile - 1) / kTile, tilesY = (height + kTile - 1) / kTile;
   const auto tile = [&](int tx, int ty) { return static_cast<std::size_t>(ty) * tilesX + tx; };
-  std::vector<int> counts(static_cast<std::size_t>(tilesX) * tilesY, 0);
+  // Per-tile scratch lives in buffers each thread keeps (fresh memory costs page faults).
+  const std::size_t tiles = static_cast<std::size_t>(tilesX) * tilesY;
+  static thread_local std::vector<int> counts;
+  counts.assign(tiles, 0);
   std::size_t marked = 0;
   for (int y = 0; y < height; ++y) {
     const std::uint8_t* m = mask + y * maskStride;
@@ -295,9 +315,10 @@ Clusters cluster(std::uint8_t* mask, std::size_t maskStride, int width, int heig
   if (marked == 0) return result;
 
   // Tiles whose candidates count: those in or next to a 2x2-tile window holding enough.
-  std::vector<std::uint8_t> counting(counts.size(), 0);
+  static thread_local std::vector<std::uint8_t> counting, hot, seen;
+  counting.assign(tiles, 0);
   {
-    std::vector<std::uint8_t> hot(counts.size(), 0);
+    hot.assign(tiles, 0);
     for (int ty = 0; ty < tilesY; ++ty) {
       for (int tx = 0; tx < tilesX; ++tx) {
         int sum = 0;
@@ -326,7 +347,8 @@ Clusters cluster(std::uint8_t* mask, std::size_t maskStride, int width, int heig
   struct Box {
     int left = 1 << 30, top = 1 << 30, right = -1, bottom = -1;
   };
-  std::vector<Box> tileBoxes(counts.size());
+  static thread_local std::vector<Box> tileBoxes;
+  tileBoxes.assign(tiles, Box{});
   const auto addToBox = [](Box& b, int x, int y) {
     b.left = std::min(b.left, x), b.right = std::max(b.right, x);
     b.top = std::min(b.top, y), b.bottom = std::max(b.bottom, y);
@@ -353,7 +375,7 @@ Clusters cluster(std::uint8_t* mask, std::size_t maskStride, int width, int heig
   }
 
   // Difference boxes: 8-connected groups of tiles with counted pixels.
-  std::vector<std::uint8_t> seen(counts.size(), 0);
+  seen.assign(tiles, 0);
   std::vector<std::size_t> stack;
   for (std::size_t start = 0; start < counts.size(); ++start) {
     if (seen[start] || tileBoxes[start].right < 0) continue;

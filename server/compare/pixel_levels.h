@@ -15,12 +15,19 @@ namespace saffra::compare::detail {
 /// Mask values while a comparison runs.
 enum : std::uint8_t { kSame = 0, kForgiven = 1, kCounted = 2, kCandidate = 3 };
 
+/// Straight RGBA pixels in rows without padding (an Image's, or a decoding buffer's).
+struct Pixels {
+  const std::uint8_t* data;
+  int width;
+  int height;
+};
+
 /// An area of `width` x `height` pixels compared between `a` at (ax, ay) and `b` at (bx, by);
 /// the mask byte of its pixel (i, j) is mask[j * maskStride + i]. Neighbours are read from the
 /// whole images, so an area's border pixels see across it.
 struct Span {
-  const Image* a;
-  const Image* b;
+  const Pixels* a;
+  const Pixels* b;
   int ax, ay, bx, by, width, height;
   std::uint8_t* mask;
   std::size_t maskStride;
