@@ -178,7 +178,7 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
   static thread_local std::vector<std::uint8_t> raw;
   const std::size_t rawSize = height * (rowBytes + 1);
   raw.resize(rawSize + 1);
-  if (raw.capacity() > 4 * raw.size() + (std::size_t{64} << 20)) raw.shrink_to_fit();
+
   static thread_local Decompressor decompressor;
   if (!decompressor.d ||
       libdeflate_zlib_decompress(decompressor.d, compressed.data(), compressed.size(), raw.data(),
@@ -205,6 +205,7 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
   }
   outWidth = width;
   outHeight = height;
+  if (raw.capacity() > (std::size_t{64} << 20)) std::vector<std::uint8_t>().swap(raw);
   return true;
 }
 

@@ -1,6 +1,9 @@
 #include "server/compare/compare.h"
 
 #include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -67,36 +70,49 @@ void diffArea(const Pixels& a, const Pixels& b, MatchLevel level, const Clip& c,
 
 // The area a floating region's content may occupy in the checkpoint.
 Clip searchArea(const FloatingRegion& f, std::size_t width, std::size_t height) {
-  const std::int64_t up = std::max<std::int64_t>(f.maxUpOffset, 0);
-  const std::int64_t down = std::max<std::int64_t>(f.maxDownOffset, 0);
-  const std::int64_t left = std::max<std::int64_t>(f.maxLeftOffset, 0);
-  const std::int64_t right = std::max<std::int64_t>(f.maxRightOffset, 0);
-  if (f.rect.isEmpty()) return {};
-  return clip(
-      {f.rect.left - left, f.rect.top - up, f.rect.width + left + right, f.rect.height + up + down},
-      width, height);
+  // Offsets past the image change nothing, so they are cut to its size before any arithmetic.
+  const Clip region = clip(f.rect, width, height);
+  if (region.isEmpty()) return {};
+  const auto cut = [](std::int64_t v, std::size_t limit) {
+    return static_cast<int>(std::clamp<std::int64_t>(v, 0, static_cast<std::int64_t>(limit)));
+  };
+  return {std::max(region.x0 - cut(f.maxLeftOffset, width), 0),
+          std::max(region.y0 - cut(f.maxUpOffset, height), 0),
+          std::min(region.x1 + cut(f.maxRightOffset, width), static_cast<int>(width)),
+          std::min(region.y1 + cut(f.maxDownOffset, height), static_cast<int>(height))};
 }
+
+// The most pixel comparisons spent looking for one floating region's content; offsets left
+// when it is spent count as not found (so huge offsets cannot stall the service).
+constexpr std::uint64_t kFloatingBudget = std::uint64_t{1} << 28;
 
 // True when the baseline's content of `f` appears in the checkpoint at some allowed offset,
 // nearest offsets first.
 bool floatingFound(const Pixels& a, const Pixels& b, const FloatingRegion& f, const Clip& region) {
   const int w = region.width(), h = region.height();
-  const int iw = a.width, ih = a.height;
-  const auto reach = [](std::int64_t v) {
-    return static_cast<int>(std::clamp<std::int64_t>(v, 0, 1 << 16));
+  const std::uint64_t area = static_cast<std::uint64_t>(w) * h;
+  const auto reach = [](std::int64_t v, int limit) {
+    return static_cast<int>(std::clamp<std::int64_t>(v, 0, limit));
   };
-  const int up = reach(f.maxUpOffset), down = reach(f.maxDownOffset);
-  const int left = reach(f.maxLeftOffset), right = reach(f.maxRightOffset);
+  // Offsets that keep the region inside the image; when there are more than the budget
+  // covers, each direction is shortened alike.
+  int up = reach(f.maxUpOffset, region.y0), down = reach(f.maxDownOffset, a.height - region.y1);
+  int left = reach(f.maxLeftOffset, region.x0),
+      right = reach(f.maxRightOffset, a.width - region.x1);
+  const std::uint64_t affordable = std::max<std::uint64_t>(kFloatingBudget / area, 1);
+  if (static_cast<std::uint64_t>(up + down + 1) * (left + right + 1) > affordable) {
+    const int r = static_cast<int>(std::sqrt(static_cast<double>(affordable))) / 2;
+    up = std::min(up, r), down = std::min(down, r), left = std::min(left, r),
+    right = std::min(right, r);
+  }
   std::vector<std::pair<int, int>> offsets;
-  for (int dy = -std::min(up, region.y0); dy <= std::min(down, ih - region.y1); ++dy) {
-    for (int dx = -std::min(left, region.x0); dx <= std::min(right, iw - region.x1); ++dx) {
-      offsets.emplace_back(dx, dy);
-    }
+  for (int dy = -up; dy <= down; ++dy) {
+    for (int dx = -left; dx <= right; ++dx) offsets.emplace_back(dx, dy);
   }
   std::stable_sort(offsets.begin(), offsets.end(), [](const auto& p, const auto& q) {
     return std::abs(p.first) + std::abs(p.second) < std::abs(q.first) + std::abs(q.second);
   });
-  std::vector<std::uint8_t> scratch(static_cast<std::size_t>(w) * h);
+  std::vector<std::uint8_t> scratch(area);
   for (const auto& [dx, dy] : offsets) {
     std::fill(scratch.begin(), scratch.end(), 0);
     const Span s{&a,
@@ -113,6 +129,13 @@ bool floatingFound(const Pixels& a, const Pixels& b, const FloatingRegion& f, co
     if (detail::cluster(scratch.data(), w, w, h, 0, 0).counted == 0) return true;
   }
   return false;
+}
+
+// Large scratch buffers are kept between comparisons only up to this size.
+constexpr std::size_t kKeptBuffer = std::size_t{64} << 20;
+
+void releaseIfLarge(std::vector<std::uint8_t>& buffer) {
+  if (buffer.capacity() > kKeptBuffer) std::vector<std::uint8_t>().swap(buffer);
 }
 
 const std::vector<std::pair<std::string_view, MatchLevel>> kMatchLevels = {
@@ -152,6 +175,16 @@ std::vector<PixelRect> rectsFromJson(const Json& settings, std::string_view key)
 }
 
 }  // namespace
+
+std::int64_t PixelRect::right() const {
+  std::int64_t edge = 0;
+  return __builtin_add_overflow(left, width, &edge) ? (width > 0 ? INT64_MAX : INT64_MIN) : edge;
+}
+
+std::int64_t PixelRect::bottom() const {
+  std::int64_t edge = 0;
+  return __builtin_add_overflow(top, height, &edge) ? (height > 0 ? INT64_MAX : INT64_MIN) : edge;
+}
 
 std::string_view matchLevelName(MatchLevel level) {
   for (const auto& [name, value] : kMatchLevels) {
@@ -315,6 +348,7 @@ CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
     result.maskWidth = width;
     result.maskHeight = height;
   }
+  releaseIfLarge(mask);
   return result;
 }
 
@@ -333,9 +367,12 @@ CompareResult comparePNG(const std::vector<std::uint8_t>& baselinePNG,
   std::size_t bw = 0, bh = 0, cw = 0, ch = 0;
   if (png::decodeCommonInto(baselinePNG.data(), baselinePNG.size(), baselinePixels, bw, bh) &&
       png::decodeCommonInto(checkpointPNG.data(), checkpointPNG.size(), checkpointPixels, cw, ch)) {
-    return compareViews({baselinePixels.data(), static_cast<int>(bw), static_cast<int>(bh)},
-                        {checkpointPixels.data(), static_cast<int>(cw), static_cast<int>(ch)},
-                        options);
+    CompareResult result = compareViews(
+        {baselinePixels.data(), static_cast<int>(bw), static_cast<int>(bh)},
+        {checkpointPixels.data(), static_cast<int>(cw), static_cast<int>(ch)}, options);
+    releaseIfLarge(baselinePixels);
+    releaseIfLarge(checkpointPixels);
+    return result;
   }
   const std::shared_ptr<Image> baseline = Image::fromPNGData(baselinePNG);
   const std::shared_ptr<Image> checkpoint = Image::fromPNGData(checkpointPNG);

@@ -36,10 +36,11 @@
 // layout, strict and content regions compare at their own level inside the region (later kinds
 // win where they overlap: layout, then content, then strict, then floating, then ignore);
 // a floating region matches when the baseline's content of the region is found in the
-// checkpoint within the allowed offsets, and its whole search area is otherwise left out of the
-// page comparison. Accessibility regions do not change the verdict: each is reported with the
-// contrast ratio of its dominant text and background colours and whether it meets the level.
-// Images of different sizes never match.
+// checkpoint within the allowed offsets (nearest offsets first; a search is bounded to about
+// 2^28 pixel comparisons, beyond which far offsets are not tried), and its whole search area
+// is otherwise left out of the page comparison. Accessibility regions do not change the verdict:
+// each is reported with the contrast ratio of its dominant text and background colours and whether
+// it meets the level. Images of different sizes never match.
 #pragma once
 
 #include <cstddef>
@@ -88,8 +89,9 @@ struct PixelRect {
   std::int64_t width = 0;
   std::int64_t height = 0;
   bool operator==(const PixelRect&) const = default;
-  std::int64_t right() const { return left + width; }
-  std::int64_t bottom() const { return top + height; }
+  /// The far edges; saturated, so rectangles near the 64-bit limits never overflow.
+  std::int64_t right() const;
+  std::int64_t bottom() const;
   bool isEmpty() const { return width <= 0 || height <= 0; }
 };
 

@@ -106,7 +106,11 @@ TEST(CompareTest, RegionsChangeHowTheirAreaIsCompared) {
 
   // Empty, negative and far-away regions have no effect.
   CompareOptions odd;
-  odd.ignoreRegions = {{40, 130, 0, 24}, {40, 130, 60, -5}, {5000, 5000, 10, 10}};
+  odd.ignoreRegions = {{40, 130, 0, 24},
+                       {40, 130, 60, -5},
+                       {5000, 5000, 10, 10},
+                       {INT64_MAX - 5, 0, 100, 10},
+                       {INT64_MIN, INT64_MIN, INT64_MAX, INT64_MAX}};
   EXPECT_FALSE(compareImages(base, moved, odd).matches);
 }
 
@@ -124,6 +128,11 @@ TEST(CompareTest, FloatingRegionsMatchWithinTheirOffsets) {
   ASSERT_EQ(r.differences.size(), 1u);
   EXPECT_EQ(r.differences[0], button);
   EXPECT_GT(r.differingPixels, 0u);
+
+  // Offsets beyond the image are cut to it; absurd ones neither crash nor stall.
+  CompareOptions huge;
+  huge.floatingRegions = {{button, INT64_MAX, INT64_MIN, 1'000'000'000, 1'000'000'000}};
+  EXPECT_TRUE(compareImages(base, moved, huge).matches);
 }
 
 TEST(CompareTest, SizesAndTinyImages) {
