@@ -139,6 +139,7 @@ ToolRun runOdiff(const std::string& binary, const Pair& p, int iterations) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
     pid_t pid = 0;
     if (posix_spawn(&pid, binary.c_str(), &actions, nullptr, const_cast<char* const*>(argv),
                     environ) != 0) {
