@@ -4,6 +4,8 @@
 #include <cstring>
 #include <vector>
 
+#include "server/accessibility.h"
+
 namespace saffra::server {
 
 namespace {
@@ -78,6 +80,15 @@ MatchOutcome matchImages(const Image& baseline, const Image& current,
                          const MatchSettings& settings) {
   if (settings.matchLevel == MatchLevel::None) return {true, nullptr};
   return exactComparison(baseline, current, settings);
+}
+
+std::optional<AccessibilityVerdict> checkAccessibility(const Image& image,
+                                                       const MatchSettings& settings) {
+  if (settings.accessibility.empty()) return std::nullopt;
+  AccessibilityVerdict verdict;
+  verdict.level = settings.accessibilityLevel == "AAA" ? "AAA" : "AA";
+  verdict.passed = contrastPasses(image, settings.accessibility, verdict.level);
+  return verdict;
 }
 
 }  // namespace saffra::server

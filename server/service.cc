@@ -18,7 +18,6 @@
 #include "saffra/platform/image.h"
 #include "saffra/platform/json.h"
 #include "saffra/platform/uuid.h"
-#include "server/accessibility.h"
 #include "server/base64.h"
 #include "server/match_settings.h"
 #include "server/matcher.h"
@@ -351,10 +350,9 @@ struct Service::Impl {
         std::vector<std::uint8_t> diffPng = outcome.diff->pngData();
         step.diffImage = store->putImage(diffPng);
       }
-      if (!settings.accessibility.empty()) {
-        step.accessibilityLevel = settings.accessibilityLevel == "AAA" ? "AAA" : "AA";
-        step.accessibilityPassed =
-            contrastPasses(*current, settings.accessibility, step.accessibilityLevel);
+      if (auto verdict = checkAccessibility(*current, settings)) {
+        step.accessibilityPassed = verdict->passed;
+        step.accessibilityLevel = verdict->level;
       }
       store->insertStep(id, step);
     }
