@@ -1,7 +1,7 @@
-// The one place where the service compares a step's image with its baseline. It maps the
-// step's matching settings onto the comparison and hands back the verdict and, for a mismatch,
-// a diff image (the baseline dimmed with the differences marked), and checks the contrast of
-// the step's accessibility regions.
+// The one place where the service uses the comparison engine (saffra::compare): it maps a
+// step's matching settings onto the engine's options and hands back the verdict and, for a
+// mismatch, a diff image (the baseline faded with the differences marked), and checks the
+// contrast of the step's accessibility regions.
 #pragma once
 
 #include <memory>
