@@ -1,6 +1,5 @@
 #include "server/match_settings.h"
 
-#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -56,18 +55,6 @@ Json rectsJson(const std::vector<PixelRect>& rects) {
 }
 
 }  // namespace
-
-PixelSpan clipToImage(const PixelRect& rect, std::size_t width, std::size_t height) {
-  // Doubles cannot overflow here, and every end is clamped into the image before use.
-  auto clamp = [](double v, std::size_t limit) {
-    return static_cast<std::size_t>(std::clamp(v, 0.0, static_cast<double>(limit)));
-  };
-  double left = static_cast<double>(rect.left);
-  double top = static_cast<double>(rect.top);
-  double right = left + std::max(static_cast<double>(rect.width), 0.0);
-  double bottom = top + std::max(static_cast<double>(rect.height), 0.0);
-  return {clamp(left, width), clamp(top, height), clamp(right, width), clamp(bottom, height)};
-}
 
 std::string matchLevelName(MatchLevel level) {
   for (const auto& [value, name] : kLevelNames) {

@@ -2,7 +2,6 @@
 // or as the session's defaults in a start request ("defaultMatchSettings").
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -28,14 +27,6 @@ struct PixelRect {
   std::int64_t height = 0;
   bool operator==(const PixelRect&) const = default;
 };
-
-/// The pixel columns [x0, x1) and rows [y0, y1) of a rectangle inside a width x height image;
-/// empty when they do not meet. Safe for any values, however large or negative.
-struct PixelSpan {
-  std::size_t x0 = 0, y0 = 0, x1 = 0, y1 = 0;
-  bool empty() const { return x0 >= x1 || y0 >= y1; }
-};
-PixelSpan clipToImage(const PixelRect& rect, std::size_t width, std::size_t height);
 
 /// An area whose content may move by up to the given offsets and still match.
 struct FloatingRegion {

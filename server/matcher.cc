@@ -1,5 +1,7 @@
 #include "server/matcher.h"
 
+#include <algorithm>
+
 #include "server/compare/accessibility.h"
 #include "server/compare/compare.h"
 

@@ -219,6 +219,9 @@ TEST_F(ServiceTest, StepSettingsDecideTheMatch) {
       {"ignore region elsewhere", wireSettings("Strict", Json::array({region(20, 0, 12, 12)})),
        false},
       {"level None", wireSettings("None"), true},
+      {"absurd ignore region",
+       wireSettings("Strict", Json::array({region(INT64_MAX - 5, INT64_MIN, INT64_MAX, 1)})),
+       false},
   };
   for (const Case& c : cases) {
     std::string id = harness_.start(test).body["id"];
