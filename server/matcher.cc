@@ -9,8 +9,15 @@ namespace saffra::server {
 
 namespace {
 
+// Clients send any 64-bit values; limiting them keeps the engine's sums (left + width) far
+// from overflow without changing any rectangle that can meet an image.
+std::int64_t bounded(std::int64_t v) {
+  constexpr std::int64_t kLimit = std::int64_t{1} << 32;
+  return std::clamp(v, -kLimit, kLimit);
+}
+
 compare::PixelRect engineRect(const PixelRect& r) {
-  return {r.left, r.top, r.width, r.height};
+  return {bounded(r.left), bounded(r.top), bounded(r.width), bounded(r.height)};
 }
 
 std::vector<compare::PixelRect> engineRects(const std::vector<PixelRect>& rects) {
@@ -46,8 +53,9 @@ compare::CompareOptions engineOptions(const MatchSettings& s) {
   o.strictRegions = engineRects(s.strict);
   o.contentRegions = engineRects(s.content);
   for (const FloatingRegion& f : s.floating) {
-    o.floatingRegions.push_back(
-        {engineRect(f.rect), f.maxUpOffset, f.maxDownOffset, f.maxLeftOffset, f.maxRightOffset});
+    o.floatingRegions.push_back({engineRect(f.rect), bounded(f.maxUpOffset),
+                                 bounded(f.maxDownOffset), bounded(f.maxLeftOffset),
+                                 bounded(f.maxRightOffset)});
   }
   o.keepMask = true;
   return o;
