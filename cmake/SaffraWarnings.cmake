@@ -11,6 +11,11 @@ endif()
 
 function(saffra_set_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra)
+  # GCC's flow analysis reports false "maybe uninitialized" warnings inside the standard library
+  # when sanitizer instrumentation is on; they are real warnings only in the plain build.
+  if(SAFFRA_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)
+  endif()
   if(SAFFRA_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
