@@ -5,12 +5,16 @@
 #include <vector>
 
 #include "saffra/images/bitmap.h"
+#include "saffra/platform/bytes.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/format.h"
 
 namespace saffra::Resize {
 
 namespace {
+
+using bytes::load32;
+using bytes::load64;
 
 // The cubic on small integers. Every value is exact in a double, so this gives the same numbers
 // as the 64-bit integer form.
@@ -40,18 +44,6 @@ std::vector<Step> steps(std::int64_t count, std::int64_t sourceLength) {
     out[static_cast<std::size_t>(i)] = Step{static_cast<std::int64_t>(f), t, t * t, t * t * t};
   }
   return out;
-}
-
-inline std::uint32_t load32(const std::uint8_t* p) {
-  std::uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
-
-inline std::uint64_t load64(const std::uint8_t* p) {
-  std::uint64_t v;
-  std::memcpy(&v, p, 8);
-  return v;
 }
 
 // One output row of the vertical pass from the rows around it; rows that do not exist are

@@ -16,12 +16,16 @@
 #endif
 
 #include "saffra/platform/base64.h"
+#include "saffra/platform/bytes.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/png_fast.h"
 
 namespace saffra::png {
 
 namespace {
+
+using bytes::load32;
+using bytes::load64;
 
 // ---------------------------------------------------------------------------------------------
 // Decoding
@@ -107,18 +111,6 @@ inline unsigned distanceCode(unsigned distance) {
   unsigned x = distance - 1;
   int top = 31 - __builtin_clz(x);
   return 2 * static_cast<unsigned>(top) + ((x >> (top - 1)) & 1);
-}
-
-inline std::uint32_t load32(const std::uint8_t* p) {
-  std::uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
-
-inline std::uint64_t load64(const std::uint8_t* p) {
-  std::uint64_t v;
-  std::memcpy(&v, p, 8);
-  return v;
 }
 
 // Number of equal bytes at a and b, at most `limit`.
@@ -499,17 +491,13 @@ class BandCompressor {
   std::uint32_t adler_ = 1;
 };
 
-void putBigEndian(std::vector<std::uint8_t>& out, std::uint32_t v) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
-}
-
 void putChunk(std::vector<std::uint8_t>& out, const char* type, const std::uint8_t* data,
               std::size_t size) {
-  putBigEndian(out, static_cast<std::uint32_t>(size));
+  bytes::appendBigEndian32(out, static_cast<std::uint32_t>(size));
   std::size_t start = out.size();
   out.insert(out.end(), type, type + 4);
   out.insert(out.end(), data, data + size);
-  putBigEndian(out, crc32Update(0, out.data() + start, size + 4));
+  bytes::appendBigEndian32(out, crc32Update(0, out.data() + start, size + 4));
 }
 
 unsigned bandCount(std::size_t width, std::size_t height, unsigned threads) {
@@ -579,7 +567,7 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
   putChunk(out, "IHDR", ihdr, sizeof ihdr);
 
   // One IDAT chunk: zlib header (32K window, fastest), the bands, Adler-32.
-  putBigEndian(out, static_cast<std::uint32_t>(2 + compressed + 4));
+  bytes::appendBigEndian32(out, static_cast<std::uint32_t>(2 + compressed + 4));
   const std::size_t idatStart = out.size();
   for (char c : {'I', 'D', 'A', 'T'}) out.push_back(static_cast<std::uint8_t>(c));
   out.push_back(0x78);
@@ -588,8 +576,8 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
     out.insert(out.end(), part->output().begin(), part->output().end());
     part->output() = {};
   }
-  putBigEndian(out, adler);
-  putBigEndian(out, crc32Update(0, out.data() + idatStart, out.size() - idatStart));
+  bytes::appendBigEndian32(out, adler);
+  bytes::appendBigEndian32(out, crc32Update(0, out.data() + idatStart, out.size() - idatStart));
   putChunk(out, "IEND", nullptr, 0);
   return out;
 }

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include "saffra/platform/bytes.h"
+
 #ifdef SAFFRA_HAVE_LIBDEFLATE
 #include <libdeflate.h>
 #endif
@@ -20,10 +22,6 @@ static_assert(std::endian::native == std::endian::little, "pixels are packed lit
 
 namespace {
 
-std::uint32_t bigEndian(const std::uint8_t* p) {
-  return std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3];
-}
-
 struct Decompressor {
   libdeflate_decompressor* d = libdeflate_alloc_decompressor();
   ~Decompressor() { libdeflate_free_decompressor(d); }
@@ -33,9 +31,7 @@ struct Decompressor {
 // Loads four bytes (a pixel and, for 3-byte pixels, one byte beyond it: every row is followed
 // by at least one readable byte) and stores the Bpp (3 or 4) bytes of one pixel.
 inline __m128i loadPixel(const std::uint8_t* p) {
-  std::uint32_t v;
-  std::memcpy(&v, p, 4);
-  return _mm_cvtsi32_si128(static_cast<int>(v));
+  return _mm_cvtsi32_si128(static_cast<int>(bytes::load32(p)));
 }
 template <std::size_t Bpp>
 inline void storePixel(std::uint8_t* p, __m128i v) {
@@ -143,16 +139,17 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
   compressed.clear();
   bool ended = false;
   for (std::size_t at = 8; at + 12 <= size && !ended;) {
-    const std::size_t length = bigEndian(data + at);
+    const std::size_t length = bytes::loadBigEndian32(data + at);
     if (length > size - at - 12) return false;
     const std::uint8_t* type = data + at + 4;
     const std::uint8_t* body = type + 4;
-    if (libdeflate_crc32(0, type, length + 4) != bigEndian(body + length)) return false;
+    if (libdeflate_crc32(0, type, length + 4) != bytes::loadBigEndian32(body + length))
+      return false;
     if (at == 8) {
       // IHDR: 8-bit truecolour with or without alpha, deflate, standard filters, no interlace.
       if (std::memcmp(type, "IHDR", 4) != 0 || length != 13) return false;
-      width = bigEndian(body);
-      height = bigEndian(body + 4);
+      width = bytes::loadBigEndian32(body);
+      height = bytes::loadBigEndian32(body + 4);
       if (body[8] != 8 || (body[9] != 2 && body[9] != 6) || body[10] || body[11] || body[12]) {
         return false;
       }
