@@ -10,15 +10,14 @@
 //
 //   build/connector_bench --benchmark_filter=ConnectorVsCurl
 #include <benchmark/benchmark.h>
-#include <curl/curl.h>
 
-#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "saffra/images/logger.h"
 #include "saffra/platform/image.h"
 #include "saffra/service/server_connector.h"
@@ -26,32 +25,10 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace saffra::bench;
+
 constexpr const char* kSessionPath = "/api/sessions/running/bench";
 constexpr int kClearEvery = 16;
-
-// Standard base64 with CR LF between 64-character lines, as match steps upload images.
-std::string base64(const std::vector<std::uint8_t>& data) {
-  static const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  out.reserve(data.size() * 4 / 3 + data.size() / 24 + 8);
-  size_t column = 0;
-  for (size_t i = 0; i < data.size(); i += 3) {
-    std::uint32_t n = data[i] << 16;
-    if (i + 1 < data.size()) n |= data[i + 1] << 8;
-    if (i + 2 < data.size()) n |= data[i + 2];
-    if (column == 64) {
-      out += "\r\n";
-      column = 0;
-    }
-    out += alphabet[(n >> 18) & 63];
-    out += alphabet[(n >> 12) & 63];
-    out += i + 1 < data.size() ? alphabet[(n >> 6) & 63] : '=';
-    out += i + 2 < data.size() ? alphabet[n & 63] : '=';
-    column += 4;
-  }
-  return out;
-}
 
 // The server, the match data of one phone screenshot and its written body.
 struct Fixture {
@@ -82,66 +59,31 @@ Fixture& fixture() {
   return f;
 }
 
-double micros(Clock::duration d) {
-  return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double percentile(std::vector<double> values, double q) {
-  std::sort(values.begin(), values.end());
-  return values[std::min(values.size() - 1, static_cast<size_t>(q * values.size()))];
-}
-
 // The baseline: one reused easy handle posting the body with the connector's headers. With
 // `writeBody`, it writes the body from the record for every post, as the connector must; without,
 // it posts the text written once beforehand.
 class CurlPoster {
  public:
   explicit CurlPoster(bool writeBody = false)
-      : url_(fixture().server.url(std::string(kSessionPath) + "?apiKey=k")), writeBody_(writeBody) {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    easy_ = curl_easy_init();
-    const std::string& body = fixture().body;
-    for (std::string line : {"Content-Length: " + std::to_string(body.size()),
-                             std::string("Content-Type: application/json"),
-                             std::string("Accept: application/json"), std::string("Expect:")}) {
-      headers_ = curl_slist_append(headers_, line.c_str());
-    }
-    curl_easy_setopt(easy_, CURLOPT_URL, url_.c_str());
-    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headers_);
-    curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, body.data());
-    curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy_, CURLOPT_PROXY, "");
-    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, &reply_);
-    curl_easy_setopt(
-        easy_, CURLOPT_WRITEFUNCTION, +[](char* d, size_t s, size_t n, void* u) {
-          static_cast<std::string*>(u)->append(d, s * n);
-          return s * n;
-        });
-  }
-  ~CurlPoster() {
-    curl_slist_free_all(headers_);
-    curl_easy_cleanup(easy_);
+      : curl_(fixture().server.url(std::string(kSessionPath) + "?apiKey=k"), fixture().body.size()),
+        writeBody_(writeBody) {
+    curl_.setBody(fixture().body);
   }
   // Posts once; the latency in microseconds, or a negative number on failure.
   double post() {
-    reply_.clear();
     auto start = Clock::now();
     if (writeBody_) {
       body_ = saffra::json::write(fixture().matchData->dictionary());
-      curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, body_.data());
+      curl_.setBody(body_);
     }
-    bool ok = curl_easy_perform(easy_) == CURLE_OK;
+    bool ok = curl_.perform();
     return ok ? micros(Clock::now() - start) : -1;
   }
 
  private:
-  std::string url_;
+  CurlPost curl_;
   bool writeBody_;
   std::string body_;
-  CURL* easy_ = nullptr;
-  curl_slist* headers_ = nullptr;
-  std::string reply_;
 };
 
 // The same post through the connector, waiting for its completion handler.
@@ -166,20 +108,15 @@ class ConnectorPoster {
   std::shared_ptr<saffra::ServerConnector> connector_;
 };
 
+void clearRequests() {
+  fixture().server.clearRequests();
+}
+
 template <class Poster>
 void BM_Post(benchmark::State& state) {
   Poster poster;
-  std::vector<double> latencies;
-  for (auto _ : state) {
-    double latency = poster.post();
-    if (latency < 0) state.SkipWithError("request failed");
-    latencies.push_back(latency);
-    if (latencies.size() % kClearEvery == 0) fixture().server.clearRequests();
-  }
+  measureLatency(state, poster, kClearEvery, clearRequests);
   state.counters["body_bytes"] = static_cast<double>(fixture().body.size());
-  state.counters["p50_us"] = percentile(latencies, 0.5);
-  state.counters["p99_us"] = percentile(latencies, 0.99);
-  state.SetItemsProcessed(state.iterations());
 }
 
 // Both clients alternate request by request, so that load from elsewhere on the machine falls on
@@ -189,24 +126,8 @@ void BM_Post(benchmark::State& state) {
 void BM_ConnectorVsCurl(benchmark::State& state) {
   CurlPoster curl(state.range(0) != 0);
   ConnectorPoster connector;
-  std::vector<double> viaCurl, viaConnector;
-  for (auto _ : state) {
-    double c = curl.post();
-    double s = connector.post();
-    if (c < 0 || s < 0) state.SkipWithError("request failed");
-    viaCurl.push_back(c);
-    viaConnector.push_back(s);
-    if (viaCurl.size() % (kClearEvery / 2) == 0) fixture().server.clearRequests();
-  }
-  double sumCurl = 0, sumConnector = 0;
-  for (double v : viaCurl) sumCurl += v;
-  for (double v : viaConnector) sumConnector += v;
+  measurePaired(state, curl, connector, "connector", kClearEvery / 2, clearRequests);
   state.counters["body_bytes"] = static_cast<double>(fixture().body.size());
-  state.counters["curl_p50_us"] = percentile(viaCurl, 0.5);
-  state.counters["connector_p50_us"] = percentile(viaConnector, 0.5);
-  state.counters["p50_ratio"] = percentile(viaConnector, 0.5) / percentile(viaCurl, 0.5);
-  state.counters["p99_ratio"] = percentile(viaConnector, 0.99) / percentile(viaCurl, 0.99);
-  state.counters["mean_ratio"] = sumConnector / sumCurl;
 }
 
 // The part of a connector post that curl's baseline does not do: writing the record as JSON.

@@ -5,47 +5,24 @@
 //
 //   build/transport_bench --benchmark_filter=Paired
 #include <benchmark/benchmark.h>
-#include <curl/curl.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <future>
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "saffra/platform/http_transport.h"
 #include "saffra/platform/image.h"
 #include "testing/test_server.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace saffra::bench;
+
 constexpr const char* kPath = "/api/sessions/running/bench";
 constexpr int kClearEvery = 32;
-
-// Standard base64 with CR LF between 64-character lines.
-std::string base64(const std::vector<std::uint8_t>& data) {
-  static const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  out.reserve(data.size() * 4 / 3 + data.size() / 24 + 8);
-  size_t column = 0;
-  for (size_t i = 0; i < data.size(); i += 3) {
-    std::uint32_t n = data[i] << 16;
-    if (i + 1 < data.size()) n |= data[i + 1] << 8;
-    if (i + 2 < data.size()) n |= data[i + 2];
-    if (column == 64) {
-      out += "\r\n";
-      column = 0;
-    }
-    out += alphabet[(n >> 18) & 63];
-    out += alphabet[(n >> 12) & 63];
-    out += i + 1 < data.size() ? alphabet[(n >> 6) & 63] : '=';
-    out += i + 2 < data.size() ? alphabet[n & 63] : '=';
-    column += 4;
-  }
-  return out;
-}
 
 // The loopback server and the upload bodies: the screenshot's base64 text once (as the library
 // sends it) and twice (about 1.2 MB).
@@ -80,62 +57,27 @@ Fixture& fixture() {
   return f;
 }
 
-double micros(Clock::duration d) {
-  return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double percentile(std::vector<double> values, double q) {
-  std::sort(values.begin(), values.end());
-  return values[std::min(values.size() - 1, static_cast<size_t>(q * values.size()))];
-}
-
 // The baseline: one easy handle, reused, posting with a blocking curl_easy_perform.
 class EasyPoster {
  public:
-  explicit EasyPoster(const std::string& body) : url_(fixture().server.url(kPath)), body_(body) {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    easy_ = curl_easy_init();
-    headers_ =
-        curl_slist_append(headers_, ("Content-Length: " + std::to_string(body.size())).c_str());
-    headers_ = curl_slist_append(headers_, "Content-Type: application/json");
-    headers_ = curl_slist_append(headers_, "Accept: application/json");
-    headers_ = curl_slist_append(headers_, "Expect:");
-    curl_easy_setopt(easy_, CURLOPT_URL, url_.c_str());
-    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headers_);
-    curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy_, CURLOPT_PROXY, "");
-    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, &reply_);
-    curl_easy_setopt(
-        easy_, CURLOPT_WRITEFUNCTION, +[](char* d, size_t s, size_t n, void* u) {
-          static_cast<std::string*>(u)->append(d, s * n);
-          return s * n;
-        });
-  }
-  ~EasyPoster() {
-    curl_slist_free_all(headers_);
-    curl_easy_cleanup(easy_);
-  }
+  explicit EasyPoster(const std::string& body)
+      : curl_(fixture().server.url(kPath), body.size()), body_(body) {}
   // Posts once; returns the latency in microseconds, or a negative number on failure.
   double post() {
-    reply_.clear();
     // A fresh copy of the body, as for the transport, so both send from a newly built buffer.
     current_.clear();
     current_.shrink_to_fit();
     current_ = body_;
-    curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, current_.data());
+    curl_.setBody(current_);
     auto start = Clock::now();
-    bool ok = curl_easy_perform(easy_) == CURLE_OK;
+    bool ok = curl_.perform();
     return ok ? micros(Clock::now() - start) : -1;
   }
 
  private:
-  std::string url_;
+  CurlPost curl_;
   const std::string& body_;
   std::string current_;
-  CURL* easy_ = nullptr;
-  curl_slist* headers_ = nullptr;
-  std::string reply_;
 };
 
 // The same POST through the transport. The request is built anew each time, as the connector does,
@@ -165,21 +107,16 @@ class TransportPoster {
   saffra::HttpTransport transport_;
 };
 
+void clearRequests() {
+  fixture().server.clearRequests();
+}
+
 template <class Poster>
 void BM_Post(benchmark::State& state) {
   std::string body = fixture().body(static_cast<int>(state.range(0)));
   Poster poster(body);
-  std::vector<double> latencies;
-  for (auto _ : state) {
-    double latency = poster.post();
-    if (latency < 0) state.SkipWithError("request failed");
-    latencies.push_back(latency);
-    if (latencies.size() % kClearEvery == 0) fixture().server.clearRequests();
-  }
+  measureLatency(state, poster, kClearEvery, clearRequests);
   state.counters["body_bytes"] = static_cast<double>(body.size());
-  state.counters["p50_us"] = percentile(latencies, 0.5);
-  state.counters["p99_us"] = percentile(latencies, 0.99);
-  state.SetItemsProcessed(state.iterations());
 }
 
 // Both clients alternate request by request, so that load from elsewhere on the machine falls on
@@ -188,26 +125,8 @@ void BM_PairedRatio(benchmark::State& state) {
   std::string body = fixture().body(static_cast<int>(state.range(0)));
   EasyPoster easy(body);
   TransportPoster transport(body);
-  std::vector<double> easyLatencies, transportLatencies;
-  for (auto _ : state) {
-    double viaCurl = easy.post();
-    double viaTransport = transport.post();
-    if (viaCurl < 0 || viaTransport < 0) state.SkipWithError("request failed");
-    easyLatencies.push_back(viaCurl);
-    transportLatencies.push_back(viaTransport);
-    if (easyLatencies.size() % (kClearEvery / 2) == 0) fixture().server.clearRequests();
-  }
-  double sumEasy = 0, sumTransport = 0;
-  for (double v : easyLatencies) sumEasy += v;
-  for (double v : transportLatencies) sumTransport += v;
+  measurePaired(state, easy, transport, "transport", kClearEvery / 2, clearRequests);
   state.counters["body_bytes"] = static_cast<double>(body.size());
-  state.counters["curl_p50_us"] = percentile(easyLatencies, 0.5);
-  state.counters["transport_p50_us"] = percentile(transportLatencies, 0.5);
-  state.counters["p50_ratio"] =
-      percentile(transportLatencies, 0.5) / percentile(easyLatencies, 0.5);
-  state.counters["p99_ratio"] =
-      percentile(transportLatencies, 0.99) / percentile(easyLatencies, 0.99);
-  state.counters["mean_ratio"] = sumTransport / sumEasy;
 }
 
 // Several uploads in flight together on one transport: requests per second.
