@@ -16,44 +16,28 @@ std::int64_t bounded(std::int64_t v) {
   return std::clamp(v, -kLimit, kLimit);
 }
 
-compare::PixelRect engineRect(const PixelRect& r) {
+PixelRect boundedRect(const PixelRect& r) {
   return {bounded(r.left), bounded(r.top), bounded(r.width), bounded(r.height)};
 }
 
-std::vector<compare::PixelRect> engineRects(const std::vector<PixelRect>& rects) {
-  std::vector<compare::PixelRect> out;
+std::vector<PixelRect> boundedRects(const std::vector<PixelRect>& rects) {
+  std::vector<PixelRect> out;
   out.reserve(rects.size());
-  for (const PixelRect& r : rects) out.push_back(engineRect(r));
+  for (const PixelRect& r : rects) out.push_back(boundedRect(r));
   return out;
-}
-
-compare::MatchLevel engineLevel(MatchLevel level) {
-  switch (level) {
-    case MatchLevel::None:
-      return compare::MatchLevel::None;
-    case MatchLevel::Layout:
-      return compare::MatchLevel::Layout;
-    case MatchLevel::Content:
-      return compare::MatchLevel::Content;
-    case MatchLevel::Strict:
-      return compare::MatchLevel::Strict;
-    case MatchLevel::Exact:
-      return compare::MatchLevel::Exact;
-  }
-  return compare::MatchLevel::Strict;
 }
 
 // The engine's options for a step. Accessibility is checked separately (checkAccessibility),
 // also for steps that have no baseline to compare with.
 compare::CompareOptions engineOptions(const MatchSettings& s) {
   compare::CompareOptions o;
-  o.level = engineLevel(s.matchLevel);
-  o.ignoreRegions = engineRects(s.ignore);
-  o.layoutRegions = engineRects(s.layout);
-  o.strictRegions = engineRects(s.strict);
-  o.contentRegions = engineRects(s.content);
+  o.level = s.matchLevel;
+  o.ignoreRegions = boundedRects(s.ignore);
+  o.layoutRegions = boundedRects(s.layout);
+  o.strictRegions = boundedRects(s.strict);
+  o.contentRegions = boundedRects(s.content);
   for (const FloatingRegion& f : s.floating) {
-    o.floatingRegions.push_back({engineRect(f.rect), bounded(f.maxUpOffset),
+    o.floatingRegions.push_back({boundedRect(f.rect), bounded(f.maxUpOffset),
                                  bounded(f.maxDownOffset), bounded(f.maxLeftOffset),
                                  bounded(f.maxRightOffset)});
   }
@@ -79,11 +63,12 @@ std::optional<AccessibilityVerdict> checkAccessibility(const Image& image,
                                                        const MatchSettings& settings) {
   if (settings.accessibility.empty()) return std::nullopt;
   AccessibilityVerdict verdict;
-  verdict.level = settings.accessibilityLevel == "AAA" ? "AAA" : "AA";
-  compare::AccessibilityLevel level = compare::accessibilityLevelFromName(verdict.level);
+  const AccessibilityLevel level = settings.accessibilityLevel == AccessibilityLevel::AAA
+                                       ? AccessibilityLevel::AAA
+                                       : AccessibilityLevel::AA;
+  verdict.level = std::string(compare::accessibilityLevelName(level));
   for (const AccessibilityRegion& r : settings.accessibility) {
-    compare::AccessibilityRegion region{engineRect(r.rect),
-                                        compare::accessibilityRegionTypeFromName(r.type)};
+    const AccessibilityRegion region{boundedRect(r.rect), r.type};
     verdict.passed = verdict.passed && compare::checkContrast(image, region, level).passed;
   }
   return verdict;

@@ -24,7 +24,7 @@ TEST(MatcherTest, AccessibilityIsCheckedOnlyWithRegions) {
   MatchSettings s;
   EXPECT_FALSE(checkAccessibility(*text, s));
 
-  s.accessibility = {{{0, 0, 60, 40}, "RegularText"}};
+  s.accessibility = {{{0, 0, 60, 40}, AccessibilityRegionType::RegularText}};
   struct Case {
     const char* label;
     const Image& image;
@@ -40,8 +40,8 @@ TEST(MatcherTest, AccessibilityIsCheckedOnlyWithRegions) {
            {"faint text, contrast ignored", *faint, "IgnoreContrast", "AAA", true, "AAA"},
            {"level None checks as AA", *faint, "RegularText", "None", false, "AA"},
        }) {
-    s.accessibility[0].type = c.type;
-    s.accessibilityLevel = c.level;
+    s.accessibility[0].type = compare::accessibilityRegionTypeFromName(c.type);
+    s.accessibilityLevel = compare::accessibilityLevelFromName(c.level);
     auto verdict = checkAccessibility(c.image, s);
     ASSERT_TRUE(verdict) << c.label;
     EXPECT_EQ(verdict->passed, c.passed) << c.label;
@@ -70,8 +70,8 @@ TEST(MatchSettingsTest, ReadsTheWireFormLeniently) {
   EXPECT_EQ(s.floating[0].maxUpOffset, 9);
   EXPECT_EQ(s.floating[0].maxRightOffset, 10);
   ASSERT_EQ(s.accessibility.size(), 1u);
-  EXPECT_EQ(s.accessibility[0].type, "LargeText");
-  EXPECT_EQ(s.accessibilityLevel, "AAA");
+  EXPECT_EQ(s.accessibility[0].type, AccessibilityRegionType::LargeText);
+  EXPECT_EQ(s.accessibilityLevel, AccessibilityLevel::AAA);
   EXPECT_TRUE(s.ignoreDisplacements);
 
   EXPECT_EQ(MatchSettings::fromJson(Json{{"matchLevel", "strict"}}).matchLevel, MatchLevel::Strict);
