@@ -77,6 +77,18 @@ TEST(MatchSettingsTest, ReadsTheWireFormLeniently) {
   EXPECT_EQ(MatchSettings::fromJson(Json{{"matchLevel", "strict"}}).matchLevel, MatchLevel::Strict);
   EXPECT_EQ(MatchSettings::fromJson(Json{{"matchLevel", "Exact"}}).matchLevel, MatchLevel::Exact);
   EXPECT_EQ(MatchSettings::fromJson(Json("text")).matchLevel, MatchLevel::Strict);
+
+  // Unlike the engine's own reader: numeric levels are not names, and a region without a
+  // readable type is checked as a graphical object.
+  EXPECT_EQ(MatchSettings::fromJson(Json{{"matchLevel", 5}}).matchLevel, MatchLevel::Strict);
+  Json untyped{
+      {"accessibility",
+       Json::array({{{"left", 1}}, "junk", {{"type", Json::array()}}, {{"type", "BoldText"}}})}};
+  std::vector<AccessibilityRegionType> types;
+  for (const auto& r : MatchSettings::fromJson(untyped).accessibility) types.push_back(r.type);
+  EXPECT_EQ(types, std::vector<AccessibilityRegionType>({AccessibilityRegionType::GraphicalObject,
+                                                         AccessibilityRegionType::GraphicalObject,
+                                                         AccessibilityRegionType::BoldText}));
 }
 
 }  // namespace
