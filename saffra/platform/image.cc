@@ -20,7 +20,9 @@ void checkSize(std::size_t width, std::size_t height) {
   }
 }
 
-double checkScale(double scale) { return scale > 0 ? scale : 1.0; }
+double checkScale(double scale) {
+  return scale > 0 ? scale : 1.0;
+}
 
 }  // namespace
 
@@ -34,9 +36,9 @@ Image::Image(std::size_t width, std::size_t height, std::vector<std::uint8_t> rg
     : width_(width), height_(height), scale_(checkScale(scale)), pixels_(std::move(rgba)) {
   checkSize(width, height);
   if (pixels_.size() != width * height * 4) {
-    throw Exception("InvalidImageException", "Pixel buffer holds " + std::to_string(pixels_.size()) +
-                                                 " bytes, expected " +
-                                                 std::to_string(width * height * 4));
+    throw Exception("InvalidImageException",
+                    "Pixel buffer holds " + std::to_string(pixels_.size()) + " bytes, expected " +
+                        std::to_string(width * height * 4));
   }
 }
 
@@ -47,7 +49,8 @@ Size Image::size() const {
 std::shared_ptr<Image> Image::fromRGBA(const std::uint8_t* pixels, std::size_t width,
                                        std::size_t height, std::size_t stride, double scale) {
   auto image = std::make_shared<Image>(width, height, scale);
-  if (stride < width * 4) throw Exception("InvalidImageException", "Row stride is shorter than a row");
+  if (stride < width * 4)
+    throw Exception("InvalidImageException", "Row stride is shorter than a row");
   if (width && height && !pixels) throw Exception("InvalidImageException", "No pixel data");
   for (std::size_t y = 0; y < height; ++y) {
     std::memcpy(image->mutableData() + y * width * 4, pixels + y * stride, width * 4);
@@ -63,7 +66,8 @@ std::shared_ptr<Image> Image::fromBGRA(const std::uint8_t* pixels, std::size_t w
   return image;
 }
 
-std::shared_ptr<Image> Image::fromPNGData(const std::uint8_t* data, std::size_t size, double scale) {
+std::shared_ptr<Image> Image::fromPNGData(const std::uint8_t* data, std::size_t size,
+                                          double scale) {
   return png::decode(data, size, scale);
 }
 
@@ -74,7 +78,8 @@ std::shared_ptr<Image> Image::fromPNGData(const std::vector<std::uint8_t>& data,
 std::shared_ptr<Image> Image::fromPNGFile(const std::string& path, double scale) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw Exception("InvalidImageException", "Cannot read image file " + path);
-  std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
+                                  std::istreambuf_iterator<char>());
   return png::decode(bytes.data(), bytes.size(), scale);
 }
 

@@ -29,15 +29,18 @@ class Image {
 
   /// Copies RGBA pixels whose rows are `stride` bytes apart.
   static std::shared_ptr<Image> fromRGBA(const std::uint8_t* pixels, std::size_t width,
-                                         std::size_t height, std::size_t stride, double scale = 1.0);
+                                         std::size_t height, std::size_t stride,
+                                         double scale = 1.0);
   /// Copies BGRA pixels (the usual byte order of screen captures) whose rows are `stride` apart.
   static std::shared_ptr<Image> fromBGRA(const std::uint8_t* pixels, std::size_t width,
-                                         std::size_t height, std::size_t stride, double scale = 1.0);
+                                         std::size_t height, std::size_t stride,
+                                         double scale = 1.0);
   /// Decodes PNG bytes. Throws Exception "InvalidImageException" for data that is not a
   /// complete PNG or whose declared size is beyond the limits.
   static std::shared_ptr<Image> fromPNGData(const std::uint8_t* data, std::size_t size,
                                             double scale = 1.0);
-  static std::shared_ptr<Image> fromPNGData(const std::vector<std::uint8_t>& data, double scale = 1.0);
+  static std::shared_ptr<Image> fromPNGData(const std::vector<std::uint8_t>& data,
+                                            double scale = 1.0);
   /// Reads and decodes a PNG file; a missing or unreadable file throws "InvalidImageException".
   static std::shared_ptr<Image> fromPNGFile(const std::string& path, double scale = 1.0);
 
@@ -53,7 +56,9 @@ class Image {
   std::uint8_t* mutableData() { return pixels_.data(); }
   const std::vector<std::uint8_t>& pixels() const { return pixels_; }
   /// The four bytes R, G, B, A of pixel (x, y); no bounds check.
-  const std::uint8_t* pixel(std::size_t x, std::size_t y) const { return &pixels_[(y * width_ + x) * 4]; }
+  const std::uint8_t* pixel(std::size_t x, std::size_t y) const {
+    return &pixels_[(y * width_ + x) * 4];
+  }
 
   /// Encodes the whole image as a lossless 8-bit RGBA PNG.
   std::vector<std::uint8_t> pngData() const;

@@ -1,16 +1,29 @@
 #include "saffra/platform/png.h"
 
 #include <spng.h>
+#include <zlib.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
+#include <thread>
 
+#ifdef SAFFRA_HAVE_LIBDEFLATE
+#include <libdeflate.h>
+#endif
+
+#include "saffra/platform/base64.h"
 #include "saffra/platform/exception.h"
 
 namespace saffra::png {
 
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Decoding
 
 struct ContextDeleter {
   void operator()(spng_ctx* ctx) const { spng_ctx_free(ctx); }
@@ -19,6 +32,565 @@ using Context = std::unique_ptr<spng_ctx, ContextDeleter>;
 
 [[noreturn]] void fail(const std::string& what, int code) {
   throw Exception("InvalidImageException", what + ": " + spng_strerror(code));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Checksums: libdeflate's are several times faster than zlib's where it is available.
+
+std::uint32_t adler32Update(std::uint32_t adler, const std::uint8_t* data, std::size_t size) {
+#ifdef SAFFRA_HAVE_LIBDEFLATE
+  return libdeflate_adler32(adler, data, size);
+#else
+  while (size > 0) {
+    auto n = static_cast<uInt>(std::min<std::size_t>(size, 1u << 30));
+    adler = static_cast<std::uint32_t>(::adler32(adler, data, n));
+    data += n;
+    size -= n;
+  }
+  return adler;
+#endif
+}
+
+std::uint32_t crc32Update(std::uint32_t crc, const std::uint8_t* data, std::size_t size) {
+#ifdef SAFFRA_HAVE_LIBDEFLATE
+  return libdeflate_crc32(crc, data, size);
+#else
+  while (size > 0) {
+    auto n = static_cast<uInt>(std::min<std::size_t>(size, 1u << 30));
+    crc = static_cast<std::uint32_t>(::crc32(crc, data, n));
+    data += n;
+    size -= n;
+  }
+  return crc;
+#endif
+}
+
+// ---------------------------------------------------------------------------------------------
+// Deflate tables
+
+constexpr std::size_t kWindow = 32768;
+constexpr unsigned kMaxMatch = 258;
+constexpr unsigned kMinMatch = 4;
+constexpr std::size_t kBlockSymbols = std::size_t{1} << 15;
+constexpr int kHashBits = 15;
+constexpr int kLitLenSymbols = 286;
+constexpr int kDistSymbols = 30;
+
+constexpr std::uint16_t kLengthBase[29] = {3,  4,  5,  6,   7,   8,   9,   10,  11, 13,
+                                           15, 17, 19, 23,  27,  31,  35,  43,  51, 59,
+                                           67, 83, 99, 115, 131, 163, 195, 227, 258};
+constexpr std::uint8_t kLengthExtra[29] = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2,
+                                           2, 3, 3, 3, 3, 4, 4, 4, 4, 5, 5, 5, 5, 0};
+constexpr std::uint16_t kDistBase[30] = {
+    1,   2,   3,   4,   5,   7,    9,    13,   17,   25,   33,   49,   65,    97,    129,
+    193, 257, 385, 513, 769, 1025, 1537, 2049, 3073, 4097, 6145, 8193, 12289, 16385, 24577};
+constexpr std::uint8_t kDistExtra[30] = {0, 0, 0, 0, 1, 1, 2, 2,  3,  3,  4,  4,  5,  5,  6,
+                                         6, 7, 7, 8, 8, 9, 9, 10, 10, 11, 11, 12, 12, 13, 13};
+
+// Match length (3..258) to its length code minus 257.
+constexpr std::array<std::uint8_t, 259> makeLengthCodes() {
+  std::array<std::uint8_t, 259> table{};
+  for (int code = 0; code < 29; ++code) {
+    for (int len = kLengthBase[code];
+         len < kLengthBase[code] + (1 << kLengthExtra[code]) && len <= 258; ++len) {
+      table[len] = static_cast<std::uint8_t>(code);
+    }
+  }
+  table[258] = 28;  // 258 has its own code without extra bits
+  return table;
+}
+constexpr std::array<std::uint8_t, 259> kLengthCode = makeLengthCodes();
+
+inline unsigned distanceCode(unsigned distance) {
+  if (distance <= 4) return distance - 1;
+  unsigned x = distance - 1;
+  int top = 31 - __builtin_clz(x);
+  return 2 * static_cast<unsigned>(top) + ((x >> (top - 1)) & 1);
+}
+
+inline std::uint32_t load32(const std::uint8_t* p) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+inline std::uint64_t load64(const std::uint8_t* p) {
+  std::uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+
+// Number of equal bytes at a and b, at most `limit`.
+inline unsigned matchLength(const std::uint8_t* a, const std::uint8_t* b, std::size_t limit) {
+  std::size_t n = 0;
+  while (n + 8 <= limit) {
+    std::uint64_t diff = load64(a + n) ^ load64(b + n);
+    if (diff) return static_cast<unsigned>(n + (__builtin_ctzll(diff) >> 3));
+    n += 8;
+  }
+  while (n < limit && a[n] == b[n]) ++n;
+  return static_cast<unsigned>(n);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Huffman codes
+
+// Code lengths of at most `maxBits` for the symbols of non-zero frequency (two or more of them):
+// a Huffman tree built from frequencies sorted in ascending order, then lengths over the limit
+// folded back while keeping the code complete.
+void buildLengths(const std::uint32_t* freq, int n, int maxBits, std::uint8_t* lengths) {
+  std::fill(lengths, lengths + n, 0);
+  std::array<int, 288> symbols;
+  int m = 0;
+  for (int i = 0; i < n; ++i) {
+    if (freq[i]) symbols[m++] = i;
+  }
+  std::sort(symbols.begin(), symbols.begin() + m,
+            [&](int a, int b) { return freq[a] != freq[b] ? freq[a] < freq[b] : a < b; });
+  if (m == 0) return;
+  if (m == 1) {
+    lengths[symbols[0]] = 1;
+    return;
+  }
+  std::array<std::uint64_t, 576> weight;
+  std::array<int, 576> parent;
+  for (int i = 0; i < m; ++i) weight[i] = freq[symbols[i]];
+  int leaf = 0, node = m, next = m;
+  for (int k = 0; k < m - 1; ++k) {
+    int pick[2];
+    for (int& p : pick) {
+      if (leaf < m && (node >= next || weight[leaf] <= weight[node])) {
+        p = leaf++;
+      } else {
+        p = node++;
+      }
+    }
+    weight[next] = weight[pick[0]] + weight[pick[1]];
+    parent[pick[0]] = parent[pick[1]] = next;
+    ++next;
+  }
+  std::array<int, 576> depth;
+  depth[next - 1] = 0;
+  for (int i = next - 2; i >= 0; --i) depth[i] = depth[parent[i]] + 1;
+
+  std::array<int, 290> count{};
+  for (int i = 0; i < m; ++i) ++count[std::min(depth[i], maxBits + 1)];
+  count[maxBits] += count[maxBits + 1];
+  std::uint32_t total = 0;
+  for (int b = 1; b <= maxBits; ++b) total += static_cast<std::uint32_t>(count[b]) << (maxBits - b);
+  while (total != (1u << maxBits)) {
+    --count[maxBits];
+    for (int b = maxBits - 1; b > 0; --b) {
+      if (count[b]) {
+        --count[b];
+        count[b + 1] += 2;
+        break;
+      }
+    }
+    --total;
+  }
+  int i = 0;  // the rarest symbols get the longest codes
+  for (int b = maxBits; b >= 1; --b) {
+    for (int c = 0; c < count[b]; ++c) lengths[symbols[i++]] = static_cast<std::uint8_t>(b);
+  }
+}
+
+// Canonical codes, bit-reversed for the least-significant-bit-first writer.
+void buildCodes(const std::uint8_t* lengths, int n, std::uint16_t* codes) {
+  int blCount[16] = {};
+  for (int i = 0; i < n; ++i) ++blCount[lengths[i]];
+  blCount[0] = 0;
+  int nextCode[16] = {};
+  int code = 0;
+  for (int b = 1; b < 16; ++b) {
+    code = (code + blCount[b - 1]) << 1;
+    nextCode[b] = code;
+  }
+  for (int i = 0; i < n; ++i) {
+    int len = lengths[i];
+    if (!len) continue;
+    unsigned c = static_cast<unsigned>(nextCode[len]++);
+    unsigned reversed = 0;
+    for (int b = 0; b < len; ++b) reversed |= ((c >> b) & 1u) << (len - 1 - b);
+    codes[i] = static_cast<std::uint16_t>(reversed);
+  }
+}
+
+// Makes sure at least two symbols are used, as every Huffman code of a block must be complete.
+void ensureTwoSymbols(std::uint32_t* freq, int n) {
+  int used = 0;
+  for (int i = 0; i < n && used < 2; ++i) used += freq[i] != 0;
+  for (int i = 0; i < n && used < 2; ++i) {
+    if (!freq[i]) {
+      freq[i] = 1;
+      ++used;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bit output
+
+class BitWriter {
+ public:
+  explicit BitWriter(std::vector<std::uint8_t>& out) : out_(out) {}
+
+  /// Makes room for `bytes` more bytes.
+  void reserve(std::size_t bytes) {
+    if (out_.size() < pos_ + bytes + 8) out_.resize(std::max(out_.size() * 2, pos_ + bytes + 8));
+  }
+  /// Appends the low `n` bits of `bits` (n <= 32; no bits above n may be set).
+  void put(std::uint64_t bits, unsigned n) {
+    buffer_ |= bits << count_;
+    count_ += n;
+    if (count_ >= 32) {
+      std::uint32_t word = static_cast<std::uint32_t>(buffer_);
+      std::uint8_t bytes[4] = {
+          static_cast<std::uint8_t>(word), static_cast<std::uint8_t>(word >> 8),
+          static_cast<std::uint8_t>(word >> 16), static_cast<std::uint8_t>(word >> 24)};
+      std::memcpy(out_.data() + pos_, bytes, 4);
+      pos_ += 4;
+      buffer_ >>= 32;
+      count_ -= 32;
+    }
+  }
+  /// Pads with zero bits to the next byte boundary and writes out what is buffered.
+  void alignToByte() {
+    while (count_ > 0) {
+      out_[pos_++] = static_cast<std::uint8_t>(buffer_);
+      buffer_ >>= 8;
+      count_ = count_ > 8 ? count_ - 8 : 0;
+    }
+    buffer_ = 0;
+  }
+  void putByte(std::uint8_t b) { out_[pos_++] = b; }
+  void finish() {
+    alignToByte();
+    out_.resize(pos_);
+  }
+
+ private:
+  std::vector<std::uint8_t>& out_;
+  std::size_t pos_ = 0;
+  std::uint64_t buffer_ = 0;
+  unsigned count_ = 0;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Compressing one band of rows
+
+// Compresses rows [y0, y1) of a contiguous RGBA image as unfiltered PNG scanlines into raw
+// deflate blocks, and computes their Adler-32. Matches may reach back into rows before the band,
+// which the decoder has already produced.
+class BandCompressor {
+ public:
+  BandCompressor(const std::uint8_t* pixels, std::size_t width)
+      : pixels_(pixels), rowBytes_(width * 4) {}
+
+  void compress(std::size_t y0, std::size_t y1, bool lastBand) {
+    symbols_.resize(kBlockSymbols);
+    const std::size_t R = rowBytes_;
+    const std::size_t L = R + 1;  // a scanline with its filter byte
+    const bool aboveInWindow = L <= kWindow;
+    struct Entry {
+      std::uint32_t pos;  // offset in pixels_
+      std::uint32_t row;
+    };
+    constexpr std::uint32_t kNoRow = 0xFFFFFFFFu;
+    std::vector<Entry> table(std::size_t{1} << kHashBits, Entry{0, kNoRow});
+    static constexpr std::uint8_t kFilterNone = 0;
+
+    for (std::size_t y = y0; y < y1; ++y) {
+      const std::uint8_t* row = pixels_ + y * R;
+      adler_ = adler32Update(adler_, &kFilterNone, 1);
+      adler_ = adler32Update(adler_, row, R);
+      literal(kFilterNone);
+      std::size_t i = 0;
+      while (i < R) {
+        const std::size_t maxLen = std::min<std::size_t>(kMaxMatch, R - i);
+        unsigned bestLen = 0;
+        unsigned bestDist = 0;
+        if (maxLen >= kMinMatch) {
+          const std::uint8_t* p = row + i;
+          const std::uint32_t current = load32(p);
+          if (i >= 4 && load32(p - 4) == current) {
+            bestLen = matchLength(p, p - 4, maxLen);
+            bestDist = 4;
+          }
+          if (bestLen < maxLen && y > 0 && aboveInWindow && load32(p - R) == current) {
+            unsigned len = matchLength(p, p - R, maxLen);
+            if (len > bestLen) {
+              bestLen = len;
+              bestDist = static_cast<unsigned>(L);
+            }
+          }
+          const std::uint32_t h = (current * 2654435761u) >> (32 - kHashBits);
+          const Entry candidate = table[h];
+          table[h] = Entry{static_cast<std::uint32_t>(y * R + i), static_cast<std::uint32_t>(y)};
+          if (bestLen < maxLen && candidate.row != kNoRow) {
+            const std::size_t from = candidate.pos;
+            const std::size_t cy = candidate.row;
+            // Distance in the scanline stream, where each row carries one more byte.
+            const std::size_t distance = (y * R + i + y) - (from + cy);
+            if (distance <= kWindow && load32(pixels_ + from) == current) {
+              std::size_t limit = std::min(maxLen, (cy + 1) * R - from);
+              unsigned len = matchLength(p, pixels_ + from, limit);
+              if (len > bestLen) {
+                bestLen = len;
+                bestDist = static_cast<unsigned>(distance);
+              }
+            }
+          }
+        }
+        if (bestLen >= kMinMatch) {
+          match(bestLen, bestDist);
+          i += bestLen;
+        } else {
+          literal(row[i]);
+          ++i;
+        }
+      }
+    }
+    if (count_ > 0 || lastBand) flushBlock(lastBand);
+    if (!lastBand) {
+      // An empty stored block ends the band on a byte boundary without ending the stream.
+      writer_.reserve(8);
+      writer_.put(0, 3);
+      writer_.alignToByte();
+      for (std::uint8_t b : {0x00, 0x00, 0xFF, 0xFF}) writer_.putByte(b);
+    }
+    writer_.finish();
+    symbols_ = {};
+  }
+
+  std::vector<std::uint8_t>& output() { return out_; }
+  std::uint32_t adler() const { return adler_; }
+
+ private:
+  void literal(std::uint8_t byte) {
+    symbols_[count_++] = byte;
+    ++litFreq_[byte];
+    if (count_ == kBlockSymbols) flushBlock(false);
+  }
+
+  void match(unsigned length, unsigned distance) {
+    symbols_[count_++] = (length << 16) | distance;
+    ++litFreq_[257 + kLengthCode[length]];
+    ++distFreq_[distanceCode(distance)];
+    if (count_ == kBlockSymbols) flushBlock(false);
+  }
+
+  void flushBlock(bool final) {
+    litFreq_[256] = 1;
+    ensureTwoSymbols(litFreq_.data(), kLitLenSymbols);
+    ensureTwoSymbols(distFreq_.data(), kDistSymbols);
+    std::uint8_t litLen[kLitLenSymbols], distLen[kDistSymbols];
+    std::uint16_t litCode[kLitLenSymbols] = {}, distCode[kDistSymbols] = {};
+    buildLengths(litFreq_.data(), kLitLenSymbols, 15, litLen);
+    buildLengths(distFreq_.data(), kDistSymbols, 15, distLen);
+    buildCodes(litLen, kLitLenSymbols, litCode);
+    buildCodes(distLen, kDistSymbols, distCode);
+
+    writer_.reserve(count_ * 7 + 1024);
+    writer_.put(final ? 1 : 0, 1);
+    writer_.put(2, 2);  // dynamic Huffman codes
+    writeCodeLengths(litLen, distLen);
+
+    for (std::size_t k = 0; k < count_; ++k) {
+      const std::uint32_t s = symbols_[k];
+      if (s < 256) {
+        writer_.put(litCode[s], litLen[s]);
+        continue;
+      }
+      const unsigned length = s >> 16;
+      const unsigned distance = s & 0xFFFFu;
+      const unsigned lc = kLengthCode[length];
+      writer_.put(litCode[257 + lc] | (std::uint64_t{length - kLengthBase[lc]} << litLen[257 + lc]),
+                  litLen[257 + lc] + kLengthExtra[lc]);
+      const unsigned dc = distanceCode(distance);
+      writer_.put(distCode[dc] | (std::uint64_t{distance - kDistBase[dc]} << distLen[dc]),
+                  distLen[dc] + kDistExtra[dc]);
+    }
+    writer_.put(litCode[256], litLen[256]);
+    litFreq_.fill(0);
+    distFreq_.fill(0);
+    count_ = 0;
+  }
+
+  // The block header after the block type: both code-length tables, run-length coded.
+  void writeCodeLengths(const std::uint8_t* litLen, const std::uint8_t* distLen) {
+    int nlit = kLitLenSymbols;
+    while (nlit > 257 && litLen[nlit - 1] == 0) --nlit;
+    int ndist = kDistSymbols;
+    while (ndist > 1 && distLen[ndist - 1] == 0) --ndist;
+    std::uint8_t all[kLitLenSymbols + kDistSymbols];
+    std::memcpy(all, litLen, static_cast<std::size_t>(nlit));
+    std::memcpy(all + nlit, distLen, static_cast<std::size_t>(ndist));
+    const int total = nlit + ndist;
+
+    struct Run {
+      std::uint8_t symbol;
+      std::uint8_t extra;
+    };
+    Run runs[kLitLenSymbols + kDistSymbols];
+    int nruns = 0;
+    std::uint32_t freq[19] = {};
+    auto add = [&](int symbol, int extra) {
+      runs[nruns++] = Run{static_cast<std::uint8_t>(symbol), static_cast<std::uint8_t>(extra)};
+      ++freq[symbol];
+    };
+    for (int i = 0; i < total;) {
+      const std::uint8_t v = all[i];
+      int run = 1;
+      while (i + run < total && all[i + run] == v) ++run;
+      i += run;
+      if (v == 0) {
+        while (run >= 11) {
+          int r = std::min(run, 138);
+          add(18, r - 11);
+          run -= r;
+        }
+        if (run >= 3) {
+          add(17, run - 3);
+          run = 0;
+        }
+      } else {
+        add(v, 0);
+        --run;
+        while (run >= 3) {
+          int r = std::min(run, 6);
+          add(16, r - 3);
+          run -= r;
+        }
+      }
+      while (run-- > 0) add(v, 0);
+    }
+    ensureTwoSymbols(freq, 19);
+    std::uint8_t clLen[19];
+    std::uint16_t clCode[19] = {};
+    buildLengths(freq, 19, 7, clLen);
+    buildCodes(clLen, 19, clCode);
+    static constexpr int kOrder[19] = {16, 17, 18, 0, 8,  7, 9,  6, 10, 5,
+                                       11, 4,  12, 3, 13, 2, 14, 1, 15};
+    int nclen = 19;
+    while (nclen > 4 && clLen[kOrder[nclen - 1]] == 0) --nclen;
+    writer_.put(static_cast<unsigned>(nlit - 257), 5);
+    writer_.put(static_cast<unsigned>(ndist - 1), 5);
+    writer_.put(static_cast<unsigned>(nclen - 4), 4);
+    for (int k = 0; k < nclen; ++k) writer_.put(clLen[kOrder[k]], 3);
+    static constexpr unsigned kExtraBits[19] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                                0, 0, 0, 0, 0, 0, 2, 3, 7};
+    for (int k = 0; k < nruns; ++k) {
+      const Run& r = runs[k];
+      writer_.put(clCode[r.symbol], clLen[r.symbol]);
+      if (kExtraBits[r.symbol]) writer_.put(r.extra, kExtraBits[r.symbol]);
+    }
+  }
+
+  const std::uint8_t* pixels_;
+  std::size_t rowBytes_;
+  std::vector<std::uint8_t> out_;
+  BitWriter writer_{out_};
+  std::vector<std::uint32_t> symbols_;
+  std::size_t count_ = 0;
+  std::array<std::uint32_t, kLitLenSymbols> litFreq_{};
+  std::array<std::uint32_t, kDistSymbols> distFreq_{};
+  std::uint32_t adler_ = 1;
+};
+
+void putBigEndian(std::vector<std::uint8_t>& out, std::uint32_t v) {
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
+}
+
+void putChunk(std::vector<std::uint8_t>& out, const char* type, const std::uint8_t* data,
+              std::size_t size) {
+  putBigEndian(out, static_cast<std::uint32_t>(size));
+  std::size_t start = out.size();
+  out.insert(out.end(), type, type + 4);
+  out.insert(out.end(), data, data + size);
+  putBigEndian(out, crc32Update(0, out.data() + start, size + 4));
+}
+
+unsigned bandCount(std::size_t width, std::size_t height, unsigned threads) {
+  if (threads == 0) {
+    if (width * height < 256 * 1024) return 1;
+    threads = std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
+  }
+  return static_cast<unsigned>(std::min<std::size_t>(threads, height));
+}
+
+// Encodes a contiguous image (stride = width * 4).
+std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t width,
+                                           std::size_t height, unsigned threads) {
+  const unsigned bands = bandCount(width, height, threads);
+  std::vector<std::unique_ptr<BandCompressor>> parts;
+  for (unsigned k = 0; k < bands; ++k)
+    parts.push_back(std::make_unique<BandCompressor>(rgba, width));
+  std::vector<std::exception_ptr> errors(bands);
+  auto run = [&](unsigned k) {
+    try {
+      parts[k]->compress(height * k / bands, height * (k + 1) / bands, k + 1 == bands);
+    } catch (...) {
+      errors[k] = std::current_exception();
+    }
+  };
+  std::vector<std::thread> workers;
+  std::vector<unsigned> inline_;
+  for (unsigned k = 1; k < bands; ++k) {
+    try {
+      workers.emplace_back(run, k);
+    } catch (...) {
+      inline_.push_back(k);  // no thread available: compress it here
+    }
+  }
+  run(0);
+  for (unsigned k : inline_) run(k);
+  for (auto& w : workers) w.join();
+  for (auto& e : errors) {
+    if (e) std::rethrow_exception(e);
+  }
+
+  std::uint32_t adler = parts[0]->adler();
+  std::size_t compressed = 0;
+  for (unsigned k = 0; k < bands; ++k) {
+    compressed += parts[k]->output().size();
+    if (k > 0) {
+      std::size_t rows = height * (k + 1) / bands - height * k / bands;
+      adler = static_cast<std::uint32_t>(
+          adler32_combine(adler, parts[k]->adler(), static_cast<z_off_t>(rows * (width * 4 + 1))));
+    }
+  }
+
+  std::vector<std::uint8_t> out;
+  out.reserve(8 + 25 + 12 + 2 + compressed + 4 + 12);
+  static constexpr std::uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+  out.insert(out.end(), kSignature, kSignature + 8);
+  std::uint8_t ihdr[13];
+  for (int i = 0; i < 4; ++i) {
+    ihdr[i] = static_cast<std::uint8_t>(width >> (24 - 8 * i));
+    ihdr[4 + i] = static_cast<std::uint8_t>(height >> (24 - 8 * i));
+  }
+  ihdr[8] = 8;   // bits per channel
+  ihdr[9] = 6;   // RGBA
+  ihdr[10] = 0;  // deflate
+  ihdr[11] = 0;  // adaptive filtering (each row says "none")
+  ihdr[12] = 0;  // not interlaced
+  putChunk(out, "IHDR", ihdr, sizeof ihdr);
+
+  // One IDAT chunk: zlib header (32K window, fastest), the bands, Adler-32.
+  putBigEndian(out, static_cast<std::uint32_t>(2 + compressed + 4));
+  const std::size_t idatStart = out.size();
+  for (char c : {'I', 'D', 'A', 'T'}) out.push_back(static_cast<std::uint8_t>(c));
+  out.push_back(0x78);
+  out.push_back(0x01);
+  for (auto& part : parts) {
+    out.insert(out.end(), part->output().begin(), part->output().end());
+    part->output() = {};
+  }
+  putBigEndian(out, adler);
+  putBigEndian(out, crc32Update(0, out.data() + idatStart, out.size() - idatStart));
+  putChunk(out, "IEND", nullptr, 0);
+  return out;
 }
 
 }  // namespace
@@ -39,9 +611,11 @@ std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double
                                                  std::to_string(ihdr.height) + " is too large");
   }
   std::size_t outSize = 0;
-  if (int rc = spng_decoded_image_size(ctx.get(), SPNG_FMT_RGBA8, &outSize)) fail("Bad PNG image", rc);
+  if (int rc = spng_decoded_image_size(ctx.get(), SPNG_FMT_RGBA8, &outSize))
+    fail("Bad PNG image", rc);
   std::vector<std::uint8_t> pixels(outSize);
-  if (int rc = spng_decode_image(ctx.get(), pixels.data(), outSize, SPNG_FMT_RGBA8, SPNG_DECODE_TRNS)) {
+  if (int rc =
+          spng_decode_image(ctx.get(), pixels.data(), outSize, SPNG_FMT_RGBA8, SPNG_DECODE_TRNS)) {
     fail("Corrupt PNG image", rc);
   }
   return std::make_shared<Image>(ihdr.width, ihdr.height, std::move(pixels), scale);
@@ -49,37 +623,31 @@ std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double
 
 std::vector<std::uint8_t> encode(const std::uint8_t* rgba, std::size_t width, std::size_t height,
                                  std::size_t stride) {
-  if (width == 0 || height == 0 || width > Image::kMaxDimension || height > Image::kMaxDimension) {
-    throw Exception("InvalidImageException", "Cannot encode an image of size " +
-                                                 std::to_string(width) + "x" + std::to_string(height));
+  return encode(rgba, width, height, stride, EncodeOptions{});
+}
+
+std::vector<std::uint8_t> encode(const std::uint8_t* rgba, std::size_t width, std::size_t height,
+                                 std::size_t stride, const EncodeOptions& options) {
+  if (width == 0 || height == 0 || width > Image::kMaxDimension || height > Image::kMaxDimension ||
+      width * height > Image::kMaxPixels) {
+    throw Exception(
+        "InvalidImageException",
+        "Cannot encode an image of size " + std::to_string(width) + "x" + std::to_string(height));
   }
-  std::vector<std::uint8_t> packed;
-  const std::uint8_t* source = rgba;
-  if (stride != width * 4) {
-    packed.resize(width * height * 4);
-    for (std::size_t y = 0; y < height; ++y) std::memcpy(&packed[y * width * 4], rgba + y * stride, width * 4);
-    source = packed.data();
+  if (!rgba) throw Exception("InvalidImageException", "Cannot encode an image without pixels");
+  if (stride < width * 4)
+    throw Exception("InvalidImageException", "Row stride is shorter than a row");
+  if (stride == width * 4) return encodeContiguous(rgba, width, height, options.threads);
+  std::vector<std::uint8_t> packed(width * height * 4);
+  for (std::size_t y = 0; y < height; ++y) {
+    std::memcpy(&packed[y * width * 4], rgba + y * stride, width * 4);
   }
-  Context ctx(spng_ctx_new(SPNG_CTX_ENCODER));
-  if (!ctx) throw Exception("InvalidImageException", "Cannot create PNG encoder");
-  spng_set_option(ctx.get(), SPNG_ENCODE_TO_BUFFER, 1);
-  spng_ihdr ihdr{};
-  ihdr.width = static_cast<std::uint32_t>(width);
-  ihdr.height = static_cast<std::uint32_t>(height);
-  ihdr.bit_depth = 8;
-  ihdr.color_type = SPNG_COLOR_TYPE_TRUECOLOR_ALPHA;
-  if (int rc = spng_set_ihdr(ctx.get(), &ihdr)) fail("Cannot encode PNG", rc);
-  if (int rc = spng_encode_image(ctx.get(), source, width * height * 4, SPNG_FMT_PNG,
-                                 SPNG_ENCODE_FINALIZE)) {
-    fail("Cannot encode PNG", rc);
-  }
-  std::size_t length = 0;
-  int error = 0;
-  void* buffer = spng_get_png_buffer(ctx.get(), &length, &error);
-  if (!buffer) fail("Cannot encode PNG", error);
-  std::vector<std::uint8_t> out(static_cast<std::uint8_t*>(buffer), static_cast<std::uint8_t*>(buffer) + length);
-  std::free(buffer);
-  return out;
+  return encodeContiguous(packed.data(), width, height, options.threads);
+}
+
+std::string encodeBase64Lines64(const Image& image) {
+  std::vector<std::uint8_t> bytes = image.pngData();
+  return base64::encodeLines64(bytes);
 }
 
 }  // namespace saffra::png

@@ -1,9 +1,15 @@
-// The PNG codec behind saffra::Image.
+// The PNG codec behind saffra::Image. Decoding goes through libspng. Encoding uses the library's
+// own writer, tuned for screenshots (large flat areas, repeated rows, text): rows are stored
+// unfiltered and compressed by a greedy matcher that tries the pixel to the left, the pixel above
+// and one hashed earlier position, then written as dynamic Huffman deflate blocks. Large images
+// are cut into bands of rows compressed on separate threads; each band but the last ends on a
+// byte boundary with an empty stored block, so the bands join into one zlib stream.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "saffra/platform/image.h"
@@ -14,8 +20,21 @@ namespace saffra::png {
 /// Exception "InvalidImageException" with a reason for corrupt, truncated or oversized input.
 std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double scale = 1.0);
 
-/// Encodes 8-bit RGBA pixels (rows `stride` bytes apart) as a lossless PNG.
+/// How the encoder may work.
+struct EncodeOptions {
+  /// Most threads to use; 0 picks the number of cores (at most 4) for images of a quarter
+  /// megapixel or more, and 1 for smaller ones.
+  unsigned threads = 0;
+};
+
+/// Encodes 8-bit RGBA pixels (rows `stride` bytes apart) as a lossless 8-bit RGBA PNG. Throws
+/// Exception "InvalidImageException" for an empty or oversized image.
 std::vector<std::uint8_t> encode(const std::uint8_t* rgba, std::size_t width, std::size_t height,
                                  std::size_t stride);
+std::vector<std::uint8_t> encode(const std::uint8_t* rgba, std::size_t width, std::size_t height,
+                                 std::size_t stride, const EncodeOptions& options);
+
+/// The upload text of an image: its PNG in base64 with CR LF between 64-character lines.
+std::string encodeBase64Lines64(const Image& image);
 
 }  // namespace saffra::png
