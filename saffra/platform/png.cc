@@ -610,6 +610,19 @@ std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double
     throw Exception("InvalidImageException", "PNG image size " + std::to_string(ihdr.width) + "x" +
                                                  std::to_string(ihdr.height) + " is too large");
   }
+  // Deflate expands at most 1032:1, so a file far too small for the scanlines its header
+  // declares is refused before any pixel memory is allocated.
+  const std::size_t channels = ihdr.color_type == 2   ? 3
+                               : ihdr.color_type == 4 ? 2
+                               : ihdr.color_type == 6 ? 4
+                                                      : 1;
+  const std::size_t scanlines =
+      (std::size_t{ihdr.width} * channels * ihdr.bit_depth + 7) / 8 * ihdr.height + ihdr.height;
+  if (scanlines > size * 1040 + 65536) {
+    throw Exception("InvalidImageException",
+                    "PNG image of " + std::to_string(size) + " bytes is too small for its size " +
+                        std::to_string(ihdr.width) + "x" + std::to_string(ihdr.height));
+  }
   std::size_t outSize = 0;
   if (int rc = spng_decoded_image_size(ctx.get(), SPNG_FMT_RGBA8, &outSize))
     fail("Bad PNG image", rc);
