@@ -148,6 +148,7 @@ TEST_F(SessionEndToEndTest, MatchRecordCarriesSettingsRegionsAndTheImage) {
   EXPECT_EQ(ims["Floating"][0]["maxRightOffset"], 3);
   EXPECT_EQ(ims["Floating"][0]["maxLeftOffset"], 4);
   EXPECT_EQ(uploadedImage(first)->pixels(), image->pixels());
+  EXPECT_EQ(first["appOutput"]["screenshot64"].get<std::string>().find("\r\n"), 64u);
 
   auto part = uploadedImage(bodies[1]);
   ASSERT_TRUE(part);
