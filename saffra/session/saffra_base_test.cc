@@ -1,0 +1,226 @@
+// The session object's own rules: settings forwarding, the quirks of its construction, agent id,
+// environment, validations, and the parts of the check pipeline that need no service.
+#include "saffra/session/saffra_base.h"
+
+#include <gtest/gtest.h>
+
+#include "saffra/images/logger.h"
+#include "saffra/platform/base64.h"
+#include "saffra/platform/system_info.h"
+#include "saffra/results/exceptions.h"
+#include "saffra/session/saffra.h"
+#include "saffra/version.h"
+#include "testing/scoped_environment.h"
+
+namespace saffra {
+namespace {
+
+std::string exceptionName(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const Exception& e) {
+    return e.name() + ": " + e.reason();
+  }
+  return "";
+}
+
+TEST(SaffraBaseTest, WritesWithoutAConfigurationHaveNoEffect) {
+  ScopedEnvironment env;
+  SaffraBase base;
+  EXPECT_EQ(base.configuration(), nullptr);
+  EXPECT_EQ(base.matchTimeout(), 0u);  // the constructor's 2 went nowhere
+  EXPECT_EQ(base.defaultMatchSettings(), nullptr);
+  EXPECT_FALSE(base.saveNewTests());
+  base.setBranchName("b");
+  EXPECT_EQ(base.branchName(), std::nullopt);
+  EXPECT_EQ(base.serverURL(), "https://api.saffra.dev");
+  EXPECT_EQ(base.baseAgentId(), "/(null)");
+  EXPECT_EQ(base.title(), "Base title");
+
+  // Saffra attaches its configuration after the base, so the configuration's defaults govern.
+  Saffra saffra;
+  EXPECT_EQ(saffra.matchTimeout(), 0u);
+  EXPECT_TRUE(saffra.saveNewTests());
+  EXPECT_FALSE(saffra.saveFailedTests());
+  EXPECT_TRUE(saffra.ignoreCaret());
+  EXPECT_EQ(saffra.matchLevel(), MatchLevelStrict);
+}
+
+TEST(SaffraBaseTest, SettingRules) {
+  ScopedEnvironment env;
+  Saffra saffra;
+  EXPECT_EQ(exceptionName([&] { saffra.setMatchTimeout(1); }),
+            "IllegalArgumentException: Match timeout must be set in seconds, and must be > 1");
+  for (std::uint64_t accepted : {0u, 2u, 30u}) {
+    saffra.setMatchTimeout(accepted);
+    EXPECT_EQ(saffra.matchTimeout(), accepted);
+  }
+
+  saffra.setBaselineEnvName(" my  env ");
+  EXPECT_EQ(saffra.baselineEnvName(), "myenv");
+  saffra.setBaselineEnvName("");
+  EXPECT_EQ(saffra.baselineEnvName(), std::nullopt);
+
+  saffra.setServerURL("http://example.test");
+  EXPECT_EQ(saffra.serverURL(), "http://example.test");
+  env.set("QUORVANT_SERVER_URL", "http://from-env.test");
+  saffra.setServerURL("");
+  EXPECT_EQ(saffra.serverURL(), "http://from-env.test");
+  env.set("QUORVANT_SERVER_URL", "");
+  env.set("bamboo_QUORVANT_SERVER_URL", "http://bamboo.test");
+  EXPECT_EQ(SaffraBase::defaultServerURL(), "http://bamboo.test");
+
+  saffra.setDebugScreenshotsPrefix("pre_");
+  saffra.setDebugScreenshotsPath("/tmp/shots");
+  EXPECT_FALSE(saffra.saveDebugScreenshots());
+  saffra.setSaveDebugScreenshots(true);
+  EXPECT_TRUE(saffra.saveDebugScreenshots());
+  EXPECT_EQ(saffra.debugScreenshotsPrefix(), "pre_");
+  EXPECT_EQ(saffra.debugScreenshotsPath(), "/tmp/shots/");
+
+  saffra.setServerConnector(nullptr);
+  EXPECT_EQ(exceptionName([&] { saffra.apiKey(); }), "SaffraException: server connector not set");
+  EXPECT_EQ(exceptionName([&] { saffra.setProxy(nullptr); }),
+            "SaffraException: server connector not set");
+}
+
+TEST(SaffraBaseTest, AgentIdAndEnvironment) {
+  ScopedEnvironment env;
+  Saffra saffra;
+  const std::string base = std::string("saffra-xctest-images/") + libraryVersion();
+  EXPECT_EQ(saffra.fullAgentId(), base);
+  saffra.configuration()->setAgentId("");
+  EXPECT_EQ(saffra.fullAgentId(), " [" + base + "]");
+  saffra.configuration()->setAgentId("runner/2");
+  EXPECT_EQ(saffra.fullAgentId(), "runner/2 [" + base + "]");
+
+  const auto version = system_info::osVersion();
+  const std::string os = system_info::osName();
+  saffra.setViewportSize(Size(375, 667));
+  auto environment = saffra.appEnvironment();
+  EXPECT_EQ(environment->hostOS(), os + " " + std::to_string(version.major));
+  EXPECT_EQ(environment->osInfo(),
+            os + " " + std::to_string(version.major) + "." + std::to_string(version.minor));
+  EXPECT_EQ(environment->deviceInfo(), system_info::hostName());
+  EXPECT_EQ(environment->hostApp(), "Test app");
+  EXPECT_EQ(environment->viewportSize(), Size(375, 667));
+
+  saffra.setHostApp("Shop");
+  saffra.setOsInfo("Custom OS 1");
+  saffra.setDeviceInfo("Phone");
+  saffra.setHostingAppInfo("Host");
+  environment = saffra.appEnvironment();
+  EXPECT_EQ(environment->hostApp(), "Shop");
+  EXPECT_EQ(environment->osInfo(), "Custom OS 1");
+  EXPECT_EQ(environment->deviceInfo(), "Phone");
+  EXPECT_EQ(environment->hostingAppInfo(), "Host");
+}
+
+TEST(SaffraBaseTest, ConfigurationIsAPrivateCopy) {
+  ScopedEnvironment env;
+  auto config = std::make_shared<Configuration>();
+  config->setApiKey("k1");
+  config->setServerUrl("http://one.test");
+  config->setBranchName("feature");
+  Saffra saffra;
+  saffra.setConfiguration(config);
+  config->setBranchName("changed");
+  config->setMatchLevel(MatchLevelLayout);  // the match settings object stays shared
+  EXPECT_EQ(saffra.branchName(), "feature");
+  EXPECT_EQ(saffra.matchLevel(), MatchLevelLayout);
+  EXPECT_EQ(saffra.apiKey(), "k1");
+
+  auto second = std::make_shared<Configuration>();  // empty key and address keep the old ones
+  saffra.setConfiguration(second);
+  EXPECT_EQ(saffra.apiKey(), "k1");
+  EXPECT_EQ(saffra.serverURL(), "http://one.test");
+}
+
+TEST(SaffraBaseTest, OpenValidations) {
+  ScopedEnvironment env;
+  LogCapture log;
+  Saffra saffra;
+  EXPECT_EQ(exceptionName([&] { saffra.openWithApplicationName("a", "t"); }),
+            "SaffraException: API key is missing! Please set it using setApiKey()");
+  EXPECT_FALSE(saffra.isOpen());
+
+  env.set("QUORVANT_API_KEY", "from-env");
+  saffra.openWithApplicationName("", std::nullopt, Size(10, 20));
+  EXPECT_TRUE(saffra.isOpen());
+  EXPECT_EQ(saffra.configuration()->appName(), "Application name");
+  EXPECT_EQ(saffra.configuration()->testName(), "Test name");
+  EXPECT_EQ(saffra.viewportSize(), Size(10, 20));
+  EXPECT_TRUE(log.contains("Default match settings = Match level: Strict"));
+
+  // Without a running session the abort only logs, so the object stays open.
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(exceptionName([&] { saffra.openWithApplicationName("a", "t"); }),
+              "SaffraException: A test is already running");
+    EXPECT_TRUE(saffra.isOpen());
+  }
+  EXPECT_TRUE(log.contains("Closed"));
+
+  auto results = saffra.closeWithThrow(true, nullptr);
+  ASSERT_TRUE(results);
+  EXPECT_FALSE(saffra.isOpen());
+  EXPECT_TRUE(log.contains("Server session was not started"));
+  EXPECT_TRUE(log.contains("--- Empty test ended."));
+  EXPECT_EQ(saffra.runner()->allResults()->size(), 1u);
+}
+
+// A session whose screenshot (4 x 30 pixels) has a status bar of 20 points that is cut off.
+class StatusBarSaffra : public Saffra {
+ public:
+  StatusBarSaffra() {
+    image->mutableData()[20 * 4 * 4] = 200;  // first pixel of row 20
+    shot = std::make_shared<SaffraImagesScreenshot>(image);
+  }
+  double statusBarHeight() const override { return 20; }
+  double scaleRatio() const override { return 1; }
+  std::shared_ptr<SaffraScreenshot> screenshot() const override { return shot; }
+
+  std::shared_ptr<Image> image = std::make_shared<Image>(4, 30);
+  std::shared_ptr<SaffraScreenshot> shot;
+};
+
+std::shared_ptr<Image> uploaded(const std::shared_ptr<AppOutputWithScreenshot>& output) {
+  return Image::fromPNGData(*base64::decode(*output->appOutput()->screenshot64()));
+}
+
+TEST(SaffraBaseTest, StatusBarIsCutOffAndRegionsMoveUp) {
+  StatusBarSaffra saffra;
+  saffra.setShouldCropStatusBar(true);
+  auto settings = std::make_shared<CheckSettings>()
+                      ->ignore({std::make_shared<Region>(5, 30, 10, 10)})
+                      ->floating({std::make_shared<Region>(0, 25, 4, 4)}, 3)
+                      ->accessibility(std::make_shared<Region>(1, 40, 2, 2), 1);
+  auto internal = std::dynamic_pointer_cast<CheckSettingsInternalProtocol>(settings);
+  ImageMatchSettings collected;
+  saffra.collectIgnoredRegionsFrom(*internal, collected);
+  saffra.collectFloatingRegionsFrom(*internal, collected);
+  saffra.collectAccessibilityRegionsFrom(*internal, collected);
+  EXPECT_EQ(collected.ignoredRegions().at(0)->top(), 10);
+  EXPECT_EQ(collected.floatingRegions().at(0)->top(), 5);
+  EXPECT_EQ(collected.floatingRegions().at(0)->maxLeftOffset(), 3);
+  EXPECT_EQ(collected.accessibility().at(0)->top(), 20);
+
+  // The upload loses the top 20 rows; an empty region counts as none, a real one wins.
+  for (auto region : {std::shared_ptr<Region>(), Region::emptyRegion()}) {
+    auto output = saffra.appOutputForRegion(region, nullptr);
+    EXPECT_EQ(output->appOutput()->title(), "Base title");
+    auto image = uploaded(output);
+    EXPECT_EQ(image->height(), 10u);
+    EXPECT_EQ(image->pixel(0, 0)[0], 200);
+  }
+  auto cropped =
+      uploaded(saffra.appOutputForRegion(std::make_shared<Region>(0, 18, 2, 4), nullptr));
+  EXPECT_EQ(cropped->width(), 2u);
+  EXPECT_EQ(cropped->height(), 4u);
+  EXPECT_EQ(cropped->pixel(0, 2)[0], 200);
+
+  saffra.setShouldCropStatusBar(false);
+  EXPECT_EQ(uploaded(saffra.appOutputForRegion(nullptr, nullptr))->height(), 30u);
+}
+
+}  // namespace
+}  // namespace saffra
