@@ -17,6 +17,7 @@
 
 #include "saffra/platform/base64.h"
 #include "saffra/platform/exception.h"
+#include "saffra/platform/png_fast.h"
 
 namespace saffra::png {
 
@@ -597,6 +598,8 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
 
 std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double scale) {
   if (!data || size == 0) throw Exception("InvalidImageException", "Not a PNG image: no data");
+  // Screenshots are nearly always plain 8-bit RGB(A); those take a path several times faster.
+  if (std::shared_ptr<Image> image = decodeCommon(data, size, scale)) return image;
   Context ctx(spng_ctx_new(0));
   if (!ctx) throw Exception("InvalidImageException", "Cannot create PNG decoder");
   // Limits stop decompression bombs before any pixel memory is allocated.

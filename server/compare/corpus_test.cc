@@ -1,0 +1,84 @@
+// Verdicts on the public comparison pairs: real screenshots re-rendered with one word, one
+// position or one link colour changed, or only their text anti-aliasing.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+
+#include "server/compare/compare.h"
+
+namespace saffra::compare {
+namespace {
+
+const std::filesystem::path kPairs = std::filesystem::path(SAFFRA_CORPUS_DIR) / "pairs";
+const char* const kBases[] = {"phone-help-steps-1170x2532", "phone-reference-boot-750x1334",
+                              "desktop-docs-warning-1920x1080",
+                              "tablet-framework-article-1536x2048"};
+
+std::vector<std::uint8_t> readFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+class CorpusPairs : public testing::TestWithParam<const char*> {};
+
+TEST_P(CorpusPairs, LevelsGiveTheExpectedVerdicts) {
+  const std::string base = GetParam();
+  const auto baseline = Image::fromPNGFile((kPairs / (base + ".png")).string());
+  const auto variant = [&](const char* kind) {
+    return Image::fromPNGFile((kPairs / (base + "--" + kind + ".png")).string());
+  };
+  const auto matches = [&](const Image& other, MatchLevel level) {
+    CompareOptions options;
+    options.level = level;
+    return compareImages(*baseline, other, options).matches;
+  };
+  const auto word = variant("word"), shift = variant("shift"), color = variant("color"),
+             aa = variant("aa");
+  // Strict: every real change is found; anti-aliasing alone is not a change.
+  EXPECT_FALSE(matches(*word, MatchLevel::Strict));
+  EXPECT_FALSE(matches(*shift, MatchLevel::Strict));
+  EXPECT_FALSE(matches(*color, MatchLevel::Strict));
+  EXPECT_TRUE(matches(*aa, MatchLevel::Strict));
+  // Content: the recoloured link has the same shapes; the word does not.
+  EXPECT_TRUE(matches(*color, MatchLevel::Content));
+  EXPECT_FALSE(matches(*word, MatchLevel::Content));
+  EXPECT_TRUE(matches(*aa, MatchLevel::Content));
+  // Looser levels never fail what Strict passes; Exact sees every pixel.
+  EXPECT_TRUE(matches(*aa, MatchLevel::Layout));
+  EXPECT_FALSE(matches(*aa, MatchLevel::Exact));
+  EXPECT_TRUE(matches(*baseline, MatchLevel::Exact));
+}
+
+TEST_P(CorpusPairs, DifferenceBoxesCoverTheEditedText) {
+  const std::string base = GetParam();
+  const CompareResult r =
+      comparePNG(readFile(kPairs / (base + ".png")), readFile(kPairs / (base + "--word.png")));
+  ASSERT_FALSE(r.matches);
+  // The manifest's change boxes of the word pairs, by base.
+  const std::map<std::string, PixelRect> expected = {
+      {"phone-help-steps-1170x2532", {835, 1126, 117, 36}},
+      {"phone-reference-boot-750x1334", {239, 1025, 196, 31}},
+      {"desktop-docs-warning-1920x1080", {381, 224, 682, 15}},
+      {"tablet-framework-article-1536x2048", {468, 279, 838, 23}}};
+  const PixelRect change = expected.at(base);
+  for (const PixelRect& box : r.differences) {
+    EXPECT_GE(box.left, change.left - 2);
+    EXPECT_GE(box.top, change.top - 2);
+    EXPECT_LE(box.right(), change.right() + 2);
+    EXPECT_LE(box.bottom(), change.bottom() + 2);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(PublicSet, CorpusPairs, testing::ValuesIn(kBases), [](const auto& info) {
+  std::string name = info.param;
+  for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+  return name;
+});
+
+}  // namespace
+}  // namespace saffra::compare

@@ -1,0 +1,408 @@
+#include "server/compare/pixel_levels.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace saffra::compare::detail {
+
+namespace {
+
+// Pixels are handled as packed little-endian words: R in the low byte, A in the high one.
+inline std::uint32_t load(const std::uint8_t* p) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+inline const std::uint8_t* at(const Pixels& image, int x, int y) {
+  return image.data + (static_cast<std::size_t>(y) * image.width + x) * 4;
+}
+
+struct Yiq {
+  float y, i, q;
+};
+
+// YIQ of a colour blended over white (so transparency reads as the page behind it).
+inline Yiq toYiq(std::uint32_t v) {
+  float r = static_cast<float>(v & 255u);
+  float g = static_cast<float>((v >> 8) & 255u);
+  float b = static_cast<float>((v >> 16) & 255u);
+  const std::uint32_t alpha = v >> 24;
+  if (alpha < 255) {
+    const float f = static_cast<float>(alpha) / 255.0f;
+    r = 255.0f + (r - 255.0f) * f;
+    g = 255.0f + (g - 255.0f) * f;
+    b = 255.0f + (b - 255.0f) * f;
+  }
+  return {r * 0.29889531f + g * 0.58662247f + b * 0.11448223f,
+          r * 0.59597799f - g * 0.27417610f - b * 0.32180189f,
+          r * 0.21147017f - g * 0.52261711f + b * 0.31114694f};
+}
+
+inline float distance(const Yiq& a, const Yiq& b) {
+  const float dy = a.y - b.y, di = a.i - b.i, dq = a.q - b.q;
+  return 0.5053f * dy * dy + 0.299f * di * di + 0.1957f * dq * dq;
+}
+
+// The largest possible distance (black against white).
+constexpr float kMaxDistance = 35215.0f;
+constexpr float kStrictLimit =
+    static_cast<float>(kStrictThreshold * kStrictThreshold) * kMaxDistance;
+constexpr float kAntialiasLimit =
+    static_cast<float>(kAntialiasThreshold * kAntialiasThreshold) * kMaxDistance;
+
+// True when `target` could be a re-rendering of the pixels of `image` within one pixel of
+// (x, y): one of them is within `limit` of it, or its colour lies between theirs (channel by
+// channel, with a little slack), as a blend of neighbouring glyph and background pixels does.
+bool explainedBy(const Pixels& image, int x, int y, std::uint32_t target, const Yiq& targetYiq,
+                 float limit) {
+  const int w = image.width, h = image.height;
+  const int x0 = std::max(x - 1, 0), x1 = std::min(x + 1, w - 1);
+  const int y0 = std::max(y - 1, 0), y1 = std::min(y + 1, h - 1);
+  // The blend test first: integer work only, and it settles most anti-aliased pixels.
+  int lo[3] = {255, 255, 255}, hi[3] = {0, 0, 0};
+  for (int yy = y0; yy <= y1; ++yy) {
+    const std::uint8_t* row = at(image, 0, yy);
+    for (int xx = x0; xx <= x1; ++xx) {
+      for (int c = 0; c < 3; ++c) {
+        const int channel = row[xx * 4 + c];
+        lo[c] = std::min(lo[c], channel), hi[c] = std::max(hi[c], channel);
+      }
+    }
+  }
+  bool between = true;
+  for (int c = 0; c < 3; ++c) {
+    const int channel = static_cast<int>((target >> (8 * c)) & 255u);
+    between = between && channel >= lo[c] - kBlendSlack && channel <= hi[c] + kBlendSlack;
+  }
+  if (between) return true;
+  for (int yy = y0; yy <= y1; ++yy) {
+    const std::uint8_t* row = at(image, 0, yy);
+    for (int xx = x0; xx <= x1; ++xx) {
+      if (distance(toYiq(load(row + xx * 4)), targetYiq) <= limit) return true;
+    }
+  }
+  return false;
+}
+
+inline bool contrasting(const std::uint8_t* p, const std::uint8_t* q) {
+  for (int c = 0; c < 3; ++c) {
+    if (std::abs(int{p[c]} - int{q[c]}) > kEdgeContrast) return true;
+  }
+  return false;
+}
+
+// True when the pixel at (x, y) contrasts with its right or lower neighbour.
+bool edgeAt(const Pixels& image, int x, int y) {
+  const int w = image.width, h = image.height;
+  const std::uint8_t* p = at(image, x, y);
+  return (x + 1 < w && contrasting(p, p + 4)) || (y + 1 < h && contrasting(p, p + w * 4));
+}
+
+bool edgeNear(const Pixels& image, int x, int y) {
+  const int w = image.width, h = image.height;
+  for (int yy = std::max(y - 1, 0); yy <= std::min(y + 1, h - 1); ++yy) {
+    for (int xx = std::max(x - 1, 0); xx <= std::min(x + 1, w - 1); ++xx) {
+      if (edgeAt(image, xx, yy)) return true;
+    }
+  }
+  return false;
+}
+
+// The element boxes of an area: colour edges joined across small gaps, each joined group
+// replaced by its filled bounding box. One byte per pixel, 1 inside a box.
+std::vector<std::uint8_t> elementBoxes(const Pixels& image, int x0, int y0, int w, int h) {
+  const std::size_t n = static_cast<std::size_t>(w) * h;
+  std::vector<std::uint8_t> joined(n, 0);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      const std::uint8_t* p = at(image, x0 + x, y0 + y);
+      const bool edge = (x + 1 < w && contrasting(p, p + 4)) ||
+                        (y + 1 < h && contrasting(p, p + image.width * 4));
+      joined[static_cast<std::size_t>(y) * w + x] = edge;
+    }
+  }
+  // Join along rows, then along columns, across gaps no wider than the join distances.
+  for (int y = 0; y < h; ++y) {
+    std::uint8_t* row = &joined[static_cast<std::size_t>(y) * w];
+    int last = -1;
+    for (int x = 0; x < w; ++x) {
+      if (!row[x]) continue;
+      if (last >= 0 && x - last - 1 <= kLayoutJoinX) std::fill(row + last + 1, row + x, 1);
+      last = x;
+    }
+  }
+  std::vector<int> lastInColumn(w, -1);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      if (!joined[static_cast<std::size_t>(y) * w + x]) continue;
+      const int last = lastInColumn[x];
+      if (last >= 0 && y - last - 1 <= kLayoutJoinY) {
+        for (int yy = last + 1; yy < y; ++yy) joined[static_cast<std::size_t>(yy) * w + x] = 1;
+      }
+      lastInColumn[x] = y;
+    }
+  }
+  // Flood-fill each 8-connected group and paint its bounding box.
+  std::vector<std::uint8_t> boxes(n, 0);
+  std::vector<std::size_t> stack;
+  for (std::size_t start = 0; start < n; ++start) {
+    if (joined[start] != 1) continue;
+    int left = w, top = h, right = -1, bottom = -1;
+    joined[start] = 2;
+    stack.push_back(start);
+    while (!stack.empty()) {
+      const std::size_t k = stack.back();
+      stack.pop_back();
+      const int x = static_cast<int>(k % w), y = static_cast<int>(k / w);
+      left = std::min(left, x), right = std::max(right, x);
+      top = std::min(top, y), bottom = std::max(bottom, y);
+      for (int yy = std::max(y - 1, 0); yy <= std::min(y + 1, h - 1); ++yy) {
+        for (int xx = std::max(x - 1, 0); xx <= std::min(x + 1, w - 1); ++xx) {
+          const std::size_t q = static_cast<std::size_t>(yy) * w + xx;
+          if (joined[q] == 1) {
+            joined[q] = 2;
+            stack.push_back(q);
+          }
+        }
+      }
+    }
+    for (int y = top; y <= bottom; ++y) {
+      std::fill_n(&boxes[static_cast<std::size_t>(y) * w + left], right - left + 1, 1);
+    }
+  }
+  return boxes;
+}
+
+bool anySetNear(const std::vector<std::uint8_t>& map, int w, int h, int x, int y) {
+  for (int yy = std::max(y - 1, 0); yy <= std::min(y + 1, h - 1); ++yy) {
+    for (int xx = std::max(x - 1, 0); xx <= std::min(x + 1, w - 1); ++xx) {
+      if (map[static_cast<std::size_t>(yy) * w + xx]) return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+std::size_t diffExact(const Span& s) {
+  std::size_t count = 0;
+  const std::size_t bytes = static_cast<std::size_t>(s.width) * 4;
+  for (int j = 0; j < s.height; ++j) {
+    const std::uint8_t* ra = at(*s.a, s.ax, s.ay + j);
+    const std::uint8_t* rb = at(*s.b, s.bx, s.by + j);
+    if (std::memcmp(ra, rb, bytes) == 0) continue;
+    std::uint8_t* m = s.mask + j * s.maskStride;
+    for (int i = 0; i < s.width; ++i) {
+      const std::uint32_t pa = load(ra + i * 4), pb = load(rb + i * 4);
+      if (pa == pb || ((pa >> 24) == 0 && (pb >> 24) == 0)) continue;
+      m[i] = kCounted;
+      ++count;
+    }
+  }
+  return count;
+}
+
+std::size_t diffStrict(const Span& s, bool shapesOnly) {
+  std::size_t count = 0;
+  const std::size_t bytes = static_cast<std::size_t>(s.width) * 4;
+  // Unexplained differences so far in each 8x8 tile of the current band of rows. Once a tile
+  // holds enough to count as changed, its other differing pixels count without the
+  // anti-aliasing test: the verdict cannot change, and large changes stay cheap.
+  constexpr int kTile = 8;
+  static thread_local std::vector<int> band;
+  for (int j = 0; j < s.height; ++j) {
+    if (j % kTile == 0) band.assign(static_cast<std::size_t>(s.width / kTile + 1), 0);
+    const std::uint8_t* ra = at(*s.a, s.ax, s.ay + j);
+    const std::uint8_t* rb = at(*s.b, s.bx, s.by + j);
+    if (std::memcmp(ra, rb, bytes) == 0) continue;
+    std::uint8_t* m = s.mask + j * s.maskStride;
+    for (int i = 0; i < s.width; ++i) {
+      const std::uint32_t pa = load(ra + i * 4), pb = load(rb + i * 4);
+      if (pa == pb) continue;
+      const Yiq ya = toYiq(pa), yb = toYiq(pb);
+      if (distance(ya, yb) <= kStrictLimit) continue;
+      int& inTile = band[i / kTile];
+      if (shapesOnly || inTile < kMinClusterPixels) {
+        const int xa = s.ax + i, yA = s.ay + j, xb = s.bx + i, yB = s.by + j;
+        if (explainedBy(*s.b, xb, yB, pa, ya, kAntialiasLimit) &&
+            explainedBy(*s.a, xa, yA, pb, yb, kAntialiasLimit)) {
+          m[i] = kForgiven;
+          continue;
+        }
+        if (shapesOnly && (!edgeAt(*s.a, xa, yA) || edgeNear(*s.b, xb, yB)) &&
+            (!edgeAt(*s.b, xb, yB) || edgeNear(*s.a, xa, yA))) {
+          m[i] = kForgiven;
+          continue;
+        }
+      }
+      m[i] = kCandidate;
+      ++inTile;
+      ++count;
+    }
+  }
+  return count;
+}
+
+std::size_t diffLayout(const Span& s) {
+  const int w = s.width, h = s.height;
+  // Only where Strict sees a difference can the arrangement differ: box edges that shift with
+  // anti-aliasing alone are not looked at.
+  std::vector<std::uint8_t> strict(static_cast<std::size_t>(w) * h, 0);
+  diffStrict({s.a, s.b, s.ax, s.ay, s.bx, s.by, w, h, strict.data(), static_cast<std::size_t>(w)},
+             false);
+  if (cluster(strict.data(), w, w, h, 0, 0).counted == 0) return 0;
+  constexpr int kTile = 8;
+  const int tilesX = (w + kTile - 1) / kTile, tilesY = (h + kTile - 1) / kTile;
+  std::vector<std::uint8_t> near(static_cast<std::size_t>(tilesX) * tilesY, 0);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      if (strict[static_cast<std::size_t>(y) * w + x] != kCounted) continue;
+      const int tx = x / kTile, ty = y / kTile;
+      for (int yy = std::max(ty - 1, 0); yy <= std::min(ty + 1, tilesY - 1); ++yy) {
+        for (int xx = std::max(tx - 1, 0); xx <= std::min(tx + 1, tilesX - 1); ++xx) {
+          near[static_cast<std::size_t>(yy) * tilesX + xx] = 1;
+        }
+      }
+    }
+  }
+
+  const std::vector<std::uint8_t> boxesA = elementBoxes(*s.a, s.ax, s.ay, w, h);
+  const std::vector<std::uint8_t> boxesB = elementBoxes(*s.b, s.bx, s.by, w, h);
+  std::size_t count = 0;
+  for (int y = 0; y < h; ++y) {
+    std::uint8_t* m = s.mask + y * s.maskStride;
+    for (int x = 0; x < w; ++x) {
+      const std::size_t k = static_cast<std::size_t>(y) * w + x;
+      if (boxesA[k] == boxesB[k] ||
+          !near[static_cast<std::size_t>(y / kTile) * tilesX + x / kTile]) {
+        continue;
+      }
+      // A box edge that moved by one pixel is forgiven.
+      const bool nearOther =
+          boxesA[k] ? anySetNear(boxesB, w, h, x, y) : anySetNear(boxesA, w, h, x, y);
+      if (nearOther) {
+        m[x] = kForgiven;
+      } else {
+        m[x] = kCandidate;
+        ++count;
+      }
+    }
+  }
+  return count;
+}
+
+Clusters cluster(std::uint8_t* mask, std::size_t maskStride, int width, int height, int originX,
+                 int originY) {
+  Clusters result;
+  if (width <= 0 || height <= 0) return result;
+  constexpr int kTile = 8;
+  const int tilesX = (width + kTile - 1) / kTile, tilesY = (height + kTile - 1) / kTile;
+  const auto tile = [&](int tx, int ty) { return static_cast<std::size_t>(ty) * tilesX + tx; };
+  // Per-tile scratch lives in buffers each thread keeps (fresh memory costs page faults).
+  const std::size_t tiles = static_cast<std::size_t>(tilesX) * tilesY;
+  static thread_local std::vector<int> counts;
+  counts.assign(tiles, 0);
+  std::size_t marked = 0;
+  for (int y = 0; y < height; ++y) {
+    const std::uint8_t* m = mask + y * maskStride;
+    if (!std::memchr(m, kCandidate, width) && !std::memchr(m, kCounted, width)) continue;
+    for (int x = 0; x < width; ++x) {
+      if (m[x] == kCandidate) ++counts[tile(x / kTile, y / kTile)];
+      if (m[x] >= kCounted) ++marked;
+    }
+  }
+  if (marked == 0) return result;
+
+  // Tiles whose candidates count: those in or next to a 2x2-tile window holding enough.
+  static thread_local std::vector<std::uint8_t> counting, hot, seen;
+  counting.assign(tiles, 0);
+  {
+    hot.assign(tiles, 0);
+    for (int ty = 0; ty < tilesY; ++ty) {
+      for (int tx = 0; tx < tilesX; ++tx) {
+        int sum = 0;
+        for (int dy = 0; dy < 2 && ty + dy < tilesY; ++dy) {
+          for (int dx = 0; dx < 2 && tx + dx < tilesX; ++dx) sum += counts[tile(tx + dx, ty + dy)];
+        }
+        if (sum < kMinClusterPixels) continue;
+        for (int dy = 0; dy < 2 && ty + dy < tilesY; ++dy) {
+          for (int dx = 0; dx < 2 && tx + dx < tilesX; ++dx) hot[tile(tx + dx, ty + dy)] = 1;
+        }
+      }
+    }
+    for (int ty = 0; ty < tilesY; ++ty) {
+      for (int tx = 0; tx < tilesX; ++tx) {
+        if (!hot[tile(tx, ty)]) continue;
+        for (int y = std::max(ty - 1, 0); y <= std::min(ty + 1, tilesY - 1); ++y) {
+          for (int x = std::max(tx - 1, 0); x <= std::min(tx + 1, tilesX - 1); ++x) {
+            counting[tile(x, y)] = 1;
+          }
+        }
+      }
+    }
+  }
+
+  // Settle every candidate and note the bounding box of the counted pixels of each tile.
+  struct Box {
+    int left = 1 << 30, top = 1 << 30, right = -1, bottom = -1;
+  };
+  static thread_local std::vector<Box> tileBoxes;
+  tileBoxes.assign(tiles, Box{});
+  const auto addToBox = [](Box& b, int x, int y) {
+    b.left = std::min(b.left, x), b.right = std::max(b.right, x);
+    b.top = std::min(b.top, y), b.bottom = std::max(b.bottom, y);
+  };
+  for (int y = 0; y < height; ++y) {
+    std::uint8_t* m = mask + y * maskStride;
+    if (!std::memchr(m, kCandidate, width) && !std::memchr(m, kCounted, width)) continue;
+    for (int x = 0; x < width; ++x) {
+      if (m[x] == kCounted) {
+        ++result.counted;
+        addToBox(tileBoxes[tile(x / kTile, y / kTile)], x, y);
+        continue;
+      }
+      if (m[x] != kCandidate) continue;
+      const std::size_t k = tile(x / kTile, y / kTile);
+      if (!counting[k]) {
+        m[x] = kForgiven;
+        continue;
+      }
+      m[x] = kCounted;
+      ++result.counted;
+      addToBox(tileBoxes[k], x, y);
+    }
+  }
+
+  // Difference boxes: 8-connected groups of tiles with counted pixels.
+  seen.assign(tiles, 0);
+  std::vector<std::size_t> stack;
+  for (std::size_t start = 0; start < counts.size(); ++start) {
+    if (seen[start] || tileBoxes[start].right < 0) continue;
+    Box group;
+    seen[start] = 1;
+    stack.push_back(start);
+    while (!stack.empty()) {
+      const std::size_t k = stack.back();
+      stack.pop_back();
+      const Box& b = tileBoxes[k];
+      group.left = std::min(group.left, b.left), group.right = std::max(group.right, b.right);
+      group.top = std::min(group.top, b.top), group.bottom = std::max(group.bottom, b.bottom);
+      const int tx = static_cast<int>(k % tilesX), ty = static_cast<int>(k / tilesX);
+      for (int y = std::max(ty - 1, 0); y <= std::min(ty + 1, tilesY - 1); ++y) {
+        for (int x = std::max(tx - 1, 0); x <= std::min(tx + 1, tilesX - 1); ++x) {
+          const std::size_t q = tile(x, y);
+          if (!seen[q] && tileBoxes[q].right >= 0) {
+            seen[q] = 1;
+            stack.push_back(q);
+          }
+        }
+      }
+    }
+    result.boxes.push_back({originX + group.left, originY + group.top, group.right - group.left + 1,
+                            group.bottom - group.top + 1});
+  }
+  return result;
+}
+
+}  // namespace saffra::compare::detail

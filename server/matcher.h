@@ -1,0 +1,39 @@
+// The one place where the service uses the comparison engine (saffra::compare): it maps a
+// step's matching settings onto the engine's options and hands back the verdict and, for a
+// mismatch, a diff image (the baseline faded with the differences marked), and checks the
+// contrast of the step's accessibility regions.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "saffra/platform/image.h"
+#include "server/match_settings.h"
+
+namespace saffra::server {
+
+/// The verdict of one comparison.
+struct MatchOutcome {
+  bool matches = false;
+  /// Present for a mismatch when a diff image could be made.
+  std::shared_ptr<Image> diff;
+};
+
+/// Compares `current` with `baseline` at the settings' match level, honouring its regions.
+MatchOutcome matchImages(const Image& baseline, const Image& current,
+                         const MatchSettings& settings);
+
+/// The contrast check of a step's accessibility regions.
+struct AccessibilityVerdict {
+  bool passed = true;
+  /// The level checked: "AA" or "AAA" ("None" in the settings is checked as "AA").
+  std::string level;
+};
+
+/// Checks the contrast of the settings' accessibility regions in `image`; nothing when the
+/// settings have no such regions.
+std::optional<AccessibilityVerdict> checkAccessibility(const Image& image,
+                                                       const MatchSettings& settings);
+
+}  // namespace saffra::server

@@ -1,0 +1,54 @@
+// How a stopped session is judged, which baseline saving it makes, and the test-results
+// document the stop call returns (also served as JSON and rendered as the results page).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "saffra/platform/json.h"
+#include "server/store.h"
+
+namespace saffra::server {
+
+/// The addresses of a session's pages and images under the service's base address. Each
+/// carries the session's access token, so that a link from a log works in a browser.
+class Links {
+ public:
+  /// `base` is the scheme, host and port, e.g. "http://127.0.0.1:8080".
+  explicit Links(std::string base) : base_(std::move(base)) {}
+
+  /// The HTML results page.
+  std::string sessionPage(const SessionRecord& session) const;
+  /// The session under the API: the results page, or the document for JSON clients.
+  std::string sessionApi(const SessionRecord& session) const;
+  /// One step's place on the results page; steps count from 1.
+  std::string stepPage(const SessionRecord& session, std::int64_t step) const;
+  /// A step's image; `kind` is "baseline", "current" or "diff".
+  std::string stepImage(const SessionRecord& session, std::int64_t step,
+                        std::string_view kind) const;
+
+ private:
+  std::string base_;
+};
+
+/// Judges a session being stopped. Aborted sessions fail. A new test passes when it is saved
+/// as the baseline and otherwise awaits approval (Unresolved). An existing test is Unresolved
+/// when a step mismatched or a baseline step was not reached, and Passed otherwise.
+Outcome decideOutcome(const std::vector<StepRecord>& steps,
+                      const std::vector<BaselineStep>& baseline, bool isNew, bool aborted,
+                      bool save, std::int64_t now);
+
+/// The baseline after saving a session: matching steps keep their baseline image, new and
+/// changed steps take the current one, and baseline steps beyond the session's are dropped.
+std::vector<BaselineStep> baselineAfterSave(const std::vector<StepRecord>& steps);
+
+/// The test-results document of a session; a session that still runs has the status "Running".
+Json resultsDocument(const SessionRecord& session, const OptString& batchName,
+                     const std::vector<StepRecord>& steps, const Links& links);
+
+/// "2024-03-05T14:07:09Z" in UTC.
+std::string isoTime(std::int64_t secondsSinceEpoch);
+
+}  // namespace saffra::server

@@ -1,0 +1,65 @@
+// The local service: an HTTP server that speaks the visual-testing REST protocol (start a
+// session, match a window, stop a session, close a batch), keeps baselines and results in a
+// data folder, and serves the results pages and stored images. Tests start it in-process on a
+// free loopback port; `saffra serve` runs it from the command line.
+//
+// Every request needs one of the configured API keys in the query (apiKey=...). A session's
+// page and images are also readable with the session's access token (accessToken=..., the
+// results' secret token), which the addresses in its results document carry.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace saffra::server {
+
+/// The service could not start (no API key, data folder unusable, address in use).
+class ServiceError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// How the service runs.
+struct ServiceOptions {
+  /// Address to listen on.
+  std::string host = "127.0.0.1";
+  /// Port to listen on; 0 picks a free one (see Service::port()).
+  int port = 0;
+  /// Where the database and the images live; created when missing.
+  std::filesystem::path dataFolder;
+  /// The keys a request may carry; at least one is needed.
+  std::vector<std::string> apiKeys;
+  /// Requests with a larger body are refused with 413.
+  std::size_t maxBodyBytes = std::size_t{100} << 20;
+  /// Uploaded images declaring more pixels than this are refused before they are decoded.
+  std::size_t maxImagePixels = std::size_t{64} << 20;
+};
+
+/// The running service. Handles requests on a pool of threads until stopped or destroyed.
+class Service {
+ public:
+  explicit Service(ServiceOptions options);
+  ~Service();
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+  /// Opens the data folder, binds and starts serving in the background. Throws ServiceError.
+  /// A service runs once: start() after stop() throws.
+  void start();
+  /// Stops serving and waits for requests in progress; calling it again does nothing.
+  void stop();
+  /// The port bound by start() (0 before).
+  int port() const;
+  /// "http://host:port" of the running service.
+  std::string url() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace saffra::server

@@ -1,0 +1,173 @@
+// Refused requests: every one gets a 4xx reply with a JSON error, and none of them disturbs
+// what the service has stored.
+#include <gtest/gtest.h>
+
+#include "saffra/images/logger.h"
+#include "server/service_test_support.h"
+
+namespace saffra::server::testing {
+namespace {
+
+const std::vector<std::uint8_t> kPlain = solidPng(40, 30, kWhite);
+
+// A PNG signature and header that declare the given size, followed by nothing.
+std::vector<std::uint8_t> pngHeaderOnly(std::uint32_t width, std::uint32_t height) {
+  std::vector<std::uint8_t> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n',
+                                   0,    0,   0,   13,  'I',  'H',  'D',  'R'};
+  for (std::uint32_t v : {width, height}) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      png.push_back(static_cast<std::uint8_t>(v >> shift));
+  }
+  for (std::uint8_t b : {8, 6, 0, 0, 0, 0, 0, 0, 0}) png.push_back(b);  // RGBA8 and a dummy CRC
+  return png;
+}
+
+Json withScreenshot(std::string text) {
+  Json body = matchBody(kPlain, "home");
+  body["appOutput"]["screenshot64"] = std::move(text);
+  return body;
+}
+
+class ServiceFaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    harness_.runTest(test_, {kPlain, kPlain}, true);
+    id_ = harness_.start(test_).body["id"];
+    ASSERT_EQ(harness_.match(id_, matchBody(kPlain, "kept")).body["asExpected"], true);
+  }
+
+  // The session that the refused requests aimed at still works and kept exactly its step.
+  void expectStoredDataIntact() {
+    EXPECT_EQ(harness_.match(id_, matchBody(kPlain, "after")).body["asExpected"], true);
+    Json results = harness_.stop(id_, false, false).body;
+    EXPECT_EQ(results["steps"], 2);
+    EXPECT_EQ(results["status"], "Passed");
+    EXPECT_EQ(harness_.start(test_).status, 200);
+  }
+
+  TempFolder folder_;
+  Harness harness_{folder_.path(), 1u << 20};
+  SessionSpec test_;
+  std::string id_;
+};
+
+TEST_F(ServiceFaultsTest, BadRequestsGetJsonErrorsAndALogLine) {
+  const std::string key = std::string("?apiKey=") + kApiKey;
+  const std::string match = "/api/sessions/running/" + id_ + key;
+  std::vector<std::uint8_t> truncated(kPlain.begin(), kPlain.begin() + kPlain.size() / 2);
+  std::string tooLarge = json::write(withScreenshot(std::string(1u << 20, 'A')));
+  struct Case {
+    const char* label;
+    std::string method, target, body;
+    int status;
+  };
+  std::vector<Case> cases = {
+      {"start: malformed JSON", "POST", "/api/sessions/running" + key, "{\"startInfo\": ", 400},
+      {"start: not an object", "POST", "/api/sessions/running" + key, "[1, 2]", 400},
+      {"start: no startInfo", "POST", "/api/sessions/running" + key, "{}", 400},
+      {"start: no test name", "POST", "/api/sessions/running" + key,
+       R"({"startInfo": {"appIdOrName": "a", "scenarioIdOrName": ""}})", 400},
+      {"match: malformed JSON", "POST", match, "{{", 400},
+      {"match: no screenshot", "POST", match, R"({"appOutput": {}, "tag": "x"})", 400},
+      {"match: screenshot not text", "POST", match, json::write(withScreenshot("")), 400},
+      {"match: not base64", "POST", match, json::write(withScreenshot("iVBOR*w0KGgo=")), 400},
+      {"match: not a PNG", "POST", match,
+       json::write(withScreenshot(base64WithLineBreaks({'G', 'I', 'F', '8', '9', 'a', 1, 2, 3}))),
+       400},
+      {"match: truncated PNG", "POST", match,
+       json::write(withScreenshot(base64WithLineBreaks(truncated))), 400},
+      {"match: absurd declared size", "POST", match,
+       json::write(withScreenshot(base64WithLineBreaks(pngHeaderOnly(60000, 60000)))), 413},
+      {"match: size within the decoder's limit but not the service's", "POST", match,
+       json::write(withScreenshot(base64WithLineBreaks(pngHeaderOnly(16000, 16000)))), 413},
+      {"match: zero size", "POST", match,
+       json::write(withScreenshot(base64WithLineBreaks(pngHeaderOnly(0, 10)))), 413},
+      {"match: body over the limit", "POST", match, tooLarge, 413},
+      {"match: unknown session", "POST", "/api/sessions/running/ABC-123" + key,
+       json::write(matchBody(kPlain, "x")), 404},
+      {"match: id with a dot", "POST", "/api/sessions/running/.." + key,
+       json::write(matchBody(kPlain, "x")), 400},
+      {"match: id with encoded slashes", "POST", "/api/sessions/running/..%2F..%2Fetc" + key,
+       json::write(matchBody(kPlain, "x")), 404},
+      {"stop: unknown session", "DELETE", "/api/sessions/running/ABC-123" + key, "", 404},
+      {"stop: bad flag", "DELETE", "/api/sessions/running/" + id_ + key + "&aborted=maybe", "",
+       400},
+      {"image: step out of range", "GET", "/api/sessions/" + id_ + "/steps/9/current.png" + key, "",
+       404},
+      {"no such route", "GET", "/etc/passwd", "", 404},
+  };
+  for (const Case& c : cases) {
+    LogCapture log;
+    Reply reply = harness_.send(c.method, c.target, c.body);
+    EXPECT_EQ(reply.status, c.status) << c.label;
+    EXPECT_EQ(reply.contentType, "application/json") << c.label;
+    EXPECT_TRUE(reply.body.is_object() && reply.body.contains("error")) << c.label << reply.raw;
+    auto lines = log.lines();
+    bool logged = std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+      return line.find("-> " + std::to_string(c.status)) != std::string::npos;
+    });
+    EXPECT_TRUE(logged) << c.label;
+  }
+  expectStoredDataIntact();
+}
+
+TEST_F(ServiceFaultsTest, RequestsWithoutAValidKeyAreRefused) {
+  Json results = harness_.runTest(test_, {kPlain}, false);
+  std::string image = results["stepsInfo"][0]["apiUrls"]["currentImage"];
+  std::string imagePath = image.substr(image.find("/api/"));
+  std::string bareImagePath = imagePath.substr(0, imagePath.find('?'));
+  std::string otherSession = harness_.start(test_).body["id"];
+  std::string otherToken = harness_.stop(otherSession, false, false).body["secretToken"];
+
+  struct Case {
+    const char* label;
+    std::string method, target;
+  };
+  std::vector<Case> cases = {
+      {"start without key", "POST", "/api/sessions/running"},
+      {"start with wrong key", "POST", "/api/sessions/running?apiKey=nope"},
+      {"start with empty key", "POST", "/api/sessions/running?apiKey="},
+      {"key differing in case", "POST", "/api/sessions/running?apiKey=TEST-KEY"},
+      {"match", "POST", "/api/sessions/running/" + id_ + "?apiKey=nope"},
+      {"stop", "DELETE", "/api/sessions/running/" + id_ + "?apiKey=nope&aborted=true"},
+      {"close batch", "DELETE", "/api/sessions/batches/BATCH-1/close/bypointerid?apiKey=nope"},
+      {"image without key or token", "GET", bareImagePath},
+      {"image with another session's token", "GET", bareImagePath + "?accessToken=" + otherToken},
+      {"page of an unknown session", "GET", "/app/sessions/ABC?accessToken=" + otherToken},
+  };
+  for (const Case& c : cases) {
+    Reply reply = harness_.send(c.method, c.target, json::write(startInfo(test_)));
+    EXPECT_EQ(reply.status, 401) << c.label;
+    EXPECT_TRUE(reply.body.contains("error")) << c.label;
+  }
+  // The second configured key, the image's own token and the key instead of a token all work.
+  EXPECT_EQ(
+      harness_
+          .send("POST", "/api/sessions/running?apiKey=second-key", json::write(startInfo(test_)))
+          .status,
+      200);
+  EXPECT_EQ(harness_.send("GET", imagePath).status, 200);
+  EXPECT_EQ(harness_.send("GET", bareImagePath + "?apiKey=" + kApiKey).status, 200);
+  expectStoredDataIntact();
+}
+
+TEST(ServiceOptionsTest, StartRefusesUnusableSettings) {
+  TempFolder folder;
+  ServiceOptions noKey;
+  noKey.dataFolder = folder.path();
+  EXPECT_THROW(Service(noKey).start(), ServiceError);
+
+  ServiceOptions fileAsFolder = noKey;
+  fileAsFolder.apiKeys = {kApiKey};
+  fileAsFolder.dataFolder = "/dev/null/saffra";
+  EXPECT_THROW(Service(fileAsFolder).start(), ServiceError);
+
+  Harness running(folder.path());
+  ServiceOptions samePort = noKey;
+  samePort.apiKeys = {kApiKey};
+  samePort.port = running.port();
+  EXPECT_THROW(Service(samePort).start(), ServiceError);
+}
+
+}  // namespace
+}  // namespace saffra::server::testing

@@ -1,0 +1,235 @@
+// Helpers for the service's tests: a service on a free loopback port over a fresh data folder,
+// requests shaped exactly as the client library sends them, and small PNG makers.
+#pragma once
+
+#include <array>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <httplib.h>
+
+#include "saffra/platform/image.h"
+#include "saffra/platform/json.h"
+#include "saffra/platform/uuid.h"
+#include "server/match_settings.h"
+#include "server/service.h"
+
+namespace saffra::server::testing {
+
+inline constexpr const char* kApiKey = "test-key";
+
+using Rgba = std::array<std::uint8_t, 4>;
+inline constexpr Rgba kWhite = {255, 255, 255, 255};
+inline constexpr Rgba kBlack = {0, 0, 0, 255};
+
+/// Base64 as the client sends it: CR LF between 64-character lines, none after the last.
+inline std::string base64WithLineBreaks(const std::vector<std::uint8_t>& bytes) {
+  static constexpr char kAlphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string plain;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    std::uint32_t n = std::uint32_t{bytes[i]} << 16;
+    if (i + 1 < bytes.size()) n |= std::uint32_t{bytes[i + 1]} << 8;
+    if (i + 2 < bytes.size()) n |= bytes[i + 2];
+    plain += kAlphabet[(n >> 18) & 63];
+    plain += kAlphabet[(n >> 12) & 63];
+    plain += i + 1 < bytes.size() ? kAlphabet[(n >> 6) & 63] : '=';
+    plain += i + 2 < bytes.size() ? kAlphabet[n & 63] : '=';
+  }
+  std::string text;
+  for (std::size_t i = 0; i < plain.size(); i += 64) {
+    if (i > 0) text += "\r\n";
+    text += plain.substr(i, 64);
+  }
+  return text;
+}
+
+/// A PNG of one colour, optionally with a rectangle of another.
+inline std::vector<std::uint8_t> solidPng(std::size_t width, std::size_t height, Rgba fill,
+                                          std::optional<PixelRect> patch = std::nullopt,
+                                          Rgba patchColour = kBlack) {
+  Image image(width, height);
+  for (std::size_t y = 0; y < height; ++y) {
+    for (std::size_t x = 0; x < width; ++x) {
+      bool inPatch = patch && static_cast<std::int64_t>(x) >= patch->left &&
+                     static_cast<std::int64_t>(x) < patch->left + patch->width &&
+                     static_cast<std::int64_t>(y) >= patch->top &&
+                     static_cast<std::int64_t>(y) < patch->top + patch->height;
+      const Rgba& c = inPatch ? patchColour : fill;
+      std::copy(c.begin(), c.end(), image.mutableData() + (y * width + x) * 4);
+    }
+  }
+  return image.pngData();
+}
+
+/// The wire form of a step's or a session's matching settings, with all eleven keys.
+inline Json wireSettings(const std::string& matchLevel = "Strict", Json ignore = Json::array(),
+                         Json accessibility = Json::array(),
+                         const std::string& accessibilityLevel = "None") {
+  return Json{{"matchLevel", matchLevel},
+              {"accessibilityLevel", accessibilityLevel},
+              {"ignoreCaret", false},
+              {"IgnoreDisplacements", false},
+              {"enablePatterns", false},
+              {"Ignore", std::move(ignore)},
+              {"Layout", Json::array()},
+              {"Strict", Json::array()},
+              {"Content", Json::array()},
+              {"Floating", Json::array()},
+              {"accessibility", std::move(accessibility)}};
+}
+
+inline Json region(std::int64_t left, std::int64_t top, std::int64_t width, std::int64_t height) {
+  return Json{{"left", left}, {"top", top}, {"width", width}, {"height", height}};
+}
+
+/// What varies between the tests' sessions.
+struct SessionSpec {
+  std::string app = "Calendar";
+  std::string name = "month view";
+  std::string branch;  // empty: not sent
+  std::string os = "Linux 6.1";
+  std::string hostApp = "Unit tests";
+  double width = 375;
+  double height = 667;
+  std::string batchId = "BATCH-1";
+  std::string batchName = "nightly";
+};
+
+/// The start record ("startInfo") as the client builds it. The client sends the branch name
+/// under all three branch keys when they are set.
+inline Json startInfo(const SessionSpec& t) {
+  Json info{{"appIdOrName", t.app},
+            {"scenarioIdOrName", t.name},
+            {"batchInfo",
+             {{"name", t.batchName}, {"startedAt", "2024-03-05T14:07:09Z"}, {"id", t.batchId}}},
+            {"environment",
+             {{"displaySize", {{"width", t.width}, {"height", t.height}}},
+              {"os", t.os},
+              {"hostingApp", t.hostApp}}},
+            {"defaultMatchSettings", wireSettings()},
+            {"agentId", "saffra-images-cpp/1.0.0"},
+            {"saveDiffs", false},
+            {"properties", Json::array()},
+            {"sessionType", "SEQUENTIAL"}};
+  if (!t.branch.empty()) {
+    info["branchName"] = t.branch;
+    info["parentBranchName"] = t.branch;
+    info["baselineBranchName"] = t.branch;
+  }
+  return Json{{"startInfo", std::move(info)}};
+}
+
+/// The match window body as the client builds it.
+inline Json matchBody(const std::vector<std::uint8_t>& png, const std::string& tag,
+                      bool ignoreMismatch = false, Json settings = wireSettings()) {
+  return Json{{"appOutput", {{"screenshot64", base64WithLineBreaks(png)}}},
+              {"tag", tag},
+              {"options",
+               {{"name", tag},
+                {"ignoreMismatch", ignoreMismatch},
+                {"ignoreMatch", false},
+                {"forceMismatch", false},
+                {"forceMatch", false},
+                {"imageMatchSettings", std::move(settings)},
+                {"source", ""}}}};
+}
+
+/// An HTTP reply; `body` is the parsed JSON when the reply was JSON.
+struct Reply {
+  int status = 0;
+  std::string raw;
+  std::string contentType;
+  Json body;
+};
+
+/// A fresh folder under the system's temporary folder, removed at the end.
+class TempFolder {
+ public:
+  TempFolder()
+      : path_(std::filesystem::temp_directory_path() / ("saffra-service-test-" + newUUIDString())) {
+    std::filesystem::create_directories(path_);
+  }
+  ~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+/// A running service and a client that speaks its protocol.
+class Harness {
+ public:
+  explicit Harness(const std::filesystem::path& folder, std::size_t maxBodyBytes = 100u << 20) {
+    ServiceOptions options;
+    options.dataFolder = folder;
+    options.apiKeys = {kApiKey, "second-key"};
+    options.maxBodyBytes = maxBodyBytes;
+    service_ = std::make_unique<Service>(options);
+    service_->start();
+  }
+
+  Service& service() { return *service_; }
+  int port() const { return service_->port(); }
+
+  Reply send(const std::string& method, const std::string& target, const std::string& body = "",
+             const httplib::Headers& headers = {}) const {
+    httplib::Client client("127.0.0.1", service_->port());
+    client.set_read_timeout(30, 0);
+    httplib::Result result = method == "POST"
+                                 ? client.Post(target.c_str(), headers, body, "application/json")
+                             : method == "DELETE" ? client.Delete(target.c_str(), headers)
+                                                  : client.Get(target.c_str(), headers);
+    Reply reply;
+    if (!result) return reply;
+    reply.status = result->status;
+    reply.raw = result->body;
+    reply.contentType = result->get_header_value("Content-Type");
+    reply.body = json::parse(result->body).value_or(Json());
+    return reply;
+  }
+
+  Reply start(const SessionSpec& test) const {
+    return send("POST", std::string("/api/sessions/running?apiKey=") + kApiKey,
+                json::write(startInfo(test)));
+  }
+  Reply match(const std::string& id, const Json& body) const {
+    return send("POST", "/api/sessions/running/" + id + "?apiKey=" + kApiKey, json::write(body));
+  }
+  Reply stop(const std::string& id, bool aborted, bool save) const {
+    return send("DELETE", "/api/sessions/running/" + id + "?apiKey=" + kApiKey +
+                              "&aborted=" + (aborted ? "true" : "false") +
+                              "&updateBaseline=" + (save ? "true" : "false"));
+  }
+  Reply closeBatch(const std::string& id) const {
+    return send("DELETE", "/api/sessions/batches/" + id + "/close/bypointerid?apiKey=" + kApiKey);
+  }
+  /// GET of an absolute address from a document.
+  Reply fetch(const std::string& url) const {
+    std::string prefix = "http://127.0.0.1:" + std::to_string(port());
+    return send("GET", url.rfind(prefix, 0) == 0 ? url.substr(prefix.size()) : url);
+  }
+
+  /// Runs one whole test: start, one match per image, stop. Returns the results document.
+  Json runTest(const SessionSpec& test, const std::vector<std::vector<std::uint8_t>>& images,
+               bool save, std::vector<bool>* asExpected = nullptr) const {
+    Reply started = start(test);
+    std::string id = started.body.value("id", "");
+    for (std::size_t i = 0; i < images.size(); ++i) {
+      Reply matched = match(id, matchBody(images[i], "step " + std::to_string(i + 1)));
+      if (asExpected) asExpected->push_back(matched.body.value("asExpected", false));
+    }
+    return stop(id, false, save).body;
+  }
+
+ private:
+  std::unique_ptr<Service> service_;
+};
+
+}  // namespace saffra::server::testing

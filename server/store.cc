@@ -1,0 +1,514 @@
+#include "server/store.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+
+#include <openssl/evp.h>
+#include <sqlite3.h>
+
+#include "saffra/platform/uuid.h"
+
+namespace saffra::server {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS batches(
+  id TEXT PRIMARY KEY,
+  name TEXT,
+  started_at TEXT,
+  sequence_name TEXT,
+  is_closed INTEGER NOT NULL DEFAULT 0,
+  closed_at INTEGER);
+CREATE TABLE IF NOT EXISTS baselines(
+  id INTEGER PRIMARY KEY,
+  key TEXT NOT NULL UNIQUE,
+  updated_at INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS baseline_steps(
+  baseline_id INTEGER NOT NULL REFERENCES baselines(id),
+  position INTEGER NOT NULL,
+  tag TEXT NOT NULL,
+  image TEXT NOT NULL,
+  PRIMARY KEY(baseline_id, position));
+CREATE TABLE IF NOT EXISTS sessions(
+  id TEXT PRIMARY KEY,
+  token TEXT NOT NULL,
+  info TEXT NOT NULL,
+  baseline_key TEXT NOT NULL,
+  baseline_id INTEGER,
+  is_new INTEGER NOT NULL,
+  started_at INTEGER NOT NULL,
+  batch_id TEXT NOT NULL,
+  outcome TEXT);
+CREATE INDEX IF NOT EXISTS sessions_by_batch ON sessions(batch_id);
+CREATE TABLE IF NOT EXISTS steps(
+  session_id TEXT NOT NULL REFERENCES sessions(id),
+  position INTEGER NOT NULL,
+  tag TEXT NOT NULL,
+  current_image TEXT NOT NULL,
+  baseline_image TEXT,
+  diff_image TEXT,
+  as_expected INTEGER NOT NULL,
+  match_level TEXT NOT NULL,
+  accessibility TEXT,
+  PRIMARY KEY(session_id, position));
+)sql";
+
+std::int64_t now() {
+  return static_cast<std::int64_t>(std::time(nullptr));
+}
+
+// A prepared statement; columns and parameters are numbered as SQLite numbers them.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) : db_(db) {
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) fail();
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  Statement& bind(int i, const std::string& text) {
+    check(
+        sqlite3_bind_text(stmt_, i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT));
+    return *this;
+  }
+  Statement& bind(int i, const OptString& text) { return text ? bind(i, *text) : bindNull(i); }
+  Statement& bind(int i, std::int64_t value) {
+    check(sqlite3_bind_int64(stmt_, i, value));
+    return *this;
+  }
+  Statement& bind(int i, const std::optional<std::int64_t>& value) {
+    return value ? bind(i, *value) : bindNull(i);
+  }
+  Statement& bindNull(int i) {
+    check(sqlite3_bind_null(stmt_, i));
+    return *this;
+  }
+
+  /// True when a row is ready, false when the statement is done.
+  bool step() {
+    int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_DONE) return false;
+    fail();
+  }
+  void run() {
+    while (step()) {
+    }
+  }
+
+  bool isNull(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
+  std::int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
+  std::string text(int col) const {
+    const auto* p = sqlite3_column_text(stmt_, col);
+    return p ? std::string(reinterpret_cast<const char*>(p),
+                           static_cast<std::size_t>(sqlite3_column_bytes(stmt_, col)))
+             : std::string();
+  }
+  OptString optText(int col) const { return isNull(col) ? OptString() : OptString(text(col)); }
+
+ private:
+  void check(int rc) {
+    if (rc != SQLITE_OK) fail();
+  }
+  [[noreturn]] void fail() { throw StoreError(std::string("database: ") + sqlite3_errmsg(db_)); }
+
+  sqlite3* db_;
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+void exec(sqlite3* db, const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    std::string text = message ? message : sqlite3_errmsg(db);
+    sqlite3_free(message);
+    throw StoreError("database: " + text);
+  }
+}
+
+// BEGIN IMMEDIATE ... COMMIT, rolled back when the scope is left by an exception.
+class Transaction {
+ public:
+  explicit Transaction(sqlite3* db) : db_(db) { exec(db_, "BEGIN IMMEDIATE"); }
+  ~Transaction() {
+    if (!committed_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  void commit() {
+    exec(db_, "COMMIT");
+    committed_ = true;
+  }
+
+ private:
+  sqlite3* db_;
+  bool committed_ = false;
+};
+
+std::string sha256Hex(std::span<const std::uint8_t> bytes) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int length = 0;
+  if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
+    throw StoreError("cannot hash image");
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (unsigned int i = 0; i < length; ++i) {
+    hex += kHex[digest[i] >> 4];
+    hex += kHex[digest[i] & 15];
+  }
+  return hex;
+}
+
+// Writes the bytes to `path` through a temporary file in the same folder, flushed to disk
+// before the rename makes it visible.
+void writeFileAtomically(const fs::path& path, std::span<const std::uint8_t> bytes) {
+  fs::path temporary = path.parent_path() / (".tmp-" + newUUIDString());
+  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) throw StoreError("cannot create " + temporary.string() + ": " + std::strerror(errno));
+  const std::uint8_t* p = bytes.data();
+  std::size_t left = bytes.size();
+  bool ok = true;
+  while (ok && left > 0) {
+    ssize_t written = ::write(fd, p, left);
+    if (written < 0 && errno == EINTR) continue;
+    ok = written > 0;
+    if (ok) {
+      p += written;
+      left -= static_cast<std::size_t>(written);
+    }
+  }
+  ok = ok && ::fsync(fd) == 0;
+  int error = errno;
+  ::close(fd);
+  if (!ok || ::rename(temporary.c_str(), path.c_str()) != 0) {
+    if (ok) error = errno;
+    ::unlink(temporary.c_str());
+    throw StoreError("cannot write " + path.string() + ": " + std::strerror(error));
+  }
+}
+
+Json sessionInfoJson(const SessionRecord& s) {
+  return Json{{"appName", s.appName},
+              {"testName", s.testName},
+              {"hostOS", s.hostOS},
+              {"hostApp", s.hostApp},
+              {"displaySize", {{"width", s.displayWidth}, {"height", s.displayHeight}}},
+              {"baselineEnvName", s.baselineEnvName},
+              {"branchName", s.branchName},
+              {"defaultMatchSettings", s.defaultMatchSettings}};
+}
+
+std::string stringAt(const Json& object, std::string_view key) {
+  const Json* v = json::find(object, key);
+  return v ? json::stringValue(*v).value_or("") : std::string();
+}
+
+bool boolAt(const Json& object, std::string_view key) {
+  const Json* v = json::find(object, key);
+  return v && json::boolValue(*v);
+}
+
+void readSessionInfo(const Json& info, SessionRecord& s) {
+  s.appName = stringAt(info, "appName");
+  s.testName = stringAt(info, "testName");
+  s.hostOS = stringAt(info, "hostOS");
+  s.hostApp = stringAt(info, "hostApp");
+  if (const Json* size = json::find(info, "displaySize")) {
+    if (const Json* w = json::find(*size, "width")) s.displayWidth = json::doubleValue(*w);
+    if (const Json* h = json::find(*size, "height")) s.displayHeight = json::doubleValue(*h);
+  }
+  s.baselineEnvName = stringAt(info, "baselineEnvName");
+  s.branchName = stringAt(info, "branchName");
+  if (const Json* settings = json::find(info, "defaultMatchSettings")) {
+    s.defaultMatchSettings = *settings;
+  }
+}
+
+Json outcomeJson(const Outcome& o) {
+  Json missing = Json::array();
+  for (const BaselineStep& m : o.missing) {
+    missing.push_back({{"position", m.position}, {"tag", m.tag}, {"image", m.image}});
+  }
+  return Json{{"status", o.status},           {"isAborted", o.isAborted},
+              {"isDifferent", o.isDifferent}, {"savedAsBaseline", o.savedAsBaseline},
+              {"stoppedAt", o.stoppedAt},     {"missing", std::move(missing)}};
+}
+
+Outcome readOutcome(const Json& j) {
+  Outcome o;
+  o.status = stringAt(j, "status");
+  o.isAborted = boolAt(j, "isAborted");
+  o.isDifferent = boolAt(j, "isDifferent");
+  o.savedAsBaseline = boolAt(j, "savedAsBaseline");
+  if (const Json* t = json::find(j, "stoppedAt")) o.stoppedAt = json::integerValue(*t);
+  if (const Json* missing = json::find(j, "missing"); missing && missing->is_array()) {
+    for (const Json& m : *missing) {
+      const Json* position = json::find(m, "position");
+      o.missing.push_back(
+          {position ? json::integerValue(*position) : 0, stringAt(m, "tag"), stringAt(m, "image")});
+    }
+  }
+  return o;
+}
+
+}  // namespace
+
+bool isImageId(const std::string& id) {
+  return id.size() == 64 && id.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "images") {
+  std::error_code error;
+  fs::create_directories(imageFolder_, error);
+  if (error) throw StoreError("cannot create " + imageFolder_.string() + ": " + error.message());
+  fs::path database = folder_ / "saffra.db";
+  int rc =
+      sqlite3_open_v2(database.c_str(), &db_,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (rc != SQLITE_OK) {
+    std::string message = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
+    sqlite3_close(db_);
+    db_ = nullptr;
+    throw StoreError("cannot open " + database.string() + ": " + message);
+  }
+  try {
+    sqlite3_busy_timeout(db_, 10000);
+    exec(db_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
+    exec(db_, kSchema);
+  } catch (...) {
+    sqlite3_close(db_);
+    db_ = nullptr;
+    throw;
+  }
+}
+
+Store::~Store() {
+  sqlite3_close(db_);
+}
+
+fs::path Store::imagePath(const std::string& id) const {
+  return imageFolder_ / id.substr(0, 2) / (id + ".png");
+}
+
+std::string Store::putImage(std::span<const std::uint8_t> png) {
+  std::string id = sha256Hex(png);
+  fs::path path = imagePath(id);
+  std::error_code error;
+  if (fs::exists(path, error)) return id;
+  fs::create_directories(path.parent_path(), error);
+  if (error)
+    throw StoreError("cannot create " + path.parent_path().string() + ": " + error.message());
+  writeFileAtomically(path, png);
+  return id;
+}
+
+std::optional<std::vector<std::uint8_t>> Store::readImage(const std::string& id) const {
+  if (!isImageId(id)) return std::nullopt;
+  std::ifstream in(imagePath(id), std::ios::binary);
+  if (!in) return std::nullopt;
+  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+std::optional<std::int64_t> Store::findBaseline(const std::string& key) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_, "SELECT id FROM baselines WHERE key = ?");
+  s.bind(1, key);
+  if (!s.step()) return std::nullopt;
+  return s.integer(0);
+}
+
+std::vector<BaselineStep> Store::baselineSteps(std::int64_t baselineId) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "SELECT position, tag, image FROM baseline_steps WHERE baseline_id = ? "
+              "ORDER BY position");
+  s.bind(1, baselineId);
+  std::vector<BaselineStep> steps;
+  while (s.step()) steps.push_back({s.integer(0), s.text(1), s.text(2)});
+  return steps;
+}
+
+std::optional<BaselineStep> Store::baselineStep(std::int64_t baselineId, std::int64_t position) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "SELECT position, tag, image FROM baseline_steps "
+              "WHERE baseline_id = ? AND position = ?");
+  s.bind(1, baselineId).bind(2, position);
+  if (!s.step()) return std::nullopt;
+  return BaselineStep{s.integer(0), s.text(1), s.text(2)};
+}
+
+void Store::recordBatch(const BatchRecord& batch) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "INSERT INTO batches(id, name, started_at, sequence_name) VALUES(?, ?, ?, ?) "
+              "ON CONFLICT(id) DO UPDATE SET name = coalesce(excluded.name, name), "
+              "sequence_name = coalesce(excluded.sequence_name, sequence_name)");
+  s.bind(1, batch.id).bind(2, batch.name).bind(3, batch.startedAt).bind(4, batch.sequenceName);
+  s.run();
+}
+
+std::optional<BatchRecord> Store::batch(const std::string& id) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "SELECT id, name, started_at, sequence_name, is_closed FROM batches WHERE id = ?");
+  s.bind(1, id);
+  if (!s.step()) return std::nullopt;
+  return BatchRecord{s.text(0), s.optText(1), s.optText(2), s.optText(3), s.integer(4) != 0};
+}
+
+bool Store::closeBatch(const std::string& id) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_, "UPDATE batches SET is_closed = 1, closed_at = ? WHERE id = ?");
+  s.bind(1, now()).bind(2, id);
+  s.run();
+  return sqlite3_changes(db_) > 0;
+}
+
+void Store::insertSession(const SessionRecord& session) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "INSERT INTO sessions(id, token, info, baseline_key, baseline_id, is_new, "
+              "started_at, batch_id) VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
+  s.bind(1, session.id)
+      .bind(2, session.token)
+      .bind(3, json::write(sessionInfoJson(session)))
+      .bind(4, session.baselineKey)
+      .bind(5, session.baselineId)
+      .bind(6, std::int64_t{session.isNew})
+      .bind(7, session.startedAt)
+      .bind(8, session.batchId);
+  s.run();
+}
+
+std::optional<SessionRecord> Store::session(const std::string& id) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "SELECT id, token, info, baseline_key, baseline_id, is_new, started_at, batch_id, "
+              "outcome FROM sessions WHERE id = ?");
+  s.bind(1, id);
+  if (!s.step()) return std::nullopt;
+  SessionRecord r;
+  r.id = s.text(0);
+  r.token = s.text(1);
+  readSessionInfo(json::parse(s.text(2)).value_or(Json::object()), r);
+  r.baselineKey = s.text(3);
+  if (!s.isNull(4)) r.baselineId = s.integer(4);
+  r.isNew = s.integer(5) != 0;
+  r.startedAt = s.integer(6);
+  r.batchId = s.text(7);
+  if (!s.isNull(8)) r.outcome = readOutcome(json::parse(s.text(8)).value_or(Json::object()));
+  return r;
+}
+
+std::vector<StepRecord> Store::steps(const std::string& sessionId) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "SELECT position, tag, current_image, baseline_image, diff_image, as_expected, "
+              "match_level, accessibility FROM steps WHERE session_id = ? ORDER BY position");
+  s.bind(1, sessionId);
+  std::vector<StepRecord> steps;
+  while (s.step()) {
+    StepRecord r;
+    r.position = s.integer(0);
+    r.tag = s.text(1);
+    r.currentImage = s.text(2);
+    r.baselineImage = s.optText(3);
+    r.diffImage = s.optText(4);
+    r.asExpected = s.integer(5) != 0;
+    r.matchLevel = s.text(6);
+    if (!s.isNull(7)) {
+      Json a = json::parse(s.text(7)).value_or(Json::object());
+      r.accessibilityPassed = boolAt(a, "passed");
+      r.accessibilityLevel = stringAt(a, "level");
+    }
+    steps.push_back(std::move(r));
+  }
+  return steps;
+}
+
+std::int64_t Store::stepCount(const std::string& sessionId) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_, "SELECT count(*) FROM steps WHERE session_id = ?");
+  s.bind(1, sessionId);
+  s.step();
+  return s.integer(0);
+}
+
+void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "INSERT INTO steps(session_id, position, tag, current_image, baseline_image, "
+              "diff_image, as_expected, match_level, accessibility) "
+              "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  s.bind(1, sessionId)
+      .bind(2, step.position)
+      .bind(3, step.tag)
+      .bind(4, step.currentImage)
+      .bind(5, step.baselineImage)
+      .bind(6, step.diffImage)
+      .bind(7, std::int64_t{step.asExpected})
+      .bind(8, step.matchLevel);
+  if (step.accessibilityPassed) {
+    s.bind(9, json::write(
+                  Json{{"passed", *step.accessibilityPassed}, {"level", step.accessibilityLevel}}));
+  } else {
+    s.bindNull(9);
+  }
+  s.run();
+}
+
+void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
+                          const std::vector<BaselineStep>* newBaseline) {
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  {
+    Statement s(db_, "UPDATE sessions SET outcome = ? WHERE id = ?");
+    s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
+    s.run();
+  }
+  if (newBaseline) {
+    std::string key;
+    {
+      Statement s(db_, "SELECT baseline_key FROM sessions WHERE id = ?");
+      s.bind(1, sessionId);
+      if (!s.step()) throw StoreError("unknown session " + sessionId);
+      key = s.text(0);
+    }
+    std::int64_t baselineId = 0;
+    {
+      Statement s(db_,
+                  "INSERT INTO baselines(key, updated_at) VALUES(?, ?) "
+                  "ON CONFLICT(key) DO UPDATE SET updated_at = excluded.updated_at RETURNING id");
+      s.bind(1, key).bind(2, now());
+      if (!s.step()) throw StoreError("cannot save baseline");
+      baselineId = s.integer(0);
+      s.run();
+    }
+    {
+      Statement s(db_, "DELETE FROM baseline_steps WHERE baseline_id = ?");
+      s.bind(1, baselineId);
+      s.run();
+    }
+    for (const BaselineStep& step : *newBaseline) {
+      Statement s(db_,
+                  "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
+                  "VALUES(?, ?, ?, ?)");
+      s.bind(1, baselineId).bind(2, step.position).bind(3, step.tag).bind(4, step.image);
+      s.run();
+    }
+  }
+  transaction.commit();
+}
+
+}  // namespace saffra::server

@@ -1,0 +1,140 @@
+// The service's storage: an SQLite database (WAL) for batches, baselines, sessions and steps,
+// and a folder of PNG files named by the SHA-256 of their bytes. Every path the store touches
+// is made from its own folder and such a hash, never from request data. Image files are
+// written to a temporary name and renamed, so a crash never leaves a partial image behind.
+// All operations are safe to call from several threads.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "saffra/platform/json.h"
+#include "saffra/platform/nullable.h"
+
+struct sqlite3;
+
+namespace saffra::server {
+
+/// A failure of the database or of the image folder.
+class StoreError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// One batch of tests.
+struct BatchRecord {
+  std::string id;
+  OptString name;
+  OptString startedAt;
+  OptString sequenceName;
+  bool isClosed = false;
+};
+
+/// One step of a baseline: its tag and the id of its image.
+struct BaselineStep {
+  std::int64_t position = 0;
+  std::string tag;
+  std::string image;
+};
+
+/// How a stopped session ended; written once, when it stops.
+struct Outcome {
+  std::string status;  // "Passed", "Unresolved" or "Failed"
+  bool isAborted = false;
+  bool isDifferent = false;
+  bool savedAsBaseline = false;
+  std::int64_t stoppedAt = 0;  // seconds since the epoch
+  /// Baseline steps that no check of the session reached.
+  std::vector<BaselineStep> missing;
+};
+
+/// One test session as started by a client.
+struct SessionRecord {
+  std::string id;
+  std::string token;  // grants read access to this session's page and images
+  std::string appName;
+  std::string testName;
+  std::string hostOS;
+  std::string hostApp;
+  double displayWidth = 0;
+  double displayHeight = 0;
+  std::string baselineEnvName;
+  std::string branchName;  // the branch a saved baseline goes to
+  std::string batchId;
+  Json defaultMatchSettings = Json::object();  // as the client sent them
+  std::string baselineKey;                     // identity of the baseline the session saves to
+  std::optional<std::int64_t> baselineId;      // the baseline compared against; none when new
+  bool isNew = false;
+  std::int64_t startedAt = 0;  // seconds since the epoch
+  std::optional<Outcome> outcome;
+};
+
+/// One recorded step of a session.
+struct StepRecord {
+  std::int64_t position = 0;
+  std::string tag;
+  std::string currentImage;
+  OptString baselineImage;
+  OptString diffImage;
+  bool asExpected = false;
+  std::string matchLevel;
+  /// The contrast check of the step's accessibility regions, when it had some.
+  std::optional<bool> accessibilityPassed;
+  std::string accessibilityLevel;
+};
+
+/// The database and image folder under one data folder.
+class Store {
+ public:
+  /// Opens (creating when needed) the store in `folder`. Throws StoreError.
+  explicit Store(const std::filesystem::path& folder);
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  /// Stores PNG bytes and returns their id (the hex SHA-256); storing the same bytes twice
+  /// keeps one file.
+  std::string putImage(std::span<const std::uint8_t> png);
+  /// The bytes of a stored image; nothing for an unknown or malformed id.
+  std::optional<std::vector<std::uint8_t>> readImage(const std::string& id) const;
+
+  std::optional<std::int64_t> findBaseline(const std::string& key);
+  std::vector<BaselineStep> baselineSteps(std::int64_t baselineId);
+  std::optional<BaselineStep> baselineStep(std::int64_t baselineId, std::int64_t position);
+
+  /// Adds the batch, or updates the name and sequence of a known one.
+  void recordBatch(const BatchRecord& batch);
+  std::optional<BatchRecord> batch(const std::string& id);
+  /// Marks the batch closed; false when there is no such batch.
+  bool closeBatch(const std::string& id);
+
+  void insertSession(const SessionRecord& session);
+  std::optional<SessionRecord> session(const std::string& id);
+  std::vector<StepRecord> steps(const std::string& sessionId);
+  std::int64_t stepCount(const std::string& sessionId);
+  void insertStep(const std::string& sessionId, const StepRecord& step);
+  /// Records the outcome and, when `newBaseline` is given, makes it the baseline under the
+  /// session's baseline key, all in one transaction.
+  void finishSession(const std::string& sessionId, const Outcome& outcome,
+                     const std::vector<BaselineStep>* newBaseline);
+
+ private:
+  std::filesystem::path imagePath(const std::string& id) const;
+
+  std::filesystem::path folder_;
+  std::filesystem::path imageFolder_;
+  mutable std::mutex mutex_;
+  sqlite3* db_ = nullptr;
+};
+
+/// True for a 64-character lower-case hex text, the only form an image id takes.
+bool isImageId(const std::string& id);
+
+}  // namespace saffra::server
