@@ -112,8 +112,8 @@ int runCheck(const CheckOptions& options) {
   for (const auto& path : options.images) {
     try {
       images.push_back({std::filesystem::path(path).filename().string(), Image::fromPNGFile(path)});
-    } catch (const Exception& e) {
-      std::cerr << "saffra check: cannot read " << path << ": " << e.reason() << "\n";
+    } catch (const std::exception& e) {  // decoding failures, and I/O errors such as a folder
+      std::cerr << "saffra check: cannot read " << path << ": " << e.what() << "\n";
       return kUsageError;
     }
   }
