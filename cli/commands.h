@@ -11,4 +11,8 @@ namespace saffra::cli {
 /// `saffra serve`: runs the local service until interrupted.
 void addServeCommand(CLI::App& app, int& exitCode);
 
+/// `saffra check`: runs one test with one check per PNG file; exit code 0 passed, 1 unresolved
+/// or failed, 2 usage error, 3 service unavailable.
+void addCheckCommand(CLI::App& app, int& exitCode);
+
 }  // namespace saffra::cli

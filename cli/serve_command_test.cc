@@ -1,9 +1,5 @@
 // `saffra serve` as scripts use it: the built command in a child process.
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <regex>
@@ -14,70 +10,18 @@
 #include <httplib.h>
 
 #include "saffra/platform/uuid.h"
-
-extern char** environ;
+#include "testing/child_process.h"
 
 namespace {
 
 const std::string kCommand = std::string(SAFFRA_BINARY_DIR) + "/saffra";
 
 /// A `saffra` child process with its standard output (and error) on a pipe.
-class Child {
+class Child : public saffra::testing::ChildProcess {
  public:
-  Child(std::vector<std::string> args, std::vector<std::string> environment) {
-    int fds[2];
-    if (pipe(fds) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 2);
-    posix_spawn_file_actions_addclose(&actions, fds[0]);
-    args.insert(args.begin(), kCommand);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (auto& e : environment) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    if (posix_spawn(&pid_, kCommand.c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) {
-      pid_ = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    out_ = fds[0];
-  }
-  ~Child() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    if (out_ >= 0) close(out_);
-  }
-
-  /// The output up to the first line break, or all of it when the process ends first; gives up
-  /// after 20 seconds without output so that a broken build cannot hang the test.
-  std::string firstLine() {
-    std::string line;
-    char c;
-    pollfd p{out_, POLLIN, 0};
-    while (poll(&p, 1, 20000) > 0 && read(out_, &c, 1) == 1 && c != '\n') line += c;
-    return line;
-  }
-  /// Sends the signal and returns the exit code (-1 when it did not exit normally).
-  int stop(int signal) {
-    kill(pid_, signal);
-    return wait();
-  }
-  int wait() {
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int out_ = -1;
+  Child(std::vector<std::string> args, std::vector<std::string> environment)
+      : ChildProcess(kCommand, std::move(args), std::move(environment)) {}
+  std::string firstLine() { return readLine(); }
 };
 
 class ServeCommandTest : public ::testing::Test {
