@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "saffra/images/logger.h"
 #include "saffra/platform/exception.h"
 #include "saffra/service/running_session.h"
 #include "testing/scoped_environment.h"
@@ -78,17 +77,6 @@ TEST(SessionStartInfoTest, WireFormWithoutBranchesHasTheNineBaseKeys) {
   }
 }
 
-TEST(SessionStartInfoTest, SessionTypeNames) {
-  auto info = startInfo(std::nullopt, std::nullopt, std::nullopt);
-  for (auto [type, name] : {std::pair<std::uint64_t, const char*>{0, "SEQUENTIAL"},
-                            {1, "PROGRESSION"},
-                            {2, "PROGRESSION"},
-                            {~0ull, "PROGRESSION"}}) {
-    info->setSessionType(type);
-    EXPECT_EQ(info->dictionary()["sessionType"], name) << type;
-  }
-}
-
 TEST(SessionStartInfoTest, BranchEntriesFollowTheirOwnFieldsButCarryTheBranchName) {
   // Presence is decided by each entry's own field; the value is always the branch name.
   auto info = startInfo("", "p1", std::nullopt);
@@ -158,7 +146,9 @@ TEST(SessionStartInfoTest, SetupSharesObjectsAndKeepsProperties) {
 
   // A settings object changed after setup is sent as it is then.
   settings->setMatchLevel(MatchLevelExact);
-  EXPECT_EQ(info->dictionary()["defaultMatchSettings"]["matchLevel"], "Exact");
+  Json d = info->dictionary();
+  EXPECT_EQ(d["defaultMatchSettings"]["matchLevel"], "Exact");
+  EXPECT_EQ(d["sessionType"], "PROGRESSION");
 }
 
 TEST(AppEnvironmentTest, Description) {
@@ -198,14 +188,6 @@ TEST(RunningSessionTest, ReadsIdAndUrlAsTheyArrive) {
   }
   RunningSession numeric(*json::parse(R"({"id":42})"));
   EXPECT_EQ(*numeric.sessionId(), Json(42));  // kept as a number, not converted
-}
-
-TEST(RunningSessionTest, ForeignRepliesAreLogged) {
-  LogCapture log;
-  RunningSession fromArray(Json::array());
-  RunningSession objectUrl(*json::parse(R"({"id":"a","url":{"x":1}})"));
-  EXPECT_TRUE(log.contains("RunningSession: the reply is not an object; nothing was read from it"));
-  EXPECT_TRUE(log.contains("Ignoring \"url\" of the reply: a text was expected"));
 }
 
 }  // namespace
