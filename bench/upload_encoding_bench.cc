@@ -176,7 +176,7 @@ const Candidate kCandidates[] = {
     {"saffra_auto_threads", [](const Image& i) { return saffraPng(i, 0); }},
     {"saffra_upload_png_base64", saffraUpload},
 };
-constexpr const char* kLibraryChoice = "saffra_auto_threads";
+constexpr const char* kLibraryChoice = "saffra_1_thread";
 
 std::map<std::string, double> gBytes;  // candidate name -> total output bytes over the images
 
@@ -250,10 +250,9 @@ void printPeakMemory() {
   for (unsigned threads : {1u, 0u}) {
     const std::size_t before = gInUse.load();
     gPeak = before;
-    std::string text = threads == 0
-                           ? saffra::png::encodeBase64Lines64(image)
-                           : saffra::base64::encodeLines64(saffra::png::encode(
-                                 image.data(), image.width(), image.height(), image.stride(), {1}));
+    // What the library's upload text does (PNG, then base64), with the thread count chosen here.
+    std::string text = saffra::base64::encodeLines64(saffra::png::encode(
+        image.data(), image.width(), image.height(), image.stride(), {threads}));
     const double extra = static_cast<double>(gPeak.load() - before);
     std::printf("peak extra memory, upload text of %s (%s): %.2f MB = %.3f x raw RGBA (%.2f MB)\n",
                 kPhones[0], threads == 0 ? "auto threads" : "1 thread", extra / 1e6, extra / raw,

@@ -2,7 +2,7 @@
 // own writer, tuned for screenshots (large flat areas, repeated rows, text): rows are stored
 // unfiltered and compressed by a greedy matcher that tries the pixel to the left, the pixel above
 // and one hashed earlier position, then written as dynamic Huffman deflate blocks. Large images
-// are cut into bands of rows compressed on separate threads; each band but the last ends on a
+// can be cut into bands of rows compressed on separate threads; each band but the last ends on a
 // byte boundary with an empty stored block, so the bands join into one zlib stream.
 #pragma once
 
@@ -22,9 +22,10 @@ std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double
 
 /// How the encoder may work.
 struct EncodeOptions {
-  /// Most threads to use; 0 picks the number of cores (at most 4) for images of a quarter
-  /// megapixel or more, and 1 for smaller ones.
-  unsigned threads = 0;
+  /// Most threads to use. 1, the default, measured fastest on a busy machine (see
+  /// bench/upload_encoding_bench.cc); 0 picks the number of cores (at most 4) for images of a
+  /// quarter megapixel or more, which pays off only when cores are idle.
+  unsigned threads = 1;
 };
 
 /// Encodes 8-bit RGBA pixels (rows `stride` bytes apart) as a lossless 8-bit RGBA PNG. Throws
