@@ -110,7 +110,7 @@ TEST_F(SessionEndToEndTest, StartRecordDescribesTheTest) {
   EXPECT_EQ(info["environment"]["hostingApp"], "Test app");
   EXPECT_EQ(info["defaultMatchSettings"]["matchLevel"], "Content");
   EXPECT_EQ(info["properties"], (Json::array({{{"name", "device"}, {"value", "emulator"}}})));
-  EXPECT_TRUE(log.contains("No batch set") == false);
+  EXPECT_FALSE(log.contains("No batch set"));
   EXPECT_TRUE(log.contains("--- Test started - 'Login' of 'Shop' " +
                            saffra.appEnvironment()->description()));
 
@@ -148,6 +148,7 @@ TEST_F(SessionEndToEndTest, MatchRecordCarriesSettingsRegionsAndTheImage) {
   EXPECT_EQ(ims["Floating"][0]["maxRightOffset"], 3);
   EXPECT_EQ(ims["Floating"][0]["maxLeftOffset"], 4);
   EXPECT_EQ(uploadedImage(first)->pixels(), image->pixels());
+  EXPECT_EQ(first["appOutput"]["screenshot64"].get<std::string>().find("\r\n"), 64u);
 
   auto part = uploadedImage(bodies[1]);
   ASSERT_TRUE(part);

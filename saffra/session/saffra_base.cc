@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <utility>
 
 #include "saffra/config/argument_guard.h"
 #include "saffra/config/configurable.h"
@@ -504,7 +505,8 @@ std::shared_ptr<TestResults> SaffraBase::closeWithThrow(bool shouldThrow, ErrorS
   {
     std::lock_guard lock(outcome->mutex);
     if (outcome->error) writeError(error, outcome->error);
-    exception = outcome->exception;
+    // Taken out, so that this thread holds the only reference to the exception.
+    exception = std::exchange(outcome->exception, nullptr);
   }
   if (exception) std::rethrow_exception(exception);
   return testResult();

@@ -222,20 +222,5 @@ TEST(SaffraBaseTest, StatusBarIsCutOffAndRegionsMoveUp) {
   EXPECT_EQ(uploaded(saffra.appOutputForRegion(nullptr, nullptr))->height(), 30u);
 }
 
-TEST(SaffraBaseTest, UploadTextIsBase64PngInLines) {
-  auto image = std::make_shared<Image>(16, 16);
-  for (std::size_t i = 0; i < image->pixels().size(); ++i) image->mutableData()[i] = i * 7 % 251;
-  auto text = SaffraBase::base64ScreenshotStringFromScreenshot(
-      std::make_shared<SaffraImagesScreenshot>(image));
-  ASSERT_TRUE(text);
-  EXPECT_NE(text->find("\r\n"), std::string::npos);
-  EXPECT_EQ(text->find("\r\n"), 64u);
-  auto decoded = Image::fromPNGData(*base64::decode(*text));
-  EXPECT_EQ(decoded->pixels(), image->pixels());
-  EXPECT_EQ(SaffraBase::base64ScreenshotStringFromScreenshot(
-                std::make_shared<SaffraImagesScreenshot>(nullptr)),
-            std::nullopt);
-}
-
 }  // namespace
 }  // namespace saffra
