@@ -110,7 +110,7 @@ TEST_F(SessionEndToEndTest, StartRecordDescribesTheTest) {
   EXPECT_EQ(info["environment"]["hostingApp"], "Test app");
   EXPECT_EQ(info["defaultMatchSettings"]["matchLevel"], "Content");
   EXPECT_EQ(info["properties"], (Json::array({{{"name", "device"}, {"value", "emulator"}}})));
-  EXPECT_TRUE(log.contains("No batch set") == false);
+  EXPECT_FALSE(log.contains("No batch set"));
   EXPECT_TRUE(log.contains("--- Test started - 'Login' of 'Shop' " +
                            saffra.appEnvironment()->description()));
 
