@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -76,10 +77,14 @@ std::shared_ptr<Image> Image::fromPNGData(const std::vector<std::uint8_t>& data,
 }
 
 std::shared_ptr<Image> Image::fromPNGFile(const std::string& path, double scale) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) {
+    throw Exception("InvalidImageException", "Cannot read image file " + path);
+  }
   std::ifstream in(path, std::ios::binary);
-  if (!in) throw Exception("InvalidImageException", "Cannot read image file " + path);
   std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
                                   std::istreambuf_iterator<char>());
+  if (!in && !in.eof()) throw Exception("InvalidImageException", "Cannot read image file " + path);
   return png::decode(bytes.data(), bytes.size(), scale);
 }
 

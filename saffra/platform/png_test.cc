@@ -139,6 +139,7 @@ TEST(PngDecodeTest, BadInputGivesInvalidImageException) {
     }
   }
   EXPECT_THROW(Image::fromPNGFile("/nonexistent/file.png"), Exception);
+  EXPECT_THROW(Image::fromPNGFile(SAFFRA_CORPUS_DIR), Exception);  // a folder, not a file
 }
 
 TEST(Base64Test, LinesOf64WithCrLfBetweenAndNoneAfterTheLast) {
