@@ -10,6 +10,9 @@ namespace saffra {
 struct Point {
   double x = 0;
   double y = 0;
+
+  constexpr Point() = default;
+  constexpr Point(double x_, double y_) : x(x_), y(y_) {}
   bool operator==(const Point&) const = default;
 };
 
@@ -17,6 +20,9 @@ struct Point {
 struct Size {
   double width = 0;
   double height = 0;
+
+  constexpr Size() = default;
+  constexpr Size(double width_, double height_) : width(width_), height(height_) {}
   bool operator==(const Size&) const = default;
 };
 
