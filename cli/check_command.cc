@@ -4,7 +4,9 @@
 //
 // Exit codes: 0 passed (a new test whose baseline was saved counts as passed), 1 unresolved or
 // failed, 2 usage errors (bad options, unreadable images), 3 the service could not be used (no
-// answer, connection refused, time-out, or it refused to start a session, e.g. a wrong key).
+// answer, connection refused, time-out, or it refused to start a session, e.g. a wrong key),
+// 4 the test ran but its --junit report could not be written.
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
@@ -18,7 +20,9 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/commands.h"
+#include "cli/junit_report.h"
 #include "saffra/config/configurable.h"
+#include "saffra/platform/system_info.h"
 #include "saffra/saffra.h"
 
 namespace saffra::cli {
@@ -29,6 +33,7 @@ constexpr int kPassed = 0;
 constexpr int kNotPassed = 1;
 constexpr int kUsageError = 2;
 constexpr int kServiceUnavailable = 3;
+constexpr int kReportNotWritten = 4;
 
 struct CheckOptions {
   std::string app;
@@ -41,6 +46,7 @@ struct CheckOptions {
   std::vector<std::string> ignore;
   double timeout = 0;  // 0: the library's default wait
   bool verbose = false;
+  std::string junit;
   std::vector<std::string> images;
 };
 
@@ -96,7 +102,17 @@ struct LoadedImage {
   std::shared_ptr<Image> image;
 };
 
-int runCheck(const CheckOptions& options) {
+// How a run that reached the service ended, for the report.
+struct RunRecord {
+  bool reachedService = false;
+  std::shared_ptr<TestResults> results;
+  std::string error;
+  std::string errorType;
+  std::chrono::system_clock::time_point startedAt;
+  std::chrono::steady_clock::time_point started;
+};
+
+int runCheck(const CheckOptions& options, RunRecord& record) {
   std::vector<std::shared_ptr<Region>> ignored;
   for (const auto& text : options.ignore) {
     auto region = parseRegion(text);
@@ -134,6 +150,9 @@ int runCheck(const CheckOptions& options) {
   saffra.setMatchTimeout(0);
 
   auto unavailable = [&](const std::string& why) {
+    record.error =
+        "the service at " + saffra.serverURL().value_or("(null)") + " cannot be used: " + why;
+    record.errorType = "ServiceUnavailable";
     std::cerr << "saffra check: the service at " << saffra.serverURL().value_or("(null)")
               << " cannot be used: " << why << "\n";
     logs.printTo(std::cerr);
@@ -141,6 +160,9 @@ int runCheck(const CheckOptions& options) {
     return kServiceUnavailable;
   };
 
+  record.reachedService = true;
+  record.startedAt = std::chrono::system_clock::now();
+  record.started = std::chrono::steady_clock::now();
   try {
     const Size viewport = images.front().image->size();
     saffra.openWithApplicationName(options.app, options.test, viewport);
@@ -166,6 +188,7 @@ int runCheck(const CheckOptions& options) {
     std::optional<Error> error;
     auto results = saffra.closeWithThrow(false, &error);
     if (!results) return unavailable("it did not answer the close of the test");
+    record.results = results;
     std::cout << "Status: " << statusName(results->status())
               << (results->isNew() ? " (new test, baseline saved)" : "") << "\n"
               << "Steps: " << results->steps() << ", matches: " << results->matches()
@@ -180,10 +203,39 @@ int runCheck(const CheckOptions& options) {
   } catch (const Exception& e) {
     std::cout << std::endl;
     std::cerr << "saffra check: " << e.name() << ": " << e.reason() << "\n";
+    record.error = e.reason();
+    record.errorType = e.name();
     logs.printTo(std::cerr);
     saffra.abortIfNotClosed();
     return kNotPassed;
   }
+}
+
+// Runs the check and, when asked, writes its report. Usage errors found before the service is
+// contacted write no report: there is no test run to report on.
+int runCheckWithReport(const CheckOptions& options) {
+  RunRecord record;
+  const int code = runCheck(options, record);
+  if (options.junit.empty() || !record.reachedService) return code;
+
+  JunitRun run;
+  run.appName = options.app;
+  run.testName = options.test;
+  run.results = record.results;
+  run.error = record.error;
+  run.errorType = record.errorType;
+  if (!options.matchLevel.empty()) run.matchLevel = options.matchLevel;
+  run.startedAt = record.startedAt;
+  run.seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - record.started).count();
+  run.hostname = system_info::hostName();
+  try {
+    writeReportFile(options.junit, junitReport(run));
+  } catch (const std::exception& e) {
+    std::cerr << "saffra check: --junit: " << e.what() << "\n";
+    return kReportNotWritten;
+  }
+  return code;
 }
 
 }  // namespace
@@ -209,8 +261,19 @@ void addCheckCommand(CLI::App& app, int& exitCode) {
                    "Seconds to wait for each answer of the service (default 300)")
       ->check(CLI::PositiveNumber);
   check->add_flag("--verbose,-v", options->verbose, "Show the library's log lines");
+  check
+      ->add_option("--junit", options->junit,
+                   "Write a JUnit XML report of the test to FILE (also when the service cannot "
+                   "be reached); exit code 4 if it cannot be written")
+      ->option_text("FILE");
   check->add_option("images", options->images, "PNG files, one check each")->required();
-  check->callback([options, &exitCode] { exitCode = runCheck(*options); });
+  check->footer(
+      "Exit codes: 0 passed (also a new test whose baseline was saved), 1 unresolved or failed, "
+      "2 usage error, 3 the service cannot be used, 4 the --junit report could not be written.\n"
+      "The --junit report has one test case with a <failure> per differing or missing step, or "
+      "an <error> when the service cannot be used; a new test is a passing case. Usage errors "
+      "write no report.\n");
+  check->callback([options, &exitCode] { exitCode = runCheckWithReport(*options); });
 }
 
 }  // namespace saffra::cli

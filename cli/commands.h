@@ -12,7 +12,7 @@ namespace saffra::cli {
 void addServeCommand(CLI::App& app, int& exitCode);
 
 /// `saffra check`: runs one test with one check per PNG file; exit code 0 passed, 1 unresolved
-/// or failed, 2 usage error, 3 service unavailable.
+/// or failed, 2 usage error, 3 service unavailable, 4 the --junit report could not be written.
 void addCheckCommand(CLI::App& app, int& exitCode);
 
 }  // namespace saffra::cli

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@
 #include "saffra/platform/uuid.h"
 #include "server/service.h"
 #include "testing/child_process.h"
+#include "testing/xml_document.h"
 
 namespace saffra {
 namespace {
@@ -28,6 +30,18 @@ namespace fs = std::filesystem;
 using testing::ChildProcess;
 
 const std::string kCommand = std::string(SAFFRA_BINARY_DIR) + "/saffra";
+const std::string kJunitSchema = std::string(SAFFRA_SOURCE_DIR) + "/tests/data/junit.xsd";
+
+// The JUnit report at `path`, parsed; the test fails unless it is well-formed and valid.
+testing::XmlDocument validReport(const fs::path& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  testing::XmlDocument doc(text.str());
+  EXPECT_TRUE(doc.ok()) << path << ": " << doc.parseError() << "\n" << text.str();
+  auto problems = doc.validate(kJunitSchema);
+  EXPECT_TRUE(problems.empty()) << ::testing::PrintToString(problems) << "\n" << text.str();
+  return doc;
+}
 
 struct Outcome {
   int exitCode;
@@ -122,6 +136,27 @@ TEST_F(CheckCommandWithServiceTest, NewThenPassingThenChangedRun) {
   EXPECT_EQ(ignored.exitCode, 0) << ignored.output;
 }
 
+TEST_F(CheckCommandWithServiceTest, JunitReportOfAChangedImage) {
+  ASSERT_EQ(check({image("page.png"), image("button.png")}, environment()).exitCode, 0);
+  const fs::path report = folder_ / "reports" / "ci" / "junit.xml";  // folders do not exist yet
+  Outcome changed = check(
+      {"--junit", report.string(), image("page.png"), image("changed/button.png")}, environment());
+  EXPECT_EQ(changed.exitCode, 1) << changed.output;
+  std::smatch url;
+  ASSERT_TRUE(std::regex_search(changed.output, url, std::regex("Results: (http://\\S+)")))
+      << changed.output;
+
+  testing::XmlDocument doc = validReport(report);
+  EXPECT_EQ(doc.value("//testsuite/@name"), "Shop");
+  EXPECT_EQ(doc.value("//testcase/@name"), "Cart");
+  EXPECT_EQ(doc.value("//testsuite/@failures"), "1");
+  auto failures = doc.values("//testcase/failure/@message");
+  ASSERT_EQ(failures.size(), 1u);
+  EXPECT_NE(failures[0].find("Step 2 \"button.png\""), std::string::npos) << failures[0];
+  EXPECT_NE(failures[0].find(url[1].str()), std::string::npos) << failures[0];
+  EXPECT_NE(doc.value("//testcase/system-out").find("Results: " + url[1].str()), std::string::npos);
+}
+
 TEST_F(CheckCommandWithServiceTest, OptionsOverrideTheEnvironment) {
   // The key from the command line wins over a wrong one in the environment.
   Outcome run = check({"--server", service_->url(), "--api-key", "key", "--match-level", "layout",
@@ -168,6 +203,24 @@ TEST_F(CheckCommandTest, UnreachableServiceExitsWithThree) {
                            "key", image("page.png")});
   EXPECT_EQ(refused.exitCode, 3) << refused.output;
   EXPECT_NE(refused.output.find("cannot be used"), std::string::npos) << refused.output;
+
+  // The report of an unreachable service is one test case with an error.
+  const std::string server = "http://127.0.0.1:" + std::to_string(port);
+  const fs::path report = folder_ / "junit.xml";
+  Outcome reported = check(
+      {"--junit", report.string(), "--server", server, "--api-key", "key", image("page.png")});
+  EXPECT_EQ(reported.exitCode, 3) << reported.output;
+  testing::XmlDocument doc = validReport(report);
+  EXPECT_EQ(doc.value("//testsuite/@errors"), "1");
+  EXPECT_NE(doc.value("//testcase/error/@message").find("cannot be used"), std::string::npos);
+  EXPECT_TRUE(doc.values("//failure").empty());
+
+  // A report that cannot be written has its own exit code.
+  Outcome unwritable = check({"--junit", (folder_ / "page.png" / "junit.xml").string(), "--server",
+                              server, "--api-key", "key", image("page.png")});
+  EXPECT_EQ(unwritable.exitCode, 4) << unwritable.output;
+  EXPECT_NE(unwritable.output.find("--junit: cannot write"), std::string::npos)
+      << unwritable.output;
 }
 
 TEST_F(CheckCommandTest, SilentServiceExitsWithThreeAfterTheTimeout) {
