@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <chrono>
 #include <cmath>
@@ -17,6 +18,7 @@
 #include "saffra/platform/exception.h"
 #include "saffra/platform/image.h"
 #include "saffra/platform/json.h"
+#include "saffra/platform/png.h"
 #include "saffra/platform/uuid.h"
 #include "server/base64.h"
 #include "server/match_settings.h"
@@ -162,6 +164,28 @@ struct Service::Impl {
   bool stopped = false;
   /// Requests of one session run one at a time; sessions share these locks by hash.
   std::array<std::mutex, 64> sessionLocks;
+  /// Match-window requests handled and the nanoseconds spent in their handler.
+  std::atomic<std::uint64_t> matchRequests{0};
+  std::atomic<std::int64_t> matchNanoseconds{0};
+
+  /// Adds the time from its creation to its end to a request counter.
+  class HandlerTimer {
+   public:
+    HandlerTimer(std::atomic<std::uint64_t>& requests, std::atomic<std::int64_t>& nanoseconds)
+        : requests_(requests), nanoseconds_(nanoseconds) {}
+    ~HandlerTimer() {
+      const auto spent = std::chrono::steady_clock::now() - start_;
+      nanoseconds_ += std::chrono::duration_cast<std::chrono::nanoseconds>(spent).count();
+      ++requests_;
+    }
+    HandlerTimer(const HandlerTimer&) = delete;
+    HandlerTimer& operator=(const HandlerTimer&) = delete;
+
+   private:
+    std::atomic<std::uint64_t>& requests_;
+    std::atomic<std::int64_t>& nanoseconds_;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  };
 
   std::mutex& lockFor(const std::string& sessionId) {
     return sessionLocks[std::hash<std::string>{}(sessionId) % sessionLocks.size()];
@@ -273,7 +297,10 @@ struct Service::Impl {
   }
 
   /// Decodes and checks the uploaded screenshot of a match request.
-  std::pair<std::vector<std::uint8_t>, std::shared_ptr<Image>> screenshotFrom(const Json& body) {
+  // The uploaded screenshot's PNG bytes and its pixels. The pixels live in a buffer each
+  // request thread keeps, as do the baseline's below: fresh memory for every decoded image
+  // would cost more in page faults than decoding it.
+  std::pair<std::vector<std::uint8_t>, compare::RgbaView> screenshotFrom(const Json& body) {
     const Json* text = json::find(objectAt(body, "appOutput"), "screenshot64");
     if (!text || !text->is_string() || text->get_ref<const std::string&>().empty()) {
       throw RequestError(400, "appOutput.screenshot64 is missing");
@@ -288,26 +315,34 @@ struct Service::Impl {
       throw RequestError(413, "the image's declared size " + std::to_string(size->first) + "x" +
                                   std::to_string(size->second) + " is not accepted");
     }
+    static thread_local std::vector<std::uint8_t> pixels;
+    compare::RgbaView view;
     try {
-      auto image = Image::fromPNGData(*png);
-      return {std::move(*png), std::move(image)};
+      png::decodeInto(png->data(), png->size(), pixels, view.width, view.height);
     } catch (const Exception& e) {
       throw RequestError(400, "screenshot64 is not a valid PNG image: " + e.reason());
     }
+    view.data = pixels.data();
+    return {std::move(*png), view};
   }
 
-  std::shared_ptr<Image> storedImage(const std::string& id) {
+  compare::RgbaView storedPixels(const std::string& id) {
     std::optional<std::vector<std::uint8_t>> bytes = store->readImage(id);
     if (!bytes) throw StoreError("stored image " + id + " is missing");
+    static thread_local std::vector<std::uint8_t> pixels;
+    compare::RgbaView view;
     try {
-      return Image::fromPNGData(*bytes);
+      png::decodeInto(bytes->data(), bytes->size(), pixels, view.width, view.height);
     } catch (const Exception& e) {
       throw StoreError("stored image " + id + " is unreadable: " + e.reason());
     }
+    view.data = pixels.data();
+    return view;
   }
 
   // POST /api/sessions/running/{id}
   void matchWindow(const Request& req, Response& res) {
+    HandlerTimer timer(matchRequests, matchNanoseconds);
     requireApiKey(req);
     std::string id = sessionIdFrom(req.matches[1]);
     Json body = parseBody(req);
@@ -330,7 +365,7 @@ struct Service::Impl {
     std::optional<BaselineStep> baseline;
     if (session->baselineId) baseline = store->baselineStep(*session->baselineId, step.position);
     if (baseline) {
-      outcome = matchImages(*storedImage(baseline->image), *current, settings);
+      outcome = matchImages(storedPixels(baseline->image), current, settings);
       step.baselineImage = baseline->image;
     } else {
       // Steps of a new test become its proposed baseline; a step beyond an existing baseline is
@@ -350,9 +385,15 @@ struct Service::Impl {
         std::vector<std::uint8_t> diffPng = outcome.diff->pngData();
         step.diffImage = store->putImage(diffPng);
       }
-      if (auto verdict = checkAccessibility(*current, settings)) {
-        step.accessibilityPassed = verdict->passed;
-        step.accessibilityLevel = verdict->level;
+      if (!settings.accessibility.empty()) {
+        // The contrast check reads an Image: a copy, made only when there are regions.
+        const Image image(current.width, current.height,
+                          std::vector<std::uint8_t>(
+                              current.data, current.data + current.width * current.height * 4));
+        if (auto verdict = checkAccessibility(image, settings)) {
+          step.accessibilityPassed = verdict->passed;
+          step.accessibilityLevel = verdict->level;
+        }
       }
       store->insertStep(id, step);
     }
@@ -541,6 +582,10 @@ void Service::stop() {
 
 int Service::port() const {
   return impl_->boundPort;
+}
+
+HandlerTime Service::matchWindowTime() const {
+  return {impl_->matchRequests.load(), std::chrono::nanoseconds(impl_->matchNanoseconds.load())};
 }
 
 std::string Service::url() const {
