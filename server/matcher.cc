@@ -49,22 +49,12 @@ compare::CompareOptions engineOptions(const MatchSettings& s) {
 
 MatchOutcome matchImages(const Image& baseline, const Image& current,
                          const MatchSettings& settings) {
-  return matchImages(compare::RgbaView{baseline.data(), baseline.width(), baseline.height()},
-                     compare::RgbaView{current.data(), current.width(), current.height()},
-                     settings);
-}
-
-MatchOutcome matchImages(const compare::RgbaView& baseline, const compare::RgbaView& current,
-                         const MatchSettings& settings) {
   compare::CompareResult result =
       compare::compareImages(baseline, current, engineOptions(settings));
   MatchOutcome outcome;
   outcome.matches = result.matches;
-  if (!result.matches && baseline.data) {
-    const std::size_t bytes = baseline.width * baseline.height * 4;
-    const Image pixels(baseline.width, baseline.height,
-                       std::vector<std::uint8_t>(baseline.data, baseline.data + bytes));
-    outcome.diff = std::make_shared<Image>(compare::makeDiffImage(pixels, result));
+  if (!result.matches) {
+    outcome.diff = std::make_shared<Image>(compare::makeDiffImage(baseline, result));
   }
   return outcome;
 }

@@ -9,7 +9,6 @@
 #include <string>
 
 #include "saffra/platform/image.h"
-#include "server/compare/compare.h"
 #include "server/match_settings.h"
 
 namespace saffra::server {
@@ -23,9 +22,6 @@ struct MatchOutcome {
 
 /// Compares `current` with `baseline` at the settings' match level, honouring its regions.
 MatchOutcome matchImages(const Image& baseline, const Image& current,
-                         const MatchSettings& settings);
-/// The same on pixels in the caller's buffers (no image is allocated unless there is a diff).
-MatchOutcome matchImages(const compare::RgbaView& baseline, const compare::RgbaView& current,
                          const MatchSettings& settings);
 
 /// The contrast check of a step's accessibility regions.

@@ -18,7 +18,6 @@
 #include "saffra/platform/exception.h"
 #include "saffra/platform/image.h"
 #include "saffra/platform/json.h"
-#include "saffra/platform/png.h"
 #include "saffra/platform/uuid.h"
 #include "server/base64.h"
 #include "server/match_settings.h"
@@ -297,10 +296,7 @@ struct Service::Impl {
   }
 
   /// Decodes and checks the uploaded screenshot of a match request.
-  // The uploaded screenshot's PNG bytes and its pixels. The pixels live in a buffer each
-  // request thread keeps, as do the baseline's below: fresh memory for every decoded image
-  // would cost more in page faults than decoding it.
-  std::pair<std::vector<std::uint8_t>, compare::RgbaView> screenshotFrom(const Json& body) {
+  std::pair<std::vector<std::uint8_t>, std::shared_ptr<Image>> screenshotFrom(const Json& body) {
     const Json* text = json::find(objectAt(body, "appOutput"), "screenshot64");
     if (!text || !text->is_string() || text->get_ref<const std::string&>().empty()) {
       throw RequestError(400, "appOutput.screenshot64 is missing");
@@ -315,29 +311,22 @@ struct Service::Impl {
       throw RequestError(413, "the image's declared size " + std::to_string(size->first) + "x" +
                                   std::to_string(size->second) + " is not accepted");
     }
-    static thread_local std::vector<std::uint8_t> pixels;
-    compare::RgbaView view;
     try {
-      png::decodeInto(png->data(), png->size(), pixels, view.width, view.height);
+      auto image = Image::fromPNGData(*png);
+      return {std::move(*png), std::move(image)};
     } catch (const Exception& e) {
       throw RequestError(400, "screenshot64 is not a valid PNG image: " + e.reason());
     }
-    view.data = pixels.data();
-    return {std::move(*png), view};
   }
 
-  compare::RgbaView storedPixels(const std::string& id) {
+  std::shared_ptr<Image> storedImage(const std::string& id) {
     std::optional<std::vector<std::uint8_t>> bytes = store->readImage(id);
     if (!bytes) throw StoreError("stored image " + id + " is missing");
-    static thread_local std::vector<std::uint8_t> pixels;
-    compare::RgbaView view;
     try {
-      png::decodeInto(bytes->data(), bytes->size(), pixels, view.width, view.height);
+      return Image::fromPNGData(*bytes);
     } catch (const Exception& e) {
       throw StoreError("stored image " + id + " is unreadable: " + e.reason());
     }
-    view.data = pixels.data();
-    return view;
   }
 
   // POST /api/sessions/running/{id}
@@ -365,7 +354,7 @@ struct Service::Impl {
     std::optional<BaselineStep> baseline;
     if (session->baselineId) baseline = store->baselineStep(*session->baselineId, step.position);
     if (baseline) {
-      outcome = matchImages(storedPixels(baseline->image), current, settings);
+      outcome = matchImages(*storedImage(baseline->image), *current, settings);
       step.baselineImage = baseline->image;
     } else {
       // Steps of a new test become its proposed baseline; a step beyond an existing baseline is
@@ -385,15 +374,9 @@ struct Service::Impl {
         std::vector<std::uint8_t> diffPng = outcome.diff->pngData();
         step.diffImage = store->putImage(diffPng);
       }
-      if (!settings.accessibility.empty()) {
-        // The contrast check reads an Image: a copy, made only when there are regions.
-        const Image image(current.width, current.height,
-                          std::vector<std::uint8_t>(
-                              current.data, current.data + current.width * current.height * 4));
-        if (auto verdict = checkAccessibility(image, settings)) {
-          step.accessibilityPassed = verdict->passed;
-          step.accessibilityLevel = verdict->level;
-        }
+      if (auto verdict = checkAccessibility(*current, settings)) {
+        step.accessibilityPassed = verdict->passed;
+        step.accessibilityLevel = verdict->level;
       }
       store->insertStep(id, step);
     }

@@ -625,15 +625,6 @@ std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double
   return std::make_shared<Image>(ihdr.width, ihdr.height, std::move(pixels), scale);
 }
 
-void decodeInto(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& rgba,
-                std::size_t& width, std::size_t& height) {
-  if (data && decodeCommonInto(data, size, rgba, width, height)) return;
-  const std::shared_ptr<Image> image = decode(data, size);
-  rgba.assign(image->pixels().begin(), image->pixels().end());
-  width = image->width();
-  height = image->height();
-}
-
 std::vector<std::uint8_t> encode(const std::uint8_t* rgba, std::size_t width, std::size_t height,
                                  std::size_t stride) {
   return encode(rgba, width, height, stride, EncodeOptions{});

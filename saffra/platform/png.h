@@ -20,12 +20,6 @@ namespace saffra::png {
 /// Exception "InvalidImageException" with a reason for corrupt, truncated or oversized input.
 std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double scale = 1.0);
 
-/// The same into a caller's buffer (width * height * 4 bytes of RGBA on return), whose memory
-/// is reused when it is large enough: decoding over and over then touches no fresh memory,
-/// whose page faults can cost more than the decoding. Throws like decode().
-void decodeInto(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& rgba,
-                std::size_t& width, std::size_t& height);
-
 /// How the encoder may work.
 struct EncodeOptions {
   /// Most threads to use. 1, the default, measured fastest on a busy machine (see

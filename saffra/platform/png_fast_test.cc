@@ -138,26 +138,6 @@ TEST(PngFastTest, UndoesEveryFilterOnRgbAndRgbaRowsOfAnyWidth) {
   }
 }
 
-// Decoding into a reused buffer gives the same pixels whatever the buffer held before.
-TEST(PngFastTest, DecodesIntoAReusedBuffer) {
-  Image wide(40, 3), narrow(5, 9);
-  for (std::size_t i = 0; i < wide.pixels().size(); ++i)
-    wide.mutableData()[i] = static_cast<std::uint8_t>(i);
-  for (std::size_t i = 0; i < narrow.pixels().size(); ++i)
-    narrow.mutableData()[i] = static_cast<std::uint8_t>(i * 5);
-  std::vector<std::uint8_t> buffer;
-  std::size_t width = 0, height = 0;
-  for (const Image* image : {&wide, &narrow, &wide}) {
-    const std::vector<std::uint8_t> png = image->pngData();
-    decodeInto(png.data(), png.size(), buffer, width, height);
-    EXPECT_EQ(buffer, image->pixels());
-    EXPECT_EQ(width, image->width());
-    EXPECT_EQ(height, image->height());
-  }
-  const std::vector<std::uint8_t> garbage = {1, 2, 3};
-  EXPECT_THROW(decodeInto(garbage.data(), garbage.size(), buffer, width, height), Exception);
-}
-
 TEST(PngFastTest, RoundTripsRgbaWithTransparency) {
   Image source(37, 5);
   for (std::size_t i = 0; i < source.pixels().size(); ++i) {

@@ -359,19 +359,6 @@ CompareResult compareImages(const Image& baseline, const Image& checkpoint,
   return compareViews(view(baseline), view(checkpoint), options);
 }
 
-CompareResult compareImages(const RgbaView& baseline, const RgbaView& checkpoint,
-                            const CompareOptions& options) {
-  static_assert(Image::kMaxDimension < INT_MAX);
-  const auto pixels = [](const RgbaView& v) {
-    // Views beyond an image's limits are refused as images are; an empty one compares as such.
-    if (!v.data || v.width > Image::kMaxDimension || v.height > Image::kMaxDimension) {
-      return Pixels{v.data, 0, 0};
-    }
-    return Pixels{v.data, static_cast<int>(v.width), static_cast<int>(v.height)};
-  };
-  return compareViews(pixels(baseline), pixels(checkpoint), options);
-}
-
 CompareResult comparePNG(const std::vector<std::uint8_t>& baselinePNG,
                          const std::vector<std::uint8_t>& checkpointPNG,
                          const CompareOptions& options) {

@@ -172,16 +172,6 @@ inline constexpr int kLayoutJoinY = 3;
 CompareResult compareImages(const Image& baseline, const Image& checkpoint,
                             const CompareOptions& options = {});
 
-/// Straight RGBA pixels in rows without padding that the caller keeps alive, such as a
-/// decoding buffer reused from one comparison to the next.
-struct RgbaView {
-  const std::uint8_t* data = nullptr;
-  std::size_t width = 0;
-  std::size_t height = 0;
-};
-CompareResult compareImages(const RgbaView& baseline, const RgbaView& checkpoint,
-                            const CompareOptions& options = {});
-
 /// Decodes two PNG files' bytes and compares them (the service's usual path). Throws
 /// Exception "InvalidImageException" for data that is not PNG.
 CompareResult comparePNG(const std::vector<std::uint8_t>& baselinePNG,
