@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <chrono>
 #include <cmath>
@@ -231,6 +232,28 @@ struct Service::Impl {
   bool stopped = false;
   /// Requests of one session run one at a time; sessions share these locks by hash.
   std::array<std::mutex, 64> sessionLocks;
+  /// Match-window requests handled and the nanoseconds spent in their handler.
+  std::atomic<std::uint64_t> matchRequests{0};
+  std::atomic<std::int64_t> matchNanoseconds{0};
+
+  /// Adds the time from its creation to its end to a request counter.
+  class HandlerTimer {
+   public:
+    HandlerTimer(std::atomic<std::uint64_t>& requests, std::atomic<std::int64_t>& nanoseconds)
+        : requests_(requests), nanoseconds_(nanoseconds) {}
+    ~HandlerTimer() {
+      const auto spent = std::chrono::steady_clock::now() - start_;
+      nanoseconds_ += std::chrono::duration_cast<std::chrono::nanoseconds>(spent).count();
+      ++requests_;
+    }
+    HandlerTimer(const HandlerTimer&) = delete;
+    HandlerTimer& operator=(const HandlerTimer&) = delete;
+
+   private:
+    std::atomic<std::uint64_t>& requests_;
+    std::atomic<std::int64_t>& nanoseconds_;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  };
 
   std::mutex& lockFor(const std::string& sessionId) {
     return sessionLocks[std::hash<std::string>{}(sessionId) % sessionLocks.size()];
@@ -395,6 +418,7 @@ struct Service::Impl {
 
   // POST /api/sessions/running/{id}
   void matchWindow(const Request& req, Response& res) {
+    HandlerTimer timer(matchRequests, matchNanoseconds);
     requireApiKey(req);
     std::string id = sessionIdFrom(req.matches[1]);
     Json body = parseBody(req);
@@ -868,6 +892,10 @@ void Service::stop() {
 
 int Service::port() const {
   return impl_->boundPort;
+}
+
+HandlerTime Service::matchWindowTime() const {
+  return {impl_->matchRequests.load(), std::chrono::nanoseconds(impl_->matchNanoseconds.load())};
 }
 
 std::string Service::url() const {

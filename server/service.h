@@ -29,7 +29,9 @@
 // accepts application/json.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -60,6 +62,13 @@ struct ServiceOptions {
   std::size_t maxImagePixels = std::size_t{64} << 20;
 };
 
+/// Time the service spent handling requests of one kind, measured inside its handler (from
+/// the parsed request to the reply's body; reading and writing the socket are not included).
+struct HandlerTime {
+  std::uint64_t requests = 0;
+  std::chrono::nanoseconds total{0};
+};
+
 /// The running service. Handles requests on a pool of threads until stopped or destroyed.
 class Service {
  public:
@@ -77,6 +86,8 @@ class Service {
   int port() const;
   /// "http://host:port" of the running service.
   std::string url() const;
+  /// The match-window requests handled so far, failed ones included, and their time.
+  HandlerTime matchWindowTime() const;
 
  private:
   struct Impl;

@@ -180,6 +180,19 @@ TEST_F(ServiceTest, AbortedSessionFailsAndSavesNothing) {
   EXPECT_EQ(harness_.match(id, matchBody(kPlain, "late")).status, 409);
 }
 
+// Every match-window request is counted with its handler's time, refused ones included; other
+// requests are not.
+TEST_F(ServiceTest, CountsMatchWindowRequestsAndTheirTime) {
+  EXPECT_EQ(harness_.service().matchWindowTime().requests, 0u);
+  SessionSpec test;
+  harness_.runTest(test, {kPlain, kMarked}, true);
+  std::string id = harness_.start(test).body["id"];
+  EXPECT_EQ(harness_.match(id, Json{{"tag", "no image"}}).status, 400);
+  const HandlerTime counted = harness_.service().matchWindowTime();
+  EXPECT_EQ(counted.requests, 3u);
+  EXPECT_GT(counted.total.count(), 0);
+}
+
 TEST_F(ServiceTest, MismatchesSentForRetryAreNotRecorded) {
   SessionSpec test;
   harness_.runTest(test, {kPlain, kMarked}, true);

@@ -27,99 +27,291 @@ struct Decompressor {
   ~Decompressor() { libdeflate_free_decompressor(d); }
 };
 
+// Rows are rebuilt straight into the RGBA output: the filtered bytes of a row are spread to
+// 4-byte pixels (alpha 0 for RGB), the filter is undone against the row above in the output,
+// and for RGB the alpha bytes are set to 255 on the way out. The filters work byte by byte
+// with the pixel to the left, so undoing them on 4-byte pixels gives the same colour bytes;
+// the alpha bytes of RGB rows carry no information and are overwritten.
+//
+// Reads may run up to 16 bytes past a row's filtered bytes and writes up to 12 bytes past an
+// output row: the callers leave that much room after both buffers.
+
 #if defined(__SSE2__)
-// Loads four bytes (a pixel and, for 3-byte pixels, one byte beyond it: every row is followed
-// by at least one readable byte) and stores the Bpp (3 or 4) bytes of one pixel.
-inline __m128i loadPixel(const std::uint8_t* p) {
-  return _mm_cvtsi32_si128(static_cast<int>(bytes::load32(p)));
+
+inline __m128i load128(const std::uint8_t* p) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
 }
-template <std::size_t Bpp>
-inline void storePixel(std::uint8_t* p, __m128i v) {
-  const auto bits = static_cast<std::uint32_t>(_mm_cvtsi128_si32(v));
-  std::memcpy(p, &bits, Bpp);
-}
-inline __m128i absolute(__m128i v) {
-  return _mm_max_epi16(v, _mm_sub_epi16(_mm_setzero_si128(), v));
+inline void store128(std::uint8_t* p, __m128i v) {
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
 }
 
-// The Paeth filter one pixel at a time in 16-bit lanes: each predictor needs the pixel just
-// decoded to its left.
+// Four pixels from `src` as RGBA lanes: 12 bytes of RGB spread to 16 (alpha 0), or 16 of RGBA.
 template <std::size_t Bpp>
-void unpaeth(std::uint8_t* __restrict row, const std::uint8_t* __restrict prev, std::size_t n) {
-  const __m128i zero = _mm_setzero_si128();
-  const __m128i low = _mm_set1_epi16(0xff);
-  __m128i a = zero, c = zero;
-  for (std::size_t i = 0; i < n; i += Bpp) {
-    const __m128i b = _mm_unpacklo_epi8(loadPixel(prev + i), zero);
-    const __m128i x = _mm_unpacklo_epi8(loadPixel(row + i), zero);
-    const __m128i pa = absolute(_mm_sub_epi16(b, c));
-    const __m128i pb = absolute(_mm_sub_epi16(a, c));
-    const __m128i pc = absolute(_mm_sub_epi16(_mm_add_epi16(a, b), _mm_add_epi16(c, c)));
-    // a where pa <= pb and pa <= pc, else b where pb <= pc, else c.
-    const __m128i useC = _mm_cmpgt_epi16(pb, pc);
-    const __m128i bOrC = _mm_or_si128(_mm_and_si128(useC, c), _mm_andnot_si128(useC, b));
-    const __m128i notA = _mm_or_si128(_mm_cmpgt_epi16(pa, pb), _mm_cmpgt_epi16(pa, pc));
-    const __m128i predictor = _mm_or_si128(_mm_and_si128(notA, bOrC), _mm_andnot_si128(notA, a));
-    a = _mm_and_si128(_mm_add_epi16(x, predictor), low);
-    storePixel<Bpp>(row + i, _mm_packus_epi16(a, zero));
-    c = b;
+inline __m128i loadPixels(const std::uint8_t* src) {
+  const __m128i v = load128(src);
+  if constexpr (Bpp == 4) {
+    return v;
+  } else {
+    // Pixel k sits at byte 3k and belongs at byte 4k: shift the register left by k bytes and
+    // keep lane k.
+    const __m128i rgb = _mm_set_epi32(0, 0, 0, 0x00ffffff);
+    return _mm_or_si128(_mm_or_si128(_mm_and_si128(v, rgb),
+                                     _mm_and_si128(_mm_slli_si128(v, 1), _mm_slli_si128(rgb, 4))),
+                        _mm_or_si128(_mm_and_si128(_mm_slli_si128(v, 2), _mm_slli_si128(rgb, 8)),
+                                     _mm_and_si128(_mm_slli_si128(v, 3), _mm_slli_si128(rgb, 12))));
   }
 }
-#endif
 
-// Reverses the scanline filters of one row in place; `prev` is the row above (unfiltered) or
-// nullptr for the first row.
-bool unfilter(std::uint8_t type, std::uint8_t* __restrict row, const std::uint8_t* __restrict prev,
-              std::size_t n, std::size_t bpp) {
+template <std::size_t Bpp>
+inline __m128i alphaBits() {
+  return Bpp == 3 ? _mm_set1_epi32(static_cast<int>(0xff000000u)) : _mm_setzero_si128();
+}
+
+// Spreads the row's pixels into `out` unchanged (the None filter, and the first step of the
+// filters that go pixel by pixel).
+template <std::size_t Bpp>
+void spreadRow(const std::uint8_t* src, std::uint8_t* out, std::size_t width, __m128i alpha) {
+  for (std::size_t x = 0; x < width; x += 4) {
+    store128(out + x * 4, _mm_or_si128(loadPixels<Bpp>(src + x * Bpp), alpha));
+  }
+}
+
+template <std::size_t Bpp>
+void unfilterSub(const std::uint8_t* src, std::uint8_t* out, std::size_t width) {
+  const __m128i alpha = alphaBits<Bpp>();
+  __m128i left = _mm_setzero_si128();
+  for (std::size_t x = 0; x < width; x += 4) {
+    // A running sum over the four pixels, then the last pixel of the group before.
+    __m128i v = loadPixels<Bpp>(src + x * Bpp);
+    v = _mm_add_epi8(v, _mm_slli_si128(v, 4));
+    v = _mm_add_epi8(v, _mm_slli_si128(v, 8));
+    v = _mm_or_si128(_mm_add_epi8(v, left), alpha);
+    store128(out + x * 4, v);
+    left = _mm_shuffle_epi32(v, 0xff);
+  }
+}
+
+template <std::size_t Bpp>
+void unfilterUp(const std::uint8_t* src, const std::uint8_t* prev, std::uint8_t* out,
+                std::size_t width) {
+  const __m128i alpha = alphaBits<Bpp>();
+  for (std::size_t x = 0; x < width; x += 4) {
+    const __m128i v = _mm_add_epi8(loadPixels<Bpp>(src + x * Bpp), load128(prev + x * 4));
+    store128(out + x * 4, _mm_or_si128(v, alpha));
+  }
+}
+
+inline __m128i loadPixel16(const std::uint8_t* p) {
+  return _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(bytes::load32(p))),
+                           _mm_setzero_si128());
+}
+inline void storePixel16(std::uint8_t* p, __m128i v, __m128i alpha) {
+  const __m128i packed = _mm_or_si128(_mm_packus_epi16(v, v), alpha);
+  const auto bits = static_cast<std::uint32_t>(_mm_cvtsi128_si32(packed));
+  std::memcpy(p, &bits, 4);
+}
+
+// The Average filter on spread pixels in `out`, one pixel at a time in 16-bit lanes.
+void unfilterAverage(std::uint8_t* out, const std::uint8_t* prev, std::size_t width,
+                     __m128i alpha) {
+  const __m128i low = _mm_set1_epi16(0xff);
+  __m128i a = _mm_setzero_si128();
+  for (std::size_t x = 0; x < width; ++x) {
+    const __m128i b = loadPixel16(prev + x * 4);
+    const __m128i v = loadPixel16(out + x * 4);
+    a = _mm_and_si128(_mm_add_epi16(v, _mm_srli_epi16(_mm_add_epi16(a, b), 1)), low);
+    storePixel16(out + x * 4, a, alpha);
+  }
+}
+
+// One Paeth step on pixels in 16-bit lanes: `a` left, `b` above, `c` above-left, `v` the
+// filtered value; returns the decoded pixel. The lanes are independent, so a register may
+// hold pixels of two rows. Everything that does not depend on `a` is worked out beside the
+// chain of steps through it, which is seven operations long: pb = |a - c| and
+// pc = |a + b - 2c| as maxima of differences, the three comparisons, and a choice among
+// v + a, v + b and v + c (byte additions keep the sums modulo 256).
+inline __m128i paeth(__m128i a, __m128i b, __m128i c, __m128i v) {
+  const __m128i e = _mm_sub_epi16(b, c);
+  const __m128i pa = _mm_max_epi16(e, _mm_sub_epi16(c, b));
+  const __m128i eMinusC = _mm_sub_epi16(e, c), cMinusE = _mm_sub_epi16(c, e);
+  const __m128i pb = _mm_max_epi16(_mm_sub_epi16(a, c), _mm_sub_epi16(c, a));
+  const __m128i pc = _mm_max_epi16(_mm_add_epi16(a, eMinusC), _mm_sub_epi16(cMinusE, a));
+  const __m128i va = _mm_add_epi8(v, a), vb = _mm_add_epi8(v, b), vc = _mm_add_epi8(v, c);
+  // a where pa <= pb and pa <= pc, else b where pb <= pc, else c.
+  const __m128i useC = _mm_cmpgt_epi16(pb, pc);
+  const __m128i notA = _mm_or_si128(_mm_cmpgt_epi16(pa, pb), _mm_cmpgt_epi16(pa, pc));
+  const __m128i vbOrC = _mm_or_si128(_mm_and_si128(useC, vc), _mm_andnot_si128(useC, vb));
+  return _mm_or_si128(_mm_and_si128(notA, vbOrC), _mm_andnot_si128(notA, va));
+}
+
+// The Paeth filter on spread pixels [from, to) of `out`, one pixel at a time: each predictor
+// needs the pixel just decoded to its left. `left` and `aboveLeft` carry that state.
+void unfilterPaeth(std::uint8_t* out, const std::uint8_t* prev, std::size_t from, std::size_t to,
+                   __m128i& left, __m128i& aboveLeft, __m128i alpha) {
+  __m128i a = left, c = aboveLeft;  // in registers, whatever `out` may alias
+  for (std::size_t x = from; x < to; ++x) {
+    const __m128i b = loadPixel16(prev + x * 4);
+    a = paeth(a, b, c, loadPixel16(out + x * 4));
+    storePixel16(out + x * 4, a, alpha);
+    c = b;
+  }
+  left = a, aboveLeft = c;
+}
+
+// The Paeth filter on two consecutive rows of spread pixels at once. The chain of dependent
+// steps through the left pixel is what limits one row; the lower row runs kLag pixels behind
+// the upper one (whose output it reads as its row above) in the other half of the register,
+// which doubles the pixels per step.
+void unfilterPaethPair(std::uint8_t* upper, const std::uint8_t* prev, std::uint8_t* lower,
+                       std::size_t width, __m128i alpha) {
+  constexpr std::size_t kLag = 2;
+  const __m128i zero = _mm_setzero_si128();
+  __m128i a = zero, c = zero;
+  if (width <= kLag) {
+    unfilterPaeth(upper, prev, 0, width, a, c, alpha);
+    a = c = zero;
+    unfilterPaeth(lower, upper, 0, width, a, c, alpha);
+    return;
+  }
+  unfilterPaeth(upper, prev, 0, kLag, a, c, alpha);
+  // Upper row in the low 64 bits, lower row (starting at its first pixel) in the high ones.
+  a = _mm_unpacklo_epi64(a, zero);
+  c = _mm_unpacklo_epi64(c, zero);
+  for (std::size_t x = kLag; x < width; ++x) {
+    std::uint8_t* up = upper + x * 4;
+    std::uint8_t* low = lower + (x - kLag) * 4;
+    const __m128i b =
+        _mm_unpacklo_epi64(loadPixel16(prev + x * 4), loadPixel16(upper + (x - kLag) * 4));
+    a = paeth(a, b, c, _mm_unpacklo_epi64(loadPixel16(up), loadPixel16(low)));
+    c = b;
+    const __m128i packed = _mm_or_si128(_mm_packus_epi16(a, a), alpha);
+    const auto first = static_cast<std::uint32_t>(_mm_cvtsi128_si32(packed));
+    const auto second = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(packed, 4)));
+    std::memcpy(up, &first, 4);
+    std::memcpy(low, &second, 4);
+  }
+  a = _mm_unpackhi_epi64(a, zero);
+  c = _mm_unpackhi_epi64(c, zero);
+  unfilterPaeth(lower, upper, width - kLag, width, a, c, alpha);
+}
+
+// Rebuilds output row `out` from the filtered bytes `src`; `prev` is the output row above, or
+// nullptr for the first row. False for an unknown filter type.
+template <std::size_t Bpp>
+bool decodeRow(std::uint8_t type, const std::uint8_t* src, const std::uint8_t* prev,
+               std::uint8_t* out, std::size_t width) {
+  const __m128i alpha = alphaBits<Bpp>();
+  if (!prev) {
+    // Above the first row every byte reads as 0: Up is None and Paeth is Sub.
+    if (type == 2) type = 0;
+    if (type == 4) type = 1;
+  }
   switch (type) {
     case 0:
+      spreadRow<Bpp>(src, out, width, alpha);
       return true;
     case 1:
-      for (std::size_t i = bpp; i < n; ++i)
-        row[i] = static_cast<std::uint8_t>(row[i] + row[i - bpp]);
+      unfilterSub<Bpp>(src, out, width);
       return true;
-    case 2: {
-      if (!prev) return true;
-      std::size_t i = 0;
-#if defined(__SSE2__)
-      for (; i + 16 <= n; i += 16) {
-        const __m128i sum =
-            _mm_add_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + i)),
-                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(prev + i)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(row + i), sum);
+    case 2:
+      unfilterUp<Bpp>(src, prev, out, width);
+      return true;
+    case 3: {
+      spreadRow<Bpp>(src, out, width, _mm_setzero_si128());
+      static thread_local std::vector<std::uint8_t> zeros;
+      if (!prev) {
+        zeros.assign(width * 4, 0);
+        prev = zeros.data();
       }
-#endif
-      for (; i < n; ++i) row[i] = static_cast<std::uint8_t>(row[i] + prev[i]);
+      unfilterAverage(out, prev, width, alpha);
       return true;
     }
-    case 3:
-      for (std::size_t i = 0; i < n; ++i) {
-        const int left = i >= bpp ? row[i - bpp] : 0, up = prev ? prev[i] : 0;
-        row[i] = static_cast<std::uint8_t>(row[i] + ((left + up) >> 1));
-      }
-      return true;
     case 4: {
-      if (!prev) return unfilter(1, row, nullptr, n, bpp);
-#if defined(__SSE2__)
-      if (bpp == 3) {
-        unpaeth<3>(row, prev, n);
-      } else {
-        unpaeth<4>(row, prev, n);
-      }
-#else
-      for (std::size_t i = 0; i < n; ++i) {
-        const int a = i >= bpp ? row[i - bpp] : 0, b = prev[i], c = i >= bpp ? prev[i - bpp] : 0;
-        const int pa = std::abs(b - c), pb = std::abs(a - c), pc = std::abs(a + b - 2 * c);
-        const int predictor = (pa <= pb && pa <= pc) ? a : (pb <= pc ? b : c);
-        row[i] = static_cast<std::uint8_t>(row[i] + predictor);
-      }
-#endif
+      spreadRow<Bpp>(src, out, width, _mm_setzero_si128());
+      __m128i a = _mm_setzero_si128(), c = a;
+      unfilterPaeth(out, prev, 0, width, a, c, alpha);
       return true;
     }
     default:
       return false;
   }
 }
+
+// Rebuilds all rows: `raw` holds the inflated rows (each a filter type byte and `width` *
+// Bpp filtered bytes), `rgba` receives width * 4 bytes per row.
+template <std::size_t Bpp>
+bool decodeRows(const std::uint8_t* raw, std::uint8_t* rgba, std::size_t width,
+                std::size_t height) {
+  const std::size_t rawRow = width * Bpp + 1, outRow = width * 4;
+  for (std::size_t y = 0; y < height; ++y) {
+    const std::uint8_t* line = raw + y * rawRow;
+    std::uint8_t* out = rgba + y * outRow;
+    if (y > 0 && y + 1 < height && line[0] == 4 && line[rawRow] == 4) {
+      spreadRow<Bpp>(line + 1, out, width, _mm_setzero_si128());
+      spreadRow<Bpp>(line + rawRow + 1, out + outRow, width, _mm_setzero_si128());
+      unfilterPaethPair(out, out - outRow, out + outRow, width, alphaBits<Bpp>());
+      ++y;
+      continue;
+    }
+    if (!decodeRow<Bpp>(line[0], line + 1, y ? out - outRow : nullptr, out, width)) return false;
+  }
+  return true;
+}
+
+#else
+
+// Portable version of the above, byte by byte.
+template <std::size_t Bpp>
+bool decodeRow(std::uint8_t type, const std::uint8_t* src, const std::uint8_t* prev,
+               std::uint8_t* out, std::size_t width) {
+  if (type > 4) return false;
+  for (std::size_t x = 0; x < width; ++x) {
+    for (std::size_t c = 0; c < 4; ++c) out[x * 4 + c] = c < Bpp ? src[x * Bpp + c] : 0;
+  }
+  const std::size_t n = width * 4;
+  for (std::size_t i = 0; i < n; ++i) {
+    const int a = i >= 4 ? out[i - 4] : 0, b = prev ? prev[i] : 0;
+    const int c = prev && i >= 4 ? prev[i - 4] : 0;
+    int predictor = 0;
+    switch (type) {
+      case 1:
+        predictor = a;
+        break;
+      case 2:
+        predictor = b;
+        break;
+      case 3:
+        predictor = (a + b) >> 1;
+        break;
+      case 4: {
+        const int pa = std::abs(b - c), pb = std::abs(a - c), pc = std::abs(a + b - 2 * c);
+        predictor = (pa <= pb && pa <= pc) ? a : (pb <= pc ? b : c);
+        break;
+      }
+      default:
+        break;
+    }
+    out[i] = static_cast<std::uint8_t>(out[i] + predictor);
+  }
+  if (Bpp == 3) {
+    for (std::size_t x = 0; x < width; ++x) out[x * 4 + 3] = 255;
+  }
+  return true;
+}
+
+template <std::size_t Bpp>
+bool decodeRows(const std::uint8_t* raw, std::uint8_t* rgba, std::size_t width,
+                std::size_t height) {
+  const std::size_t rawRow = width * Bpp + 1, outRow = width * 4;
+  for (std::size_t y = 0; y < height; ++y) {
+    const std::uint8_t* line = raw + y * rawRow;
+    std::uint8_t* out = rgba + y * outRow;
+    if (!decodeRow<Bpp>(line[0], line + 1, y ? out - outRow : nullptr, out, width)) return false;
+  }
+  return true;
+}
+
+#endif
 
 }  // namespace
 
@@ -171,10 +363,11 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
 
   const std::size_t rowBytes = width * bpp;
   // The inflated rows go to a buffer each thread keeps, so large images cost no fresh memory.
-  // One spare byte at the end lets the filters read whole words.
+  // Spare bytes at the ends of both buffers let the rows be rebuilt in whole 16-byte words.
+  constexpr std::size_t kSlack = 16;
   static thread_local std::vector<std::uint8_t> raw;
   const std::size_t rawSize = height * (rowBytes + 1);
-  raw.resize(rawSize + 1);
+  raw.resize(rawSize + kSlack);
 
   static thread_local Decompressor decompressor;
   if (!decompressor.d ||
@@ -182,24 +375,11 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
                                  rawSize, nullptr) != LIBDEFLATE_SUCCESS) {
     return false;
   }
-  rgba.resize(width * height * 4);
-  const std::uint8_t* prev = nullptr;
-  for (std::size_t y = 0; y < height; ++y) {
-    std::uint8_t* line = &raw[y * (rowBytes + 1)];
-    std::uint8_t* row = line + 1;
-    if (!unfilter(line[0], row, prev, rowBytes, bpp)) return false;
-    std::uint8_t* out = &rgba[y * width * 4];
-    if (bpp == 4) {
-      std::memcpy(out, row, rowBytes);
-    } else {
-      for (std::size_t x = 0; x < width; ++x) {
-        const std::uint32_t pixel = std::uint32_t{row[x * 3]} | std::uint32_t{row[x * 3 + 1]} << 8 |
-                                    std::uint32_t{row[x * 3 + 2]} << 16 | 0xff000000u;
-        std::memcpy(out + x * 4, &pixel, 4);  // little-endian: R, G, B, A in memory
-      }
-    }
-    prev = row;
-  }
+  const std::size_t outRow = width * 4;
+  rgba.resize(height * outRow + kSlack);
+  const auto decodeAll = bpp == 4 ? decodeRows<4> : decodeRows<3>;
+  if (!decodeAll(raw.data(), rgba.data(), width, height)) return false;
+  rgba.resize(height * outRow);
   outWidth = width;
   outHeight = height;
   if (raw.capacity() > (std::size_t{64} << 20)) std::vector<std::uint8_t>().swap(raw);
