@@ -12,18 +12,14 @@ std::string sessionPath(const SessionRecord& session) {
   return "/sessions/" + session.id;
 }
 
-std::string tokenQuery(const SessionRecord& session) {
-  return "?accessToken=" + session.token;
-}
-
 }  // namespace
 
 std::string Links::sessionPage(const SessionRecord& session) const {
-  return base_ + "/app" + sessionPath(session) + tokenQuery(session);
+  return base_ + "/app" + sessionPath(session);
 }
 
 std::string Links::sessionApi(const SessionRecord& session) const {
-  return base_ + "/api" + sessionPath(session) + tokenQuery(session);
+  return base_ + "/api" + sessionPath(session);
 }
 
 std::string Links::stepPage(const SessionRecord& session, std::int64_t step) const {
@@ -33,7 +29,7 @@ std::string Links::stepPage(const SessionRecord& session, std::int64_t step) con
 std::string Links::stepImage(const SessionRecord& session, std::int64_t step,
                              std::string_view kind) const {
   return base_ + "/api" + sessionPath(session) + "/steps/" + std::to_string(step) + "/" +
-         std::string(kind) + ".png" + tokenQuery(session);
+         std::string(kind) + ".png";
 }
 
 Outcome decideOutcome(const std::vector<StepRecord>& steps,
@@ -56,6 +52,7 @@ Outcome decideOutcome(const std::vector<StepRecord>& steps,
   } else {
     o.status = o.isDifferent ? "Unresolved" : "Passed";
   }
+  o.stoppedStatus = o.status;
   return o;
 }
 
@@ -67,6 +64,34 @@ std::vector<BaselineStep> baselineAfterSave(const std::vector<StepRecord>& steps
     saved.push_back({s.position, s.tag, image});
   }
   return saved;
+}
+
+std::string stepState(const StepRecord& step, std::optional<bool> accepted) {
+  if (accepted) return *accepted ? "accepted" : "rejected";
+  if (!step.baselineImage) return "new";
+  return step.asExpected ? "matched" : "mismatched";
+}
+
+std::string reviewedStatus(const Outcome& outcome, const std::vector<StepRecord>& steps,
+                           const std::map<std::int64_t, bool>& reviews) {
+  bool anyAccepted = false;
+  for (const auto& [position, accepted] : reviews) {
+    if (!accepted) return "Failed";
+    anyAccepted = true;
+  }
+  auto accepted = [&](std::int64_t position) {
+    auto found = reviews.find(position);
+    return found != reviews.end() && found->second;
+  };
+  bool allAccepted = anyAccepted;
+  for (const StepRecord& s : steps) {
+    bool blocking = !s.asExpected || !s.baselineImage;
+    if (blocking && !accepted(s.position)) allAccepted = false;
+  }
+  for (const BaselineStep& m : outcome.missing) {
+    if (!accepted(m.position)) allAccepted = false;
+  }
+  return allAccepted ? "Passed" : outcome.stoppedStatus;
 }
 
 std::string isoTime(std::int64_t secondsSinceEpoch) {

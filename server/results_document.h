@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,11 +14,12 @@
 
 namespace saffra::server {
 
-/// The addresses of a session's pages and images under the service's base address. Each
-/// carries the session's access token, so that a link from a log works in a browser.
+/// The addresses of a session's pages and images under the service's base address. They
+/// carry no credentials: a browser that opens one logs in first (or adds apiKey=...).
 class Links {
  public:
-  /// `base` is the scheme, host and port, e.g. "http://127.0.0.1:8080".
+  /// `base` is the scheme, host and port, e.g. "http://127.0.0.1:8080"; empty for addresses
+  /// relative to the service.
   explicit Links(std::string base) : base_(std::move(base)) {}
 
   /// The HTML results page.
@@ -43,6 +46,17 @@ Outcome decideOutcome(const std::vector<StepRecord>& steps,
 /// The baseline after saving a session: matching steps keep their baseline image, new and
 /// changed steps take the current one, and baseline steps beyond the session's are dropped.
 std::vector<BaselineStep> baselineAfterSave(const std::vector<StepRecord>& steps);
+
+/// The state of a step on the results page: the reviewer's "accepted" or "rejected" when there
+/// is a verdict, else "new" (no baseline image), "matched" or "mismatched".
+std::string stepState(const StepRecord& step, std::optional<bool> accepted);
+
+/// The status of a stopped test after its steps were reviewed (`reviews` maps positions to
+/// true for accepted). A rejected step fails the test. When something was accepted and every
+/// step that stood in the way of a pass (mismatched, new or missing) is accepted, the test
+/// passes. Otherwise the test keeps the status it stopped with.
+std::string reviewedStatus(const Outcome& outcome, const std::vector<StepRecord>& steps,
+                           const std::map<std::int64_t, bool>& reviews);
 
 /// The test-results document of a session; a session that still runs has the status "Running".
 Json resultsDocument(const SessionRecord& session, const OptString& batchName,

@@ -126,8 +126,8 @@ TEST(ResultsDocumentTest, CountsMatchesPerLevelAndListsMissingSteps) {
   EXPECT_EQ(d["duration"], 42);
   EXPECT_EQ(d["batchName"], "nightly");
   EXPECT_EQ(d["secretToken"], "t0k");
-  EXPECT_EQ(d["apiUrls"]["session"], "http://h:1/api/sessions/S1?accessToken=t0k");
-  EXPECT_EQ(d["appUrls"]["session"], "http://h:1/app/sessions/S1?accessToken=t0k");
+  EXPECT_EQ(d["apiUrls"]["session"], "http://h:1/api/sessions/S1");
+  EXPECT_EQ(d["appUrls"]["session"], "http://h:1/app/sessions/S1");
   EXPECT_EQ(d["accessibilityStatus"]["status"], "Failed");
   EXPECT_EQ(d["accessibilityStatus"]["level"], "AAA");
   EXPECT_EQ(d["defaultMatchSettings"]["matchLevel"], "Layout");
@@ -136,9 +136,8 @@ TEST(ResultsDocumentTest, CountsMatchesPerLevelAndListsMissingSteps) {
 
   ASSERT_EQ(d["stepsInfo"].size(), 8u);
   const Json& mismatch = d["stepsInfo"][5];
-  EXPECT_EQ(mismatch["apiUrls"]["diffImage"],
-            "http://h:1/api/sessions/S1/steps/6/diff.png?accessToken=t0k");
-  EXPECT_EQ(mismatch["appUrls"]["step"], "http://h:1/app/sessions/S1?accessToken=t0k#step-6");
+  EXPECT_EQ(mismatch["apiUrls"]["diffImage"], "http://h:1/api/sessions/S1/steps/6/diff.png");
+  EXPECT_EQ(mismatch["appUrls"]["step"], "http://h:1/app/sessions/S1#step-6");
   const Json& missing = d["stepsInfo"][7];
   EXPECT_EQ(missing["name"], "b7");
   EXPECT_EQ(missing["hasCurrentImage"], false);

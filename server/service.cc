@@ -7,11 +7,11 @@
 #include <cmath>
 #include <ctime>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <thread>
 
 #include <httplib.h>
-#include <openssl/crypto.h>
 
 #include "saffra/images/logger.h"
 #include "saffra/platform/exception.h"
@@ -22,8 +22,9 @@
 #include "server/match_settings.h"
 #include "server/matcher.h"
 #include "server/results_document.h"
-#include "server/results_page.h"
 #include "server/store.h"
+#include "server/web_access.h"
+#include "server/web_pages.h"
 
 namespace saffra::server {
 
@@ -111,16 +112,77 @@ bool queryFlag(const Request& req, const char* name) {
   throw RequestError(400, std::string(name) + " must be true or false");
 }
 
-bool sameSecret(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+/// A browser request for a page (or image) without credentials: it is sent to the login form.
+class LoginRequired : public std::exception {
+ public:
+  const char* what() const noexcept override { return "log in first"; }
+};
+
+bool accepts(const Request& req, std::string_view type) {
+  return req.get_header_value("Accept").find(type) != std::string::npos;
 }
 
-std::string newToken() {
-  std::string token = newUUIDString() + newUUIDString();
-  std::erase(token, '-');
-  std::transform(token.begin(), token.end(), token.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return token;
+/// The headers of every reply: pages load their script, style and images from the service
+/// only, are never framed, and never send their address (which may hold a key) elsewhere.
+void setSecurityHeaders(Response& res) {
+  if (res.has_header("Content-Security-Policy")) return;
+  res.set_header("Content-Security-Policy",
+                 "default-src 'none'; img-src 'self'; style-src 'self'; script-src 'self'; "
+                 "form-action 'self'; frame-ancestors 'none'; base-uri 'none'");
+  res.set_header("X-Frame-Options", "DENY");
+  res.set_header("Referrer-Policy", "no-referrer");
+  res.set_header("X-Content-Type-Options", "nosniff");
+}
+
+void replyHtml(Response& res, int status, const std::string& html) {
+  res.status = status;
+  res.set_header("Cache-Control", "no-store");
+  res.set_content(html, "text/html; charset=utf-8");
+}
+
+void redirect(Response& res, const std::string& location) {
+  res.status = 303;
+  res.set_header("Location", location);
+}
+
+/// The request's path and query without the API key, percent-encoded again: where a login
+/// returns to.
+std::string returnPath(const Request& req) {
+  std::string path;
+  std::size_t start = 0;
+  while (start <= req.path.size()) {
+    std::size_t slash = req.path.find('/', start);
+    path += percentEncode(req.path.substr(start, slash - start));
+    if (slash == std::string::npos) break;
+    path += '/';
+    start = slash + 1;
+  }
+  std::string query;
+  for (const auto& [name, value] : req.params) {
+    if (name == "apiKey") continue;
+    query += (query.empty() ? "?" : "&") + percentEncode(name) + "=" + percentEncode(value);
+  }
+  return path + query;
+}
+
+/// The fields of a form posted as application/x-www-form-urlencoded.
+httplib::Params formFields(const Request& req) {
+  httplib::Params fields;
+  if (req.get_header_value("Content-Type").rfind("application/x-www-form-urlencoded", 0) == 0) {
+    httplib::detail::parse_query_text(req.body, fields);
+  }
+  return fields;
+}
+
+std::string fieldAt(const httplib::Params& fields, const std::string& name) {
+  auto found = fields.find(name);
+  return found == fields.end() ? std::string() : found->second;
+}
+
+bool isForeign(const Request& req) {
+  return isForeignRequest({req.get_header_value("Host"), req.get_header_value("Origin"),
+                           req.get_header_value("Referer"),
+                           req.get_header_value("Sec-Fetch-Site")});
 }
 
 /// The identity of a baseline: application, test, environment and branch.
@@ -155,6 +217,7 @@ struct Service::Impl {
 
   ServiceOptions options;
   std::unique_ptr<Store> store;
+  Logins logins;
   httplib::Server http;
   std::thread thread;
   int boundPort = 0;
@@ -178,17 +241,35 @@ struct Service::Impl {
     if (!hasApiKey(req)) throw RequestError(401, "missing or unknown API key");
   }
 
-  /// The session a read request names, when it carries an API key or the session's token.
+  /// The login whose token the request's cookie carries.
+  std::optional<Logins::Login> loginOf(const Request& req) {
+    std::optional<std::string> token = cookieValue(req.get_header_value("Cookie"), kLoginCookie);
+    return token ? logins.find(*token) : std::nullopt;
+  }
+
+  /// Pages and images need an API key in the query or a login cookie. Browsers without either
+  /// are sent to the login form; other clients get 401.
+  void requireReader(const Request& req) {
+    if (hasApiKey(req) || loginOf(req)) return;
+    if (accepts(req, "text/html")) throw LoginRequired();
+    throw RequestError(401, "missing or unknown API key");
+  }
+
+  /// The login a page's forms belong to; a reader who came with the API key gets one (and its
+  /// cookie), so the page's images, links and forms work without the key.
+  Logins::Login pageLogin(const Request& req, Response& res) {
+    requireReader(req);
+    if (std::optional<Logins::Login> login = loginOf(req)) return *login;
+    Logins::Login login = logins.create();
+    res.set_header("Set-Cookie", loginCookie(login.token));
+    return login;
+  }
+
+  /// The session a read request names.
   SessionRecord readableSession(const Request& req, const std::string& idText) {
+    requireReader(req);
     std::string id = sessionIdFrom(idText);
-    bool byKey = hasApiKey(req);
-    if (!byKey && !req.has_param("accessToken")) {
-      throw RequestError(401, "missing or unknown API key");
-    }
     std::optional<SessionRecord> session = store->session(id);
-    if (!byKey && (!session || !sameSecret(session->token, req.get_param_value("accessToken")))) {
-      throw RequestError(401, "missing or unknown access token");
-    }
     if (!session) throw RequestError(404, "unknown session");
     return std::move(*session);
   }
@@ -259,7 +340,7 @@ struct Service::Impl {
     s.batchId = batch.id;
 
     s.id = newUUIDString();
-    s.token = newToken();
+    s.token = randomToken();
     s.startedAt = now();
     store->recordBatch(batch);
     store->insertSession(s);
@@ -326,6 +407,7 @@ struct Service::Impl {
     step.position = store->stepCount(id);
     step.tag = tag;
     step.matchLevel = matchLevelName(settings.matchLevel);
+    step.settings = objectAt(options, "imageMatchSettings");
     MatchOutcome outcome;
     std::optional<BaselineStep> baseline;
     if (session->baselineId) baseline = store->baselineStep(*session->baselineId, step.position);
@@ -395,12 +477,232 @@ struct Service::Impl {
   // GET /api/sessions/{id} and /app/sessions/{id}: the page, or the document for JSON clients.
   void sessionResults(const Request& req, Response& res, bool api) {
     SessionRecord session = readableSession(req, req.matches[1]);
-    Json document = documentFor(session, linksFor(req));
-    if (api && req.get_header_value("Accept").find("application/json") != std::string::npos) {
-      replyJson(res, 200, document);
-    } else {
-      res.set_content(renderResultsPage(document), "text/html; charset=utf-8");
+    if (api && accepts(req, "application/json")) {
+      replyJson(res, 200, documentFor(session, linksFor(req)));
+      return;
     }
+    Logins::Login login = pageLogin(req, res);
+    replyHtml(res, 200, renderTestPage(testView(session, login.csrf)));
+  }
+
+  /// A stored image as a page refers to it, with the size its PNG header declares.
+  ImageRef imageRef(const Links& links, const SessionRecord& session, std::int64_t number,
+                    std::string_view kind, const std::string& imageId) {
+    ImageRef ref{links.stepImage(session, number, kind)};
+    if (auto bytes = store->readImage(imageId)) {
+      if (auto size = declaredPngSize(*bytes)) {
+        ref.width = static_cast<std::int64_t>(std::min<std::uint64_t>(size->first, INT32_MAX));
+        ref.height = static_cast<std::int64_t>(std::min<std::uint64_t>(size->second, INT32_MAX));
+      }
+    }
+    return ref;
+  }
+
+  TestView testView(const SessionRecord& session, const std::string& csrf) {
+    Links links("");
+    TestView view;
+    view.document = documentFor(session, links);
+    view.csrf = csrf;
+    view.reviewable = session.outcome.has_value();
+    std::map<std::int64_t, bool> reviews = store->reviews(session.id);
+    auto verdict = [&](std::int64_t position) -> std::optional<bool> {
+      auto found = reviews.find(position);
+      return found == reviews.end() ? std::nullopt : std::optional<bool>(found->second);
+    };
+    for (const StepRecord& s : store->steps(session.id)) {
+      StepView step;
+      step.number = s.position + 1;
+      step.name = s.tag;
+      step.state = stepState(s, verdict(s.position));
+      step.matchLevel = s.matchLevel;
+      if (s.baselineImage) {
+        step.baseline = imageRef(links, session, step.number, "baseline", *s.baselineImage);
+      }
+      step.current = imageRef(links, session, step.number, "current", s.currentImage);
+      if (s.diffImage) step.diff = imageRef(links, session, step.number, "diff", *s.diffImage);
+      step.regions = regionsOf(MatchSettings::fromJson(s.settings));
+      view.steps.push_back(std::move(step));
+    }
+    if (session.outcome) {
+      for (const BaselineStep& m : session.outcome->missing) {
+        StepView step;
+        step.number = m.position + 1;
+        step.name = m.tag;
+        std::optional<bool> accepted = verdict(m.position);
+        step.state = accepted ? (*accepted ? "accepted" : "rejected") : "missing";
+        step.baseline = imageRef(links, session, step.number, "baseline", m.image);
+        view.steps.push_back(std::move(step));
+      }
+    }
+    return view;
+  }
+
+  // GET /, /app: the batch list.
+  void home(const Request&, Response& res) { redirect(res, "/app/batches"); }
+
+  // GET /app/static/{app.css|app.js}
+  void staticFile(const Request& req, Response& res) {
+    bool css = req.matches[1] == "app.css";
+    res.set_header("Cache-Control", "no-cache");
+    res.set_content(std::string(css ? pageStyleSheet() : pageScript()),
+                    css ? "text/css; charset=utf-8" : "text/javascript; charset=utf-8");
+  }
+
+  // GET /app/login?next=...
+  void loginForm(const Request& req, Response& res) {
+    replyHtml(res, 200,
+              renderLoginPage(localPathOr(req.get_param_value("next"), "/app/batches"), ""));
+  }
+
+  // POST /app/login with the form fields apiKey and next.
+  void login(const Request& req, Response& res) {
+    if (isForeign(req)) throw RequestError(403, "cross-site request refused");
+    httplib::Params fields = formFields(req);
+    std::string key = fieldAt(fields, "apiKey");
+    std::string next = localPathOr(fieldAt(fields, "next"), "/app/batches");
+    bool known = std::any_of(options.apiKeys.begin(), options.apiKeys.end(),
+                             [&](const std::string& k) { return sameSecret(k, key); });
+    if (!known) {
+      if (!accepts(req, "text/html")) throw RequestError(401, "missing or unknown API key");
+      replyHtml(res, 401, renderLoginPage(next, "Unknown API key."));
+      return;
+    }
+    Logins::Login login = logins.create();
+    res.set_header("Set-Cookie", loginCookie(login.token));
+    redirect(res, next);
+  }
+
+  // GET /app/batches
+  void batchList(const Request& req, Response& res) {
+    pageLogin(req, res);
+    std::vector<BatchRow> rows;
+    for (BatchRecord& batch : store->batches()) {
+      BatchRow row;
+      for (const SessionRecord& s : store->sessionsInBatch(batch.id)) {
+        ++row.tests;
+        std::string status = s.outcome ? s.outcome->status : "Running";
+        row.passed += status == "Passed";
+        row.unresolved += status == "Unresolved";
+        row.failed += status == "Failed";
+      }
+      row.batch = std::move(batch);
+      rows.push_back(std::move(row));
+    }
+    replyHtml(res, 200, renderBatchList(rows));
+  }
+
+  // GET /app/batches/{id}
+  void batchPage(const Request& req, Response& res) {
+    pageLogin(req, res);
+    std::optional<BatchRecord> batch = store->batch(req.matches[1]);
+    if (!batch) throw RequestError(404, "unknown batch");
+    std::vector<Json> tests;
+    for (const SessionRecord& s : store->sessionsInBatch(batch->id)) {
+      tests.push_back(resultsDocument(s, batch->name, store->steps(s.id), Links("")));
+    }
+    replyHtml(res, 200, renderBatchPage(*batch, tests));
+  }
+
+  /// Checks a review form: from this service's own pages, by a logged-in reader, with the
+  /// login's CSRF token.
+  void requireReviewForm(const Request& req) {
+    if (isForeign(req)) throw RequestError(403, "cross-site request refused");
+    std::optional<Logins::Login> login = loginOf(req);
+    if (!login) {
+      if (!hasApiKey(req)) requireReader(req);
+      throw RequestError(403, "missing or invalid CSRF token");
+    }
+    std::string csrf = fieldAt(formFields(req), "csrf");
+    if (csrf.empty() || !sameSecret(csrf, login->csrf)) {
+      throw RequestError(403, "missing or invalid CSRF token");
+    }
+  }
+
+  // POST /app/sessions/{id}/steps/{n}/{accept|reject} and POST /app/sessions/{id}/accept
+  void review(const Request& req, Response& res) {
+    requireReviewForm(req);
+    std::string id = sessionIdFrom(req.matches[1]);
+    bool all = req.matches.size() < 4;
+    std::int64_t number = 0;
+    bool accept = true;
+    if (!all) {
+      number = std::stoll(req.matches[2]);
+      accept = req.matches[3] == "accept";
+    }
+
+    std::lock_guard lock(lockFor(id));
+    std::optional<SessionRecord> session = store->session(id);
+    if (!session) throw RequestError(404, "unknown session");
+    if (!session->outcome) throw RequestError(409, "the session is still running");
+    std::vector<StepRecord> steps = store->steps(id);
+    std::map<std::int64_t, bool> reviews = store->reviews(id);
+
+    std::vector<StepReview> changes;
+    auto verdictOn = [&](std::int64_t position, bool accepted) {
+      for (const StepRecord& s : steps) {
+        if (s.position == position) {
+          StepReview r{position, accepted, std::nullopt};
+          if (accepted) r.newBaselineStep = BaselineStep{position, s.tag, s.currentImage};
+          changes.push_back(std::move(r));
+          return true;
+        }
+      }
+      for (const BaselineStep& m : session->outcome->missing) {
+        if (m.position == position) {
+          changes.push_back({position, accepted, std::nullopt});
+          return true;
+        }
+      }
+      return false;
+    };
+    if (all) {
+      // Everything that keeps the test from passing: changed, new and missing steps.
+      for (const StepRecord& s : steps) {
+        if (stepState(s, std::nullopt) != "matched") verdictOn(s.position, true);
+      }
+      for (const BaselineStep& m : session->outcome->missing) verdictOn(m.position, true);
+    } else if (number < 1 || !verdictOn(number - 1, accept)) {
+      throw RequestError(404, "unknown step");
+    }
+    for (const StepReview& r : changes) reviews[r.position] = r.accepted;
+    Outcome outcome = *session->outcome;
+    outcome.status = reviewedStatus(outcome, steps, reviews);
+    store->reviewSteps(id, changes, outcome);
+    Logger::logWithFormat("session %@ reviewed: %@", id, outcome.status);
+
+    if (!accepts(req, "application/json")) {
+      redirect(res, "/app/sessions/" + id + (all ? "" : "#step-" + std::to_string(number)));
+      return;
+    }
+    Json stepStates = Json::array();
+    for (const StepRecord& s : steps) {
+      auto found = reviews.find(s.position);
+      stepStates.push_back(
+          {{"step", s.position + 1},
+           {"status", stepState(s, found == reviews.end() ? std::nullopt
+                                                          : std::optional<bool>(found->second))}});
+    }
+    for (const BaselineStep& m : session->outcome->missing) {
+      auto found = reviews.find(m.position);
+      std::string state = found == reviews.end() ? "missing"
+                          : found->second        ? "accepted"
+                                                 : "rejected";
+      stepStates.push_back({{"step", m.position + 1}, {"status", state}});
+    }
+    Json reply{{"id", id}, {"status", outcome.status}};
+    if (!all) {
+      for (const Json& s : stepStates) {
+        if (s["step"] == number) reply["step"] = s;
+      }
+    }
+    reply["steps"] = std::move(stepStates);
+    replyJson(res, 200, reply);
+  }
+
+  // GET of a review address.
+  void reviewNeedsPost(const Request&, Response& res) {
+    res.set_header("Allow", "POST");
+    throw RequestError(405, "use POST");
   }
 
   // GET /api/sessions/{id}/steps/{n}/{baseline|current|diff}.png
@@ -434,8 +736,11 @@ struct Service::Impl {
   /// Runs a handler, turning refusals and failures into JSON error replies.
   httplib::Server::Handler guarded(void (Impl::*handler)(const Request&, Response&)) {
     return [this, handler](const Request& req, Response& res) {
+      setSecurityHeaders(res);
       try {
         (this->*handler)(req, res);
+      } catch (const LoginRequired&) {
+        redirect(res, "/app/login?next=" + percentEncode(returnPath(req)));
       } catch (const RequestError& e) {
         replyError(res, e.status(), e.what());
       } catch (const StoreError& e) {
@@ -458,12 +763,26 @@ struct Service::Impl {
              guarded(&Impl::stepImage));
     http.Get("/api/sessions/([^/]+)", guarded(&Impl::apiResults));
     http.Get("/app/sessions/([^/]+)", guarded(&Impl::appResults));
+    http.Get("/", guarded(&Impl::home));
+    http.Get("/app/?", guarded(&Impl::home));
+    http.Get("/app/static/(app\\.css|app\\.js)", guarded(&Impl::staticFile));
+    http.Get("/app/login", guarded(&Impl::loginForm));
+    http.Post("/app/login", guarded(&Impl::login));
+    http.Get("/app/batches/?", guarded(&Impl::batchList));
+    http.Get("/app/batches/(.+)", guarded(&Impl::batchPage));
+    const std::string stepReview = "/app/sessions/([^/]+)/steps/([0-9]{1,9})/(accept|reject)";
+    const std::string acceptAll = "/app/sessions/([^/]+)/accept";
+    http.Post(stepReview, guarded(&Impl::review));
+    http.Post(acceptAll, guarded(&Impl::review));
+    http.Get(stepReview, guarded(&Impl::reviewNeedsPost));
+    http.Get(acceptAll, guarded(&Impl::reviewNeedsPost));
 
     http.set_payload_max_length(options.maxBodyBytes);
     // Replies the server makes itself (no route, body too large) get a JSON error body too.
     // Refusals are logged here, before the reply goes out.
     http.set_error_handler(
         httplib::Server::HandlerWithResponse([this](const Request& req, Response& res) {
+          setSecurityHeaders(res);
           if (res.body.empty()) {
             std::string message =
                 res.status == 404 ? "not found"

@@ -210,10 +210,12 @@ class Harness {
   Reply closeBatch(const std::string& id) const {
     return send("DELETE", "/api/sessions/batches/" + id + "/close/bypointerid?apiKey=" + kApiKey);
   }
-  /// GET of an absolute address from a document.
-  Reply fetch(const std::string& url) const {
+  /// GET of an absolute address from a document, with the API key added.
+  Reply fetch(const std::string& url, const httplib::Headers& headers = {}) const {
     std::string prefix = "http://127.0.0.1:" + std::to_string(port());
-    return send("GET", url.rfind(prefix, 0) == 0 ? url.substr(prefix.size()) : url);
+    std::string target = url.rfind(prefix, 0) == 0 ? url.substr(prefix.size()) : url;
+    target += (target.find('?') == std::string::npos ? "?apiKey=" : "&apiKey=");
+    return send("GET", target + kApiKey, "", headers);
   }
 
   /// Runs one whole test: start, one match per image, stop. Returns the results document.

@@ -61,8 +61,25 @@ CREATE TABLE IF NOT EXISTS steps(
   as_expected INTEGER NOT NULL,
   match_level TEXT NOT NULL,
   accessibility TEXT,
+  settings TEXT,
+  PRIMARY KEY(session_id, position));
+CREATE TABLE IF NOT EXISTS reviews(
+  session_id TEXT NOT NULL REFERENCES sessions(id),
+  position INTEGER NOT NULL,
+  accepted INTEGER NOT NULL,
   PRIMARY KEY(session_id, position));
 )sql";
+
+// Columns added after the first release, with their definitions: a database that lacks one
+// gets it on open, so data survives upgrades.
+struct AddedColumn {
+  const char* table;
+  const char* column;
+  const char* definition;
+};
+constexpr AddedColumn kAddedColumns[] = {
+    {"steps", "settings", "settings TEXT"},
+};
 
 std::int64_t now() {
   return static_cast<std::int64_t>(std::time(nullptr));
@@ -239,14 +256,20 @@ Json outcomeJson(const Outcome& o) {
   for (const BaselineStep& m : o.missing) {
     missing.push_back({{"position", m.position}, {"tag", m.tag}, {"image", m.image}});
   }
-  return Json{{"status", o.status},           {"isAborted", o.isAborted},
-              {"isDifferent", o.isDifferent}, {"savedAsBaseline", o.savedAsBaseline},
-              {"stoppedAt", o.stoppedAt},     {"missing", std::move(missing)}};
+  return Json{{"status", o.status},
+              {"stoppedStatus", o.stoppedStatus},
+              {"isAborted", o.isAborted},
+              {"isDifferent", o.isDifferent},
+              {"savedAsBaseline", o.savedAsBaseline},
+              {"stoppedAt", o.stoppedAt},
+              {"missing", std::move(missing)}};
 }
 
 Outcome readOutcome(const Json& j) {
   Outcome o;
   o.status = stringAt(j, "status");
+  o.stoppedStatus = stringAt(j, "stoppedStatus");
+  if (o.stoppedStatus.empty()) o.stoppedStatus = o.status;
   o.isAborted = boolAt(j, "isAborted");
   o.isDifferent = boolAt(j, "isDifferent");
   o.savedAsBaseline = boolAt(j, "savedAsBaseline");
@@ -259,6 +282,24 @@ Outcome readOutcome(const Json& j) {
     }
   }
   return o;
+}
+
+constexpr const char* kSessionColumns =
+    "SELECT id, token, info, baseline_key, baseline_id, is_new, started_at, batch_id, outcome "
+    "FROM sessions";
+
+SessionRecord readSession(const Statement& s) {
+  SessionRecord r;
+  r.id = s.text(0);
+  r.token = s.text(1);
+  readSessionInfo(json::parse(s.text(2)).value_or(Json::object()), r);
+  r.baselineKey = s.text(3);
+  if (!s.isNull(4)) r.baselineId = s.integer(4);
+  r.isNew = s.integer(5) != 0;
+  r.startedAt = s.integer(6);
+  r.batchId = s.text(7);
+  if (!s.isNull(8)) r.outcome = readOutcome(json::parse(s.text(8)).value_or(Json::object()));
+  return r;
 }
 
 }  // namespace
@@ -285,6 +326,7 @@ Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "i
     sqlite3_busy_timeout(db_, 10000);
     exec(db_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
     exec(db_, kSchema);
+    migrate();
   } catch (...) {
     sqlite3_close(db_);
     db_ = nullptr;
@@ -294,6 +336,20 @@ Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "i
 
 Store::~Store() {
   sqlite3_close(db_);
+}
+
+void Store::migrate() {
+  for (const AddedColumn& added : kAddedColumns) {
+    bool present = false;
+    {
+      Statement s(db_, (std::string("PRAGMA table_info(") + added.table + ")").c_str());
+      while (s.step()) present = present || s.text(1) == added.column;
+    }
+    if (!present) {
+      exec(db_,
+           (std::string("ALTER TABLE ") + added.table + " ADD COLUMN " + added.definition).c_str());
+    }
+  }
 }
 
 fs::path Store::imagePath(const std::string& id) const {
@@ -393,29 +449,125 @@ void Store::insertSession(const SessionRecord& session) {
 
 std::optional<SessionRecord> Store::session(const std::string& id) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
-              "SELECT id, token, info, baseline_key, baseline_id, is_new, started_at, batch_id, "
-              "outcome FROM sessions WHERE id = ?");
+  Statement s(db_, (std::string(kSessionColumns) + " WHERE id = ?").c_str());
   s.bind(1, id);
   if (!s.step()) return std::nullopt;
-  SessionRecord r;
-  r.id = s.text(0);
-  r.token = s.text(1);
-  readSessionInfo(json::parse(s.text(2)).value_or(Json::object()), r);
-  r.baselineKey = s.text(3);
-  if (!s.isNull(4)) r.baselineId = s.integer(4);
-  r.isNew = s.integer(5) != 0;
-  r.startedAt = s.integer(6);
-  r.batchId = s.text(7);
-  if (!s.isNull(8)) r.outcome = readOutcome(json::parse(s.text(8)).value_or(Json::object()));
-  return r;
+  return readSession(s);
+}
+
+std::vector<SessionRecord> Store::sessionsInBatch(const std::string& batchId) {
+  std::lock_guard lock(mutex_);
+  Statement s(
+      db_,
+      (std::string(kSessionColumns) + " WHERE batch_id = ? ORDER BY started_at, rowid").c_str());
+  s.bind(1, batchId);
+  std::vector<SessionRecord> sessions;
+  while (s.step()) sessions.push_back(readSession(s));
+  return sessions;
+}
+
+std::vector<BatchRecord> Store::batches() {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "SELECT b.id, b.name, b.started_at, b.sequence_name, b.is_closed FROM batches b "
+              "ORDER BY (SELECT max(started_at) FROM sessions WHERE batch_id = b.id) DESC, "
+              "b.rowid DESC");
+  std::vector<BatchRecord> list;
+  while (s.step()) {
+    list.push_back({s.text(0), s.optText(1), s.optText(2), s.optText(3), s.integer(4) != 0});
+  }
+  return list;
+}
+
+std::map<std::int64_t, bool> Store::reviews(const std::string& sessionId) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_, "SELECT position, accepted FROM reviews WHERE session_id = ?");
+  s.bind(1, sessionId);
+  std::map<std::int64_t, bool> verdicts;
+  while (s.step()) verdicts[s.integer(0)] = s.integer(1) != 0;
+  return verdicts;
+}
+
+void Store::reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
+                        const Outcome& outcome) {
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  std::string key;
+  std::optional<std::int64_t> comparedWith;
+  {
+    Statement s(db_, "SELECT baseline_key, baseline_id FROM sessions WHERE id = ?");
+    s.bind(1, sessionId);
+    if (!s.step()) throw StoreError("unknown session " + sessionId);
+    key = s.text(0);
+    if (!s.isNull(1)) comparedWith = s.integer(1);
+  }
+  std::optional<std::int64_t> baselineId;
+  auto ensureBaseline = [&]() -> std::int64_t {
+    if (baselineId) return *baselineId;
+    {
+      Statement s(db_, "SELECT id FROM baselines WHERE key = ?");
+      s.bind(1, key);
+      if (s.step()) baselineId = s.integer(0);
+    }
+    if (!baselineId) {
+      Statement s(db_, "INSERT INTO baselines(key, updated_at) VALUES(?, ?) RETURNING id");
+      s.bind(1, key).bind(2, now());
+      if (!s.step()) throw StoreError("cannot create baseline");
+      baselineId = s.integer(0);
+      s.run();
+      if (comparedWith) {
+        Statement copy(db_,
+                       "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
+                       "SELECT ?, position, tag, image FROM baseline_steps WHERE baseline_id = ?");
+        copy.bind(1, *baselineId).bind(2, *comparedWith);
+        copy.run();
+      }
+    }
+    Statement touch(db_, "UPDATE baselines SET updated_at = ? WHERE id = ?");
+    touch.bind(1, now()).bind(2, *baselineId);
+    touch.run();
+    return *baselineId;
+  };
+  for (const StepReview& review : reviews) {
+    {
+      Statement s(db_,
+                  "INSERT INTO reviews(session_id, position, accepted) VALUES(?, ?, ?) "
+                  "ON CONFLICT(session_id, position) DO UPDATE SET accepted = excluded.accepted");
+      s.bind(1, sessionId).bind(2, review.position).bind(3, std::int64_t{review.accepted});
+      s.run();
+    }
+    if (!review.accepted) continue;
+    std::int64_t id = ensureBaseline();
+    if (review.newBaselineStep) {
+      Statement s(db_,
+                  "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
+                  "VALUES(?, ?, ?, ?) ON CONFLICT(baseline_id, position) "
+                  "DO UPDATE SET tag = excluded.tag, image = excluded.image");
+      s.bind(1, id)
+          .bind(2, review.position)
+          .bind(3, review.newBaselineStep->tag)
+          .bind(4, review.newBaselineStep->image);
+      s.run();
+    } else {
+      Statement s(db_, "DELETE FROM baseline_steps WHERE baseline_id = ? AND position = ?");
+      s.bind(1, id).bind(2, review.position);
+      s.run();
+    }
+  }
+  {
+    Statement s(db_, "UPDATE sessions SET outcome = ? WHERE id = ?");
+    s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
+    s.run();
+  }
+  transaction.commit();
 }
 
 std::vector<StepRecord> Store::steps(const std::string& sessionId) {
   std::lock_guard lock(mutex_);
   Statement s(db_,
               "SELECT position, tag, current_image, baseline_image, diff_image, as_expected, "
-              "match_level, accessibility FROM steps WHERE session_id = ? ORDER BY position");
+              "match_level, accessibility, settings FROM steps WHERE session_id = ? "
+              "ORDER BY position");
   s.bind(1, sessionId);
   std::vector<StepRecord> steps;
   while (s.step()) {
@@ -431,6 +583,10 @@ std::vector<StepRecord> Store::steps(const std::string& sessionId) {
       Json a = json::parse(s.text(7)).value_or(Json::object());
       r.accessibilityPassed = boolAt(a, "passed");
       r.accessibilityLevel = stringAt(a, "level");
+    }
+    if (!s.isNull(8)) {
+      std::optional<Json> settings = json::parse(s.text(8));
+      if (settings && settings->is_object()) r.settings = std::move(*settings);
     }
     steps.push_back(std::move(r));
   }
@@ -449,8 +605,8 @@ void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
   std::lock_guard lock(mutex_);
   Statement s(db_,
               "INSERT INTO steps(session_id, position, tag, current_image, baseline_image, "
-              "diff_image, as_expected, match_level, accessibility) "
-              "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)");
+              "diff_image, as_expected, match_level, accessibility, settings) "
+              "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   s.bind(1, sessionId)
       .bind(2, step.position)
       .bind(3, step.tag)
@@ -465,6 +621,7 @@ void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
   } else {
     s.bindNull(9);
   }
+  s.bind(10, json::write(step.settings));
   s.run();
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -46,7 +47,10 @@ struct BaselineStep {
 
 /// How a stopped session ended; written once, when it stops.
 struct Outcome {
-  std::string status;  // "Passed", "Unresolved" or "Failed"
+  /// "Passed", "Unresolved" or "Failed"; reviewing the steps may change it later.
+  std::string status;
+  /// The status the session stopped with, before any review.
+  std::string stoppedStatus;
   bool isAborted = false;
   bool isDifferent = false;
   bool savedAsBaseline = false;
@@ -88,6 +92,19 @@ struct StepRecord {
   /// The contrast check of the step's accessibility regions, when it had some.
   std::optional<bool> accessibilityPassed;
   std::string accessibilityLevel;
+  /// The step's matching settings as the client sent them (empty for steps stored before the
+  /// settings were kept).
+  Json settings = Json::object();
+};
+
+/// A reviewer's verdict on one step of a stopped session.
+struct StepReview {
+  std::int64_t position = 0;
+  bool accepted = false;
+  /// For an accepted step that has a current image: the image and tag that become the
+  /// baseline at `position`. Absent for an accepted missing step, whose baseline step is
+  /// dropped, and for rejections, which leave the baseline alone.
+  std::optional<BaselineStep> newBaselineStep;
 };
 
 /// The database and image folder under one data folder.
@@ -120,6 +137,17 @@ class Store {
   std::vector<StepRecord> steps(const std::string& sessionId);
   std::int64_t stepCount(const std::string& sessionId);
   void insertStep(const std::string& sessionId, const StepRecord& step);
+  /// Every batch, the one with the latest session first.
+  std::vector<BatchRecord> batches();
+  /// The sessions of a batch in the order they started.
+  std::vector<SessionRecord> sessionsInBatch(const std::string& batchId);
+  /// The verdicts given on a session's steps, by position: true for accepted.
+  std::map<std::int64_t, bool> reviews(const std::string& sessionId);
+  /// Records verdicts on steps of a stopped session and its new outcome in one transaction.
+  /// Accepted steps change the baseline under the session's baseline key; when there is none
+  /// yet it is created as a copy of the baseline the session was compared with (if any).
+  void reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
+                   const Outcome& outcome);
   /// Records the outcome and, when `newBaseline` is given, makes it the baseline under the
   /// session's baseline key, all in one transaction.
   void finishSession(const std::string& sessionId, const Outcome& outcome,
@@ -127,6 +155,8 @@ class Store {
 
  private:
   std::filesystem::path imagePath(const std::string& id) const;
+  /// Brings a database made by an earlier version up to the current schema.
+  void migrate();
 
   std::filesystem::path folder_;
   std::filesystem::path imageFolder_;

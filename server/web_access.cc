@@ -1,0 +1,157 @@
+#include "server/web_access.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <stdexcept>
+#include <vector>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+namespace saffra::server {
+
+namespace {
+
+std::string hex(const unsigned char* bytes, std::size_t size) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(size * 2);
+  for (std::size_t i = 0; i < size; ++i) {
+    text += kHex[bytes[i] >> 4];
+    text += kHex[bytes[i] & 15];
+  }
+  return text;
+}
+
+std::string sha256(const std::string& text) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int length = 0;
+  if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
+    throw std::runtime_error("cannot hash a login token");
+  }
+  return hex(digest.data(), length);
+}
+
+std::string_view trim(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+  return s;
+}
+
+/// "scheme://host[:port]" of an absolute URL, or "" when it has none.
+std::string originOf(std::string_view url) {
+  std::size_t scheme = url.find("://");
+  if (scheme == std::string_view::npos) return "";
+  std::size_t end = url.find_first_of("/?#", scheme + 3);
+  return std::string(url.substr(0, end));
+}
+
+std::string lower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+}  // namespace
+
+Logins::Logins(std::chrono::seconds lifetime, std::size_t capacity)
+    : lifetime_(lifetime), capacity_(std::max<std::size_t>(capacity, 1)) {}
+
+Logins::Login Logins::create() {
+  Login login{randomToken(), randomToken()};
+  auto now = std::chrono::steady_clock::now();
+  std::lock_guard lock(mutex_);
+  std::erase_if(entries_, [&](const auto& entry) { return entry.second.expires <= now; });
+  while (entries_.size() >= capacity_) {
+    auto oldest = std::min_element(
+        entries_.begin(), entries_.end(),
+        [](const auto& a, const auto& b) { return a.second.expires < b.second.expires; });
+    entries_.erase(oldest);
+  }
+  entries_[sha256(login.token)] = Entry{login.csrf, now + lifetime_};
+  return login;
+}
+
+std::optional<Logins::Login> Logins::find(const std::string& token) {
+  if (token.empty()) return std::nullopt;
+  std::string key = sha256(token);
+  std::lock_guard lock(mutex_);
+  auto found = entries_.find(key);
+  if (found == entries_.end()) return std::nullopt;
+  if (found->second.expires <= std::chrono::steady_clock::now()) {
+    entries_.erase(found);
+    return std::nullopt;
+  }
+  return Login{token, found->second.csrf};
+}
+
+std::string randomToken() {
+  std::array<unsigned char, 32> bytes{};
+  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
+    throw std::runtime_error("no random bytes for a token");
+  }
+  return hex(bytes.data(), bytes.size());
+}
+
+bool sameSecret(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
+std::optional<std::string> cookieValue(std::string_view header, std::string_view name) {
+  while (!header.empty()) {
+    std::size_t end = header.find(';');
+    std::string_view pair = trim(header.substr(0, end));
+    header = end == std::string_view::npos ? std::string_view() : header.substr(end + 1);
+    std::size_t equals = pair.find('=');
+    if (equals != std::string_view::npos && trim(pair.substr(0, equals)) == name) {
+      return std::string(trim(pair.substr(equals + 1)));
+    }
+  }
+  return std::nullopt;
+}
+
+std::string loginCookie(const std::string& token) {
+  return std::string(kLoginCookie) + "=" + token + "; Path=/; HttpOnly; SameSite=Strict";
+}
+
+std::string localPathOr(const std::string& next, const std::string& fallback) {
+  bool local = next.size() >= 1 && next.size() <= 2048 && next[0] == '/' &&
+               (next.size() == 1 || (next[1] != '/' && next[1] != '\\')) &&
+               std::none_of(next.begin(), next.end(), [](char c) {
+                 auto u = static_cast<unsigned char>(c);
+                 return u < 0x20 || u == 0x7f || c == '\\';
+               });
+  return local ? next : fallback;
+}
+
+bool isForeignRequest(const RequestSource& source) {
+  std::string site = lower(source.secFetchSite);
+  if (site == "cross-site") return true;
+  std::string own = "http://" + lower(source.host);
+  if (!source.origin.empty()) {
+    if (source.origin == "null") return site != "same-origin";
+    return lower(source.origin) != own;
+  }
+  if (!source.referer.empty()) return lower(originOf(source.referer)) != own;
+  return false;
+}
+
+std::string percentEncode(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (char c : text) {
+    auto u = static_cast<unsigned char>(c);
+    if (std::isalnum(u) || c == '-' || c == '_' || c == '.' || c == '~') {
+      out += c;
+    } else {
+      out += '%';
+      out += kHex[u >> 4];
+      out += kHex[u & 15];
+    }
+  }
+  return out;
+}
+
+}  // namespace saffra::server

@@ -1,0 +1,413 @@
+// The results pages over loopback: who may read them, who may review, what a review changes,
+// and that stored text never becomes markup.
+#include <sqlite3.h>
+
+#include <gtest/gtest.h>
+
+#include "server/service_test_support.h"
+#include "server/web_access.h"
+
+namespace saffra::server::testing {
+namespace {
+
+const std::vector<std::uint8_t> kPlain = solidPng(40, 30, kWhite);
+const std::vector<std::uint8_t> kMarked = solidPng(40, 30, kWhite, PixelRect{5, 5, 4, 4});
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+/// A reply with its headers, for redirects and cookies.
+struct Page {
+  int status = 0;
+  std::string body;
+  httplib::Headers headers;
+  std::string header(const std::string& name) const {
+    auto found = headers.find(name);
+    return found == headers.end() ? "" : found->second;
+  }
+};
+
+/// A browser-like client: it keeps the login cookie and sends Accept: text/html.
+class Browser {
+ public:
+  explicit Browser(const Harness& harness) : harness_(harness) {}
+
+  std::string origin() const { return "http://127.0.0.1:" + std::to_string(harness_.port()); }
+
+  Page get(const std::string& target, httplib::Headers headers = {}) const {
+    headers.emplace("Accept", "text/html,application/xhtml+xml");
+    if (!cookie_.empty()) headers.emplace("Cookie", cookie_);
+    return toPage(client().Get(target.c_str(), headers));
+  }
+
+  Page post(const std::string& target, const std::string& form, httplib::Headers headers = {},
+            bool withCookie = true) const {
+    if (!headers.count("Accept")) headers.emplace("Accept", "text/html");
+    if (withCookie && !cookie_.empty()) headers.emplace("Cookie", cookie_);
+    return toPage(
+        client().Post(target.c_str(), headers, form, "application/x-www-form-urlencoded"));
+  }
+
+  /// Logs in with the form; returns the reply.
+  Page logIn(const std::string& key, const std::string& next = "/app/batches") {
+    Page reply = post("/app/login", "apiKey=" + percentEncode(key) + "&next=" + percentEncode(next),
+                      {{"Origin", origin()}, {"Sec-Fetch-Site", "same-origin"}});
+    std::string setCookie = reply.header("Set-Cookie");
+    if (!setCookie.empty()) cookie_ = setCookie.substr(0, setCookie.find(';'));
+    return reply;
+  }
+
+  /// The CSRF token that the forms of a test page carry.
+  std::string csrfOf(const std::string& sessionId) const {
+    std::string html = get("/app/sessions/" + sessionId).body;
+    std::string marker = "name=\"csrf\" value=\"";
+    std::size_t at = html.find(marker);
+    if (at == std::string::npos) return "";
+    at += marker.size();
+    return html.substr(at, html.find('"', at) - at);
+  }
+
+  /// A review as the page's form sends it.
+  Page review(const std::string& path, const std::string& csrf, httplib::Headers headers = {}) {
+    if (!headers.count("Origin") && !headers.count("Referer")) headers.emplace("Origin", origin());
+    if (!headers.count("Sec-Fetch-Site")) headers.emplace("Sec-Fetch-Site", "same-origin");
+    return post(path, "csrf=" + csrf, std::move(headers));
+  }
+
+  const std::string& cookie() const { return cookie_; }
+
+ private:
+  httplib::Client client() const {
+    httplib::Client c("127.0.0.1", harness_.port());
+    c.set_read_timeout(30, 0);
+    return c;
+  }
+  static Page toPage(const httplib::Result& result) {
+    Page page;
+    if (!result) return page;
+    page.status = result->status;
+    page.body = result->body;
+    page.headers = result->headers;
+    return page;
+  }
+
+  const Harness& harness_;
+  std::string cookie_;
+};
+
+class WebTest : public ::testing::Test {
+ protected:
+  /// A saved two-step test and a rerun whose second step changed (Unresolved).
+  std::string changedSession() {
+    harness_.runTest(test_, {kPlain, kPlain}, true);
+    std::string id = harness_.start(test_).body["id"];
+    harness_.match(id, matchBody(kPlain, "first"));
+    harness_.match(id, matchBody(kMarked, "second"));
+    EXPECT_EQ(harness_.stop(id, false, false).body["status"], "Unresolved");
+    return id;
+  }
+
+  Json results(const std::string& id) const {
+    return harness_.fetch("/api/sessions/" + id, {{"Accept", "application/json"}}).body;
+  }
+
+  TempFolder folder_;
+  Harness harness_{folder_.path()};
+  SessionSpec test_;
+  Browser browser_{harness_};
+};
+
+TEST_F(WebTest, PagesNeedAKeyOrALogin) {
+  std::string id = changedSession();
+  std::string image = "/api/sessions/" + id + "/steps/2/current.png";
+
+  // Browsers without credentials go to the login form, which returns them where they were.
+  for (const std::string& target :
+       std::vector<std::string>{"/app/batches", "/app/sessions/" + id + "?x=1",
+                                "/app/sessions/" + id + "?apiKey=nope"}) {
+    Page page = browser_.get(target);
+    EXPECT_EQ(page.status, 303) << target;
+    std::string back = target.substr(0, target.find("?apiKey"));
+    // (the client decodes Location; on the wire `next` is percent-encoded)
+    EXPECT_EQ(page.header("Location"), "/app/login?next=" + back) << target;
+  }
+  // Other clients get a JSON error.
+  Reply image401 = harness_.send("GET", image);
+  EXPECT_EQ(image401.status, 401);
+  EXPECT_TRUE(image401.body.contains("error"));
+
+  EXPECT_EQ(browser_.logIn("wrong").status, 401);
+  EXPECT_TRUE(browser_.cookie().empty());
+  Page loggedIn = browser_.logIn(kApiKey, "/app/sessions/" + id);
+  EXPECT_EQ(loggedIn.status, 303);
+  EXPECT_EQ(loggedIn.header("Location"), "/app/sessions/" + id);
+  std::string setCookie = loggedIn.header("Set-Cookie");
+  EXPECT_TRUE(contains(setCookie, "HttpOnly")) << setCookie;
+  EXPECT_TRUE(contains(setCookie, "SameSite=Strict")) << setCookie;
+  EXPECT_FALSE(contains(setCookie, kApiKey)) << setCookie;
+
+  // The cookie opens pages and images; the pages carry the protective headers.
+  Page page = browser_.get("/app/sessions/" + id);
+  EXPECT_EQ(page.status, 200);
+  EXPECT_TRUE(contains(page.header("Content-Security-Policy"), "default-src 'none'"));
+  EXPECT_FALSE(contains(page.header("Content-Security-Policy"), "unsafe-inline"));
+  EXPECT_EQ(page.header("X-Frame-Options"), "DENY");
+  EXPECT_EQ(page.header("Referrer-Policy"), "no-referrer");
+  EXPECT_EQ(browser_.get(image).status, 200);
+  EXPECT_EQ(browser_.get("/app/batches").status, 200);
+  EXPECT_EQ(browser_.get("/").header("Location"), "/app/batches");
+
+  // A forged or stale cookie is no login.
+  EXPECT_EQ(harness_.send("GET", image, "", {{"Cookie", "saffra_login=0123abcd"}}).status, 401);
+}
+
+TEST_F(WebTest, LoginFollowsOnlyLocalPaths) {
+  for (const char* next : {"//evil.example/x", "https://evil.example/", "/\\evil.example",
+                           "evil.example", "/app\r\nSet-Cookie: a=b", ""}) {
+    Browser browser(harness_);
+    Page reply = browser.logIn(kApiKey, next);
+    EXPECT_EQ(reply.status, 303) << next;
+    EXPECT_EQ(reply.header("Location"), "/app/batches") << next;
+  }
+  EXPECT_TRUE(contains(browser_.get("/app/login?next=//evil.example").body,
+                       "name=\"next\" value=\"/app/batches\""));
+}
+
+TEST_F(WebTest, ReviewsFromElsewhereAreRefusedAndChangeNothing) {
+  std::string id = changedSession();
+  browser_.logIn(kApiKey);
+  std::string csrf = browser_.csrfOf(id);
+  ASSERT_EQ(csrf.size(), 64u);
+  std::string accept = "/app/sessions/" + id + "/steps/2/accept";
+  std::string foreign = "http://evil.example";
+  Browser other(harness_);
+  other.logIn(kApiKey);
+
+  struct Case {
+    const char* label;
+    std::string path, token;
+    httplib::Headers headers;
+  };
+  std::vector<Case> cases = {
+      {"no token", accept, "", {}},
+      {"wrong token", accept, std::string(64, 'a'), {}},
+      {"token of another login", accept, other.csrfOf(id), {}},
+      {"foreign origin", accept, csrf, {{"Origin", foreign}}},
+      {"foreign referer", accept, csrf, {{"Referer", foreign + "/page"}}},
+      {"cross-site fetch", accept, csrf, {{"Sec-Fetch-Site", "cross-site"}}},
+      {"opaque origin from another site",
+       accept,
+       csrf,
+       {{"Origin", "null"}, {"Sec-Fetch-Site", "same-site"}}},
+      {"accept all without token", "/app/sessions/" + id + "/accept", "", {}},
+      {"reject with foreign origin",
+       "/app/sessions/" + id + "/steps/2/reject",
+       csrf,
+       {{"Origin", foreign}}},
+  };
+  for (const Case& c : cases) {
+    Page reply = browser_.review(c.path, c.token, c.headers);
+    EXPECT_EQ(reply.status, 403) << c.label;
+    EXPECT_TRUE(json::parse(reply.body).value_or(Json()).contains("error")) << c.label;
+  }
+  // A key instead of a login cannot review either: there is no token to match.
+  Page byKey = browser_.post(accept + "?apiKey=" + kApiKey, "csrf=" + csrf, {}, false);
+  EXPECT_EQ(byKey.status, 403);
+
+  EXPECT_EQ(results(id)["status"], "Unresolved");
+  EXPECT_EQ(harness_.runTest(test_, {kPlain, kMarked}, false)["status"], "Unresolved");
+  // Our own page's form (opaque origin under no-referrer, but same-origin) goes through.
+  Page own = browser_.review(accept, csrf, {{"Origin", "null"}});
+  EXPECT_EQ(own.status, 303);
+  EXPECT_EQ(own.header("Location"), "/app/sessions/" + id + "#step-2");
+}
+
+TEST_F(WebTest, AcceptingAChangeMakesTheNextRunPass) {
+  std::string id = changedSession();
+  browser_.logIn(kApiKey);
+  std::string csrf = browser_.csrfOf(id);
+
+  Page reply = browser_.review("/app/sessions/" + id + "/steps/2/accept", csrf,
+                               {{"Accept", "application/json"}});
+  ASSERT_EQ(reply.status, 200) << reply.body;
+  Json body = json::parse(reply.body).value_or(Json());
+  EXPECT_EQ(body["status"], "Passed");
+  EXPECT_EQ(body["step"], Json({{"step", 2}, {"status", "accepted"}}));
+  EXPECT_EQ(results(id)["status"], "Passed");
+  std::string page = browser_.get("/app/sessions/" + id).body;
+  EXPECT_TRUE(contains(page, "id=\"test-status\" class=\"status Passed\">Passed<"));
+  EXPECT_TRUE(contains(page, "data-step=\"2\" data-status=\"accepted\""));
+
+  std::vector<bool> verdicts;
+  EXPECT_EQ(harness_.runTest(test_, {kPlain, kMarked}, false, &verdicts)["status"], "Passed");
+  EXPECT_EQ(verdicts, std::vector<bool>({true, true}));
+}
+
+TEST_F(WebTest, RejectFailsTheTestAndAcceptAllPassesIt) {
+  std::string id = changedSession();
+  browser_.logIn(kApiKey);
+  std::string csrf = browser_.csrfOf(id);
+  std::string base = "/app/sessions/" + id;
+
+  EXPECT_EQ(browser_.review(base + "/steps/2/reject", csrf).status, 303);
+  EXPECT_EQ(results(id)["status"], "Failed");
+  EXPECT_TRUE(contains(browser_.get(base).body, "data-step=\"2\" data-status=\"rejected\""));
+  EXPECT_EQ(harness_.runTest(test_, {kPlain, kMarked}, false)["status"], "Unresolved");
+
+  EXPECT_EQ(browser_.review(base + "/accept", csrf).header("Location"), base);
+  EXPECT_EQ(results(id)["status"], "Passed");
+  EXPECT_EQ(harness_.runTest(test_, {kPlain, kMarked}, false)["status"], "Passed");
+
+  // Wrong step, wrong method, unknown session: JSON errors.
+  EXPECT_EQ(browser_.review(base + "/steps/3/accept", csrf).status, 404);
+  EXPECT_EQ(browser_.review(base + "/steps/0/reject", csrf).status, 404);
+  EXPECT_EQ(browser_.get(base + "/steps/1/accept").status, 405);
+  EXPECT_EQ(browser_.review("/app/sessions/ABC-1/accept", csrf).status, 404);
+}
+
+TEST_F(WebTest, AcceptAllOfANewTestCreatesItsBaseline) {
+  Json first = harness_.runTest(test_, {kPlain, kMarked}, false);
+  std::string id = first["id"];
+  EXPECT_EQ(first["status"], "Unresolved");
+  browser_.logIn(kApiKey);
+  std::string csrf = browser_.csrfOf(id);
+
+  // A running session cannot be reviewed yet.
+  std::string running = harness_.start(test_).body["id"];
+  EXPECT_EQ(browser_.review("/app/sessions/" + running + "/accept", csrf).status, 409);
+  harness_.stop(running, true, false);
+
+  EXPECT_EQ(browser_.review("/app/sessions/" + id + "/accept", csrf).status, 303);
+  EXPECT_EQ(results(id)["status"], "Passed");
+  EXPECT_EQ(harness_.start(test_).status, 200);
+  EXPECT_EQ(harness_.runTest(test_, {kPlain, kMarked}, false)["status"], "Passed");
+}
+
+TEST_F(WebTest, PagesShowTheMarkupHooksAndEscapeStoredText) {
+  SessionSpec hostile = test_;
+  hostile.app = "<script>alert(1)</script>";
+  hostile.name = "\"><img src=x onerror=alert(2)>";
+  hostile.batchName = "<b>batch</b>";
+  hostile.batchId = "id/with \"quotes\"";
+  harness_.runTest(hostile, {kPlain}, true);
+  std::string id = harness_.start(hostile).body["id"];
+  Json settings = wireSettings("Strict", Json::array({region(25, 20, 10, 8)}));
+  settings["Floating"] = Json::array({{{"left", 20},
+                                       {"top", 5},
+                                       {"width", 10},
+                                       {"height", 10},
+                                       {"maxUpOffset", 2},
+                                       {"maxDownOffset", 2},
+                                       {"maxLeftOffset", 2},
+                                       {"maxRightOffset", 2}}});
+  harness_.match(id, matchBody(kMarked, "<i>tag</i>", false, settings));
+  harness_.stop(id, false, false);
+  browser_.logIn(kApiKey);
+
+  std::string batches = browser_.get("/app/batches").body;
+  std::string batch = browser_.get("/app/batches/" + percentEncode(hostile.batchId)).body;
+  std::string page = browser_.get("/app/sessions/" + id).body;
+  for (const std::string* html : {&batches, &batch, &page}) {
+    EXPECT_FALSE(contains(*html, "<script>alert")) << *html;
+    EXPECT_FALSE(contains(*html, "<img src=x")) << *html;
+    EXPECT_FALSE(contains(*html, "<b>batch")) << *html;
+    EXPECT_FALSE(contains(*html, "<i>tag")) << *html;
+  }
+  EXPECT_TRUE(contains(batches, "<table id=\"batches\">"));
+  EXPECT_TRUE(contains(batches, "class=\"batch-link\""));
+  EXPECT_TRUE(contains(batches, "&lt;b&gt;batch&lt;/b&gt;"));
+  EXPECT_TRUE(contains(batch, "<tr class=\"test\" data-status=\"Unresolved\">"));
+  EXPECT_TRUE(contains(batch, "class=\"test-link\" href=\"/app/sessions/" + id + "\""));
+  EXPECT_TRUE(contains(page, "&lt;script&gt;alert(1)&lt;/script&gt;"));
+  EXPECT_TRUE(contains(page, "data-step=\"1\" data-status=\"mismatched\""));
+  for (const char* hook :
+       {"<img class=\"baseline\"", "<img class=\"current\"", "<img class=\"diff\"",
+        "id=\"accept-all\"", "class=\"accept\"", "class=\"reject\"", "id=\"view-toggle\""}) {
+    EXPECT_TRUE(contains(page, hook)) << hook;
+  }
+  // The step's regions are drawn over its current image in image pixels.
+  EXPECT_TRUE(contains(page, "data-kind=\"ignore\"><rect x=\"25\" y=\"20\" width=\"10\""));
+  EXPECT_TRUE(contains(page, "data-kind=\"floating\"><rect x=\"20\" y=\"5\""));
+  EXPECT_TRUE(contains(page, "viewBox=\"0 0 40 30\""));
+}
+
+// A database as the first release wrote it: no step settings, no reviews.
+constexpr const char* kFirstSchema = R"sql(
+CREATE TABLE batches(id TEXT PRIMARY KEY, name TEXT, started_at TEXT, sequence_name TEXT,
+  is_closed INTEGER NOT NULL DEFAULT 0, closed_at INTEGER);
+CREATE TABLE baselines(id INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE,
+  updated_at INTEGER NOT NULL);
+CREATE TABLE baseline_steps(baseline_id INTEGER NOT NULL REFERENCES baselines(id),
+  position INTEGER NOT NULL, tag TEXT NOT NULL, image TEXT NOT NULL,
+  PRIMARY KEY(baseline_id, position));
+CREATE TABLE sessions(id TEXT PRIMARY KEY, token TEXT NOT NULL, info TEXT NOT NULL,
+  baseline_key TEXT NOT NULL, baseline_id INTEGER, is_new INTEGER NOT NULL,
+  started_at INTEGER NOT NULL, batch_id TEXT NOT NULL, outcome TEXT);
+CREATE TABLE steps(session_id TEXT NOT NULL REFERENCES sessions(id), position INTEGER NOT NULL,
+  tag TEXT NOT NULL, current_image TEXT NOT NULL, baseline_image TEXT, diff_image TEXT,
+  as_expected INTEGER NOT NULL, match_level TEXT NOT NULL, accessibility TEXT,
+  PRIMARY KEY(session_id, position));
+INSERT INTO batches(id, name) VALUES('OLD', 'old batch');
+INSERT INTO sessions VALUES('OLD-1', 'tok', '{"appName":"Legacy","testName":"home"}', 'k', NULL,
+  1, 1700000000, 'OLD', '{"status":"Unresolved","missing":[]}');
+INSERT INTO steps VALUES('OLD-1', 0, 'start', 'ab', NULL, NULL, 1, 'Strict', NULL);
+)sql";
+
+TEST(WebMigration, AnOldDatabaseIsUpgradedAndKeepsItsData) {
+  TempFolder folder;
+  {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((folder.path() / "saffra.db").c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, kFirstSchema, nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+  }
+  Harness harness(folder.path());
+  Browser browser(harness);
+  browser.logIn(kApiKey);
+  Page page = browser.get("/app/sessions/OLD-1");
+  EXPECT_EQ(page.status, 200);
+  EXPECT_TRUE(contains(page.body, "Legacy / home"));
+  EXPECT_TRUE(contains(page.body, "data-step=\"1\" data-status=\"new\""));
+  EXPECT_TRUE(contains(browser.get("/app/batches").body, "old batch"));
+
+  // The old session can be reviewed, and new steps keep their settings.
+  EXPECT_EQ(browser.review("/app/sessions/OLD-1/steps/1/reject", browser.csrfOf("OLD-1")).status,
+            303);
+  EXPECT_EQ(harness.fetch("/api/sessions/OLD-1", {{"Accept", "application/json"}}).body["status"],
+            "Failed");
+  std::string id = harness.start(SessionSpec{}).body["id"];
+  harness.match(
+      id, matchBody(kPlain, "a", false, wireSettings("Strict", Json::array({region(1, 1, 5, 5)}))));
+  harness.stop(id, false, false);
+  EXPECT_TRUE(contains(browser.get("/app/sessions/" + id).body, "data-kind=\"ignore\""));
+}
+
+TEST(WebAccess, RequestSourcesAndReturnPaths) {
+  struct SourceCase {
+    RequestSource source;
+    bool foreign;
+  };
+  const std::string host = "127.0.0.1:7600";
+  for (const auto& [source, foreign] : std::vector<SourceCase>{
+           {{host, "", "", ""}, false},
+           {{host, "http://127.0.0.1:7600", "", "same-origin"}, false},
+           {{host, "HTTP://127.0.0.1:7600", "", ""}, false},
+           {{host, "", "http://127.0.0.1:7600/app/sessions/x?apiKey=k", ""}, false},
+           {{host, "http://127.0.0.1:7601", "", ""}, true},
+           {{host, "https://127.0.0.1:7600", "", ""}, true},
+           {{host, "", "http://127.0.0.1:7600.evil.example/", ""}, true},
+           {{host, "", "", "cross-site"}, true},
+           {{host, "http://127.0.0.1:7600", "", "cross-site"}, true},
+           {{host, "null", "", ""}, true},
+           {{host, "null", "", "same-origin"}, false},
+       }) {
+    EXPECT_EQ(isForeignRequest(source), foreign)
+        << source.origin << " | " << source.referer << " | " << source.secFetchSite;
+  }
+  EXPECT_EQ(cookieValue("a=1; saffra_login=xyz ;b=2", "saffra_login"), "xyz");
+  EXPECT_EQ(cookieValue("xsaffra_login=1", "saffra_login"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace saffra::server::testing
