@@ -80,9 +80,10 @@ class BrowserTest : public ::testing::Test {
   void SetUp() override {
     if (isSet("SAFFRA_SKIP_BROWSER_TESTS")) GTEST_SKIP() << "SAFFRA_SKIP_BROWSER_TESTS=1";
     std::string missing = missingPrerequisite();
-    ASSERT_TRUE(missing.empty()) << missing
-                                 << ": run scripts/setup to install the browser tests' tools "
-                                    "(or set SAFFRA_SKIP_BROWSER_TESTS=1 to skip them)";
+    if (!missing.empty()) {
+      GTEST_FAIL() << missing << ": run scripts/setup to install the browser tests' tools (or "
+                   << "set SAFFRA_SKIP_BROWSER_TESTS=1 to skip them)";
+    }
     fs::create_directories(work_);
     server::ServiceOptions options;
     options.dataFolder = work_ / "data";
