@@ -115,7 +115,13 @@ bool queryFlag(const Request& req, const char* name) {
 /// A browser request for a page (or image) without credentials: it is sent to the login form.
 class LoginRequired : public std::exception {
  public:
+  /// `next`: where the login returns to; empty for the request's own address.
+  explicit LoginRequired(std::string next = "") : next_(std::move(next)) {}
   const char* what() const noexcept override { return "log in first"; }
+  const std::string& next() const { return next_; }
+
+ private:
+  std::string next_;
 };
 
 bool accepts(const Request& req, std::string_view type) {
@@ -249,9 +255,9 @@ struct Service::Impl {
 
   /// Pages and images need an API key in the query or a login cookie. Browsers without either
   /// are sent to the login form; other clients get 401.
-  void requireReader(const Request& req) {
+  void requireReader(const Request& req, const std::string& next = "") {
     if (hasApiKey(req) || loginOf(req)) return;
-    if (accepts(req, "text/html")) throw LoginRequired();
+    if (accepts(req, "text/html")) throw LoginRequired(next);
     throw RequestError(401, "missing or unknown API key");
   }
 
@@ -605,11 +611,12 @@ struct Service::Impl {
 
   /// Checks a review form: from this service's own pages, by a logged-in reader, with the
   /// login's CSRF token.
-  void requireReviewForm(const Request& req) {
+  void requireReviewForm(const Request& req, const std::string& sessionId) {
     if (isForeign(req)) throw RequestError(403, "cross-site request refused");
     std::optional<Logins::Login> login = loginOf(req);
     if (!login) {
-      if (!hasApiKey(req)) requireReader(req);
+      // A browser whose login expired logs in again and returns to the test page.
+      if (!hasApiKey(req)) requireReader(req, "/app/sessions/" + sessionId);
       throw RequestError(403, "missing or invalid CSRF token");
     }
     std::string csrf = fieldAt(formFields(req), "csrf");
@@ -620,8 +627,8 @@ struct Service::Impl {
 
   // POST /app/sessions/{id}/steps/{n}/{accept|reject} and POST /app/sessions/{id}/accept
   void review(const Request& req, Response& res) {
-    requireReviewForm(req);
     std::string id = sessionIdFrom(req.matches[1]);
+    requireReviewForm(req, id);
     bool all = req.matches.size() < 4;
     std::int64_t number = 0;
     bool accept = true;
@@ -739,8 +746,9 @@ struct Service::Impl {
       setSecurityHeaders(res);
       try {
         (this->*handler)(req, res);
-      } catch (const LoginRequired&) {
-        redirect(res, "/app/login?next=" + percentEncode(returnPath(req)));
+      } catch (const LoginRequired& e) {
+        std::string next = e.next().empty() ? returnPath(req) : e.next();
+        redirect(res, "/app/login?next=" + percentEncode(next));
       } catch (const RequestError& e) {
         replyError(res, e.status(), e.what());
       } catch (const StoreError& e) {

@@ -3,9 +3,30 @@
 // data folder, and serves the results pages and stored images. Tests start it in-process on a
 // free loopback port; `saffra serve` runs it from the command line.
 //
-// Every request needs one of the configured API keys in the query (apiKey=...). A session's
-// page and images are also readable with the session's access token (accessToken=..., the
-// results' secret token), which the addresses in its results document carry.
+// Protocol requests need one of the configured API keys in the query (apiKey=...).
+//
+// Results pages (all under /app; / and /app lead to /app/batches):
+//   GET  /app/batches                      batches, newest first
+//   GET  /app/batches/{batchId}            the batch's tests
+//   GET  /app/sessions/{id}                one test: steps, images, regions, review buttons
+//   GET  /app/login?next=/path             login form; POST /app/login (apiKey, next) logs in
+//   POST /app/sessions/{id}/steps/{n}/accept | reject, POST /app/sessions/{id}/accept (all)
+// Pages, images (/api/sessions/{id}/steps/{n}/{baseline,current,diff}.png) and the results
+// document (GET /api/sessions/{id} with Accept: application/json) need an API key in the query
+// or a login cookie. The cookie holds a random login token kept in memory (a restart logs
+// everyone out), never the key. A page opened with the key also sets that cookie so its images
+// and forms work. Browsers (Accept: text/html) without either are redirected to the login form,
+// other clients get 401. The session's secret token, which the results still report, grants
+// nothing: pages are for holders of an API key only, so the addresses in the results carry no
+// credentials.
+//
+// Reviews are form posts that must come from the service's own pages: they need the login's
+// CSRF token (hidden field "csrf") and are refused with 403 when Sec-Fetch-Site is cross-site
+// or Origin (else Referer) names another origin. Accepting a step makes its current image the
+// baseline at that position (creating the baseline of a new test); rejecting marks it failed.
+// A rejected step fails the test; once every changed, new or missing step is accepted the test
+// passes. A review replies 303 to the test page, or JSON with the new statuses when the client
+// accepts application/json.
 #pragma once
 
 #include <cstddef>

@@ -214,6 +214,10 @@ TEST_F(WebTest, ReviewsFromElsewhereAreRefusedAndChangeNothing) {
   // A key instead of a login cannot review either: there is no token to match.
   Page byKey = browser_.post(accept + "?apiKey=" + kApiKey, "csrf=" + csrf, {}, false);
   EXPECT_EQ(byKey.status, 403);
+  // Without a login at all, a browser is sent to log in and back to the test page.
+  Page loggedOut = browser_.post(accept, "csrf=" + csrf, {}, false);
+  EXPECT_EQ(loggedOut.status, 303);
+  EXPECT_EQ(loggedOut.header("Location"), "/app/login?next=/app/sessions/" + id);
 
   EXPECT_EQ(results(id)["status"], "Unresolved");
   EXPECT_EQ(harness_.runTest(test_, {kPlain, kMarked}, false)["status"], "Unresolved");

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <httplib.h>
+
 #include "saffra/platform/uuid.h"
 #include "saffra/saffra.h"
 #include "server/service.h"
@@ -228,6 +230,44 @@ TEST_F(ServiceEndToEndTest, BaselinesSurviveARestart) {
   EXPECT_FALSE(rerun.newSession);
   EXPECT_EQ(rerun.checks, std::vector<bool>{true});
   EXPECT_EQ(rerun.results->status(), TestResultsStatusPassed);
+}
+
+// A person opens the results page the library reports, logs in and accepts the change: the
+// next run of the same test passes.
+TEST_F(ServiceEndToEndTest, AChangeAcceptedOnTheResultsPagePassesNextTime) {
+  runImages({basePage().image()});
+  auto changed = basePage().fill(66, 20, 22, 12, kRed).image();
+  Run run = runImages({changed});
+  ASSERT_TRUE(run.results && run.results->url());
+  EXPECT_EQ(run.results->status(), TestResultsStatusUnresolved);
+  std::string page = run.results->url()->substr(service_->url().size());
+
+  httplib::Client browser("127.0.0.1", service_->port());
+  httplib::Headers html = {{"Accept", "text/html"}};
+  auto redirected = browser.Get(page.c_str(), html);
+  ASSERT_TRUE(redirected);
+  EXPECT_EQ(redirected->status, 303);
+  auto login = browser.Post("/app/login", html, "apiKey=key&next=" + page,
+                            "application/x-www-form-urlencoded");
+  ASSERT_TRUE(login);
+  EXPECT_EQ(login->get_header_value("Location"), page);
+  std::string cookie = login->get_header_value("Set-Cookie");
+  html.emplace("Cookie", cookie.substr(0, cookie.find(';')));
+  std::string body = browser.Get(page.c_str(), html)->body;
+  const std::string marker = "name=\"csrf\" value=\"";
+  std::size_t at = body.find(marker) + marker.size();
+  std::string csrf = body.substr(at, body.find('"', at) - at);
+  // The reported address is the session's API address, which shows browsers the same page
+  // whose forms post under /app.
+  std::string review = "/app" + page.substr(page.find("/sessions/")) + "/steps/1/accept";
+  auto accepted =
+      browser.Post(review.c_str(), html, "csrf=" + csrf, "application/x-www-form-urlencoded");
+  ASSERT_TRUE(accepted);
+  EXPECT_EQ(accepted->status, 303) << accepted->body;
+
+  Run next = runImages({changed});
+  EXPECT_EQ(next.checks, std::vector<bool>{true});
+  EXPECT_EQ(next.results->status(), TestResultsStatusPassed);
 }
 
 TEST_F(ServiceEndToEndTest, WrongApiKeyGetsNoSessionAndNoPass) {
