@@ -20,6 +20,8 @@
 #include "saffra/platform/json.h"
 #include "saffra/platform/uuid.h"
 #include "server/base64.h"
+#include "server/image_cache.h"
+#include "server/match_body.h"
 #include "server/match_settings.h"
 #include "server/matcher.h"
 #include "server/results_document.h"
@@ -220,7 +222,8 @@ std::string describeRequest(const Request& req) {
 }  // namespace
 
 struct Service::Impl {
-  explicit Impl(ServiceOptions o) : options(std::move(o)) {}
+  explicit Impl(ServiceOptions o)
+      : options(std::move(o)), decodedImages(options.decodedImageCacheBytes) {}
 
   ServiceOptions options;
   std::unique_ptr<Store> store;
@@ -235,6 +238,8 @@ struct Service::Impl {
   /// Match-window requests handled and the nanoseconds spent in their handler.
   std::atomic<std::uint64_t> matchRequests{0};
   std::atomic<std::int64_t> matchNanoseconds{0};
+  /// Baselines already decoded, by image id.
+  ImageCache decodedImages;
 
   /// Adds the time from its creation to its end to a request counter.
   class HandlerTimer {
@@ -382,15 +387,18 @@ struct Service::Impl {
                    {"batchId", s.batchId}});
   }
 
-  /// Decodes and checks the uploaded screenshot of a match request.
-  std::pair<std::vector<std::uint8_t>, std::shared_ptr<Image>> screenshotFrom(const Json& body) {
-    const Json* text = json::find(objectAt(body, "appOutput"), "screenshot64");
-    if (!text || !text->is_string() || text->get_ref<const std::string&>().empty()) {
-      throw RequestError(400, "appOutput.screenshot64 is missing");
+  /// Decodes and checks the uploaded screenshot of a match request; `png` holds its bytes when
+  /// they were decoded while reading the body.
+  std::pair<std::vector<std::uint8_t>, std::shared_ptr<Image>> screenshotFrom(
+      const Json& body, std::optional<std::vector<std::uint8_t>> png) {
+    if (!png) {
+      const Json* text = json::find(objectAt(body, "appOutput"), "screenshot64");
+      if (!text || !text->is_string() || text->get_ref<const std::string&>().empty()) {
+        throw RequestError(400, "appOutput.screenshot64 is missing");
+      }
+      png = decodeBase64(text->get_ref<const std::string&>());
+      if (!png) throw RequestError(400, "screenshot64 is not valid base64");
     }
-    std::optional<std::vector<std::uint8_t>> png =
-        decodeBase64(text->get_ref<const std::string&>());
-    if (!png) throw RequestError(400, "screenshot64 is not valid base64");
     auto size = declaredPngSize(*png);
     if (!size) throw RequestError(400, "screenshot64 is not a PNG image");
     if (size->first == 0 || size->second == 0 ||
@@ -406,14 +414,20 @@ struct Service::Impl {
     }
   }
 
-  std::shared_ptr<Image> storedImage(const std::string& id) {
+  /// A stored image, decoded; baselines are compared again at every run of their test, so
+  /// decoded ones are kept.
+  std::shared_ptr<const Image> storedImage(const std::string& id) {
+    if (std::shared_ptr<const Image> kept = decodedImages.find(id)) return kept;
     std::optional<std::vector<std::uint8_t>> bytes = store->readImage(id);
     if (!bytes) throw StoreError("stored image " + id + " is missing");
+    std::shared_ptr<const Image> image;
     try {
-      return Image::fromPNGData(*bytes);
+      image = Image::fromPNGData(*bytes);
     } catch (const Exception& e) {
       throw StoreError("stored image " + id + " is unreadable: " + e.reason());
     }
+    decodedImages.insert(id, image);
+    return image;
   }
 
   // POST /api/sessions/running/{id}
@@ -421,8 +435,17 @@ struct Service::Impl {
     HandlerTimer timer(matchRequests, matchNanoseconds);
     requireApiKey(req);
     std::string id = sessionIdFrom(req.matches[1]);
-    Json body = parseBody(req);
-    auto [png, current] = screenshotFrom(body);
+    // The usual body is read without running its multi-megabyte screenshot text through the
+    // JSON parser; anything unusual takes the general way, which gives the precise refusal.
+    Json body;
+    std::optional<std::vector<std::uint8_t>> uploaded;
+    if (std::optional<MatchBody> quick = readMatchBody(req.body)) {
+      body = std::move(quick->body);
+      uploaded = std::move(quick->screenshot);
+    } else {
+      body = parseBody(req);
+    }
+    auto [png, current] = screenshotFrom(body, std::move(uploaded));
     const Json& options = objectAt(body, "options");
     MatchSettings settings = MatchSettings::fromJson(objectAt(options, "imageMatchSettings"));
     std::string tag = textAt(body, "tag");

@@ -60,6 +60,8 @@ struct ServiceOptions {
   std::size_t maxBodyBytes = std::size_t{100} << 20;
   /// Uploaded images declaring more pixels than this are refused before they are decoded.
   std::size_t maxImagePixels = std::size_t{64} << 20;
+  /// Memory for decoded baselines kept between checks (pixel bytes); 0 keeps none.
+  std::size_t decodedImageCacheBytes = std::size_t{256} << 20;
 };
 
 /// Time the service spent handling requests of one kind, measured inside its handler (from

@@ -1,0 +1,44 @@
+#include "server/image_cache.h"
+
+namespace saffra::server {
+
+namespace {
+
+std::size_t sizeOf(const Image& image) {
+  return image.pixels().size();
+}
+
+}  // namespace
+
+std::shared_ptr<const Image> ImageCache::find(const std::string& id) {
+  std::lock_guard lock(mutex_);
+  auto found = index_.find(id);
+  if (found == index_.end()) return nullptr;
+  entries_.splice(entries_.begin(), entries_, found->second);
+  return found->second->image;
+}
+
+void ImageCache::insert(const std::string& id, std::shared_ptr<const Image> image) {
+  if (!image) return;
+  const std::size_t size = sizeOf(*image);
+  std::lock_guard lock(mutex_);
+  if (auto found = index_.find(id); found != index_.end()) eraseLocked(found->second);
+  if (size > capacity_) return;
+  while (bytes_ + size > capacity_) eraseLocked(std::prev(entries_.end()));
+  entries_.push_front({id, std::move(image)});
+  index_.emplace(id, entries_.begin());
+  bytes_ += size;
+}
+
+std::size_t ImageCache::bytes() const {
+  std::lock_guard lock(mutex_);
+  return bytes_;
+}
+
+void ImageCache::eraseLocked(std::list<Entry>::iterator entry) {
+  bytes_ -= sizeOf(*entry->image);
+  index_.erase(entry->id);
+  entries_.erase(entry);
+}
+
+}  // namespace saffra::server

@@ -1,0 +1,197 @@
+#include "server/match_body.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "server/base64.h"
+#include "server/image_cache.h"
+#include "server/service_test_support.h"
+
+namespace saffra::server {
+namespace {
+
+using testing::base64WithLineBreaks;
+
+/// What the service reads from a body the general way: the parsed object and the decoded
+/// screenshot, or nothing where it refuses the body.
+struct GeneralRead {
+  Json body;
+  std::vector<std::uint8_t> screenshot;
+};
+
+std::optional<GeneralRead> readGenerally(std::string_view text) {
+  std::optional<Json> body = json::parse(text);
+  if (!body || !body->is_object()) return std::nullopt;
+  const Json* appOutput = json::find(*body, "appOutput");
+  const Json* value = appOutput ? json::find(*appOutput, "screenshot64") : nullptr;
+  if (!value || !value->is_string() || value->get_ref<const std::string&>().empty()) {
+    return std::nullopt;
+  }
+  auto bytes = decodeBase64(value->get_ref<const std::string&>());
+  if (!bytes) return std::nullopt;
+  (*body)["appOutput"]["screenshot64"] = "";
+  return GeneralRead{std::move(*body), std::move(*bytes)};
+}
+
+// Whenever the quick reader answers, it answers as the general way does.
+void expectSameAsGeneral(const std::string& label, std::string_view text,
+                         std::optional<bool> quick = std::nullopt) {
+  std::optional<MatchBody> read = readMatchBody(text);
+  if (quick) {
+    EXPECT_EQ(read.has_value(), *quick) << label;
+  }
+  if (!read) return;
+  std::optional<GeneralRead> general = readGenerally(text);
+  ASSERT_TRUE(general) << label;
+  EXPECT_EQ(read->body, general->body) << label;
+  EXPECT_EQ(read->screenshot, general->screenshot) << label;
+}
+
+const std::vector<std::uint8_t> kBytes = [] {
+  std::vector<std::uint8_t> bytes;
+  for (int i = 0; i < 300; ++i) bytes.push_back(static_cast<std::uint8_t>(i * 37 + 11));
+  return bytes;
+}();
+
+TEST(MatchBodyTest, ReadsBodiesAsTheGeneralWayDoes) {
+  const std::string b64 = base64WithLineBreaks(kBytes);
+  const Json wire = testing::matchBody(kBytes, "home");
+  struct Case {
+    const char* label;
+    std::string text;
+    bool quick;
+  };
+  const std::vector<Case> cases = {
+      {"as the client writes it", json::write(wire), true},
+      {"indented", wire.dump(2), true},
+      {"blanks around tokens",
+       "\r\n { \"appOutput\" :\t{ \"screenshot64\" : " + Json(b64).dump() +
+           " } , \"tag\" : [ 1 , {\"a\":\"}\"} ] } \n",
+       true},
+      {"escaped slashes and line breaks", R"({"appOutput":{"screenshot64":"+\/+\/\r\nZm9v\t"}})",
+       true},
+      {"padding and spaces", R"({"appOutput":{"screenshot64":" Zm9vYg== "}})", true},
+      {"keys inside other strings",
+       R"({"tag":"{\"appOutput\":{\"screenshot64\":\"AAAA\"}}","appOutput":{"x":"screenshot64",)"
+       R"("screenshot64":"Zm9v"}})",
+       true},
+      {"the key at other depths",
+       R"({"screenshot64":"AAAA","options":{"appOutput":{"screenshot64":"AAAA"}},)"
+       R"("appOutput":{"screenshot64":"Zm9v","more":{"screenshot64":"BBBB"}}})",
+       true},
+      {"other escaped keys", R"({"t\u0061g":"x","appOutput":{"screenshot64":"Zm9v"}})", false},
+      {"escaped appOutput key", R"({"app\u004Futput":{"screenshot64":"Zm9v"}})", false},
+      {"escaped screenshot key", R"({"appOutput":{"screenshot\u0036\u0034":"Zm9v"}})", false},
+      {"unicode escape in the text", R"({"appOutput":{"screenshot64":"Zm9\u0076"}})", false},
+      {"quote escape in the text", R"({"appOutput":{"screenshot64":"Zm9v\""}})", false},
+      {"doubled appOutput",
+       R"({"appOutput":{"screenshot64":"AAAA"},"appOutput":{"screenshot64":"Zm9v"}})", false},
+      {"doubled screenshot", R"({"appOutput":{"screenshot64":"AAAA","screenshot64":"Zm9v"}})",
+       false},
+      {"empty screenshot", R"({"appOutput":{"screenshot64":""}})", false},
+      {"screenshot not text", R"({"appOutput":{"screenshot64":12}})", false},
+      {"appOutput not an object", R"({"appOutput":["screenshot64","Zm9v"]})", false},
+      {"not base64", R"({"appOutput":{"screenshot64":"iVBOR*w0KGgo="}})", false},
+      {"text after padding", R"({"appOutput":{"screenshot64":"Zg==Zg=="}})", false},
+      {"raw line break in the text", "{\"appOutput\":{\"screenshot64\":\"Zm9v\nYmFy\"}}", false},
+      {"trailing text", R"({"appOutput":{"screenshot64":"Zm9v"}} x)", false},
+      {"top level array", R"([{"appOutput":{"screenshot64":"Zm9v"}}])", false},
+      {"missing colon", R"({"appOutput"{"screenshot64":"Zm9v"}})", false},
+      {"unclosed", R"({"appOutput":{"screenshot64":"Zm9v"})", false},
+  };
+  for (const Case& c : cases) expectSameAsGeneral(c.label, c.text, c.quick);
+}
+
+TEST(MatchBodyTest, RefusesEveryTruncatedBody) {
+  const std::string text = json::write(testing::matchBody(kBytes, "home"));
+  for (std::size_t n = 0; n < text.size(); ++n) {
+    EXPECT_FALSE(readMatchBody(std::string_view(text).substr(0, n))) << n;
+  }
+  EXPECT_TRUE(readMatchBody(text));
+}
+
+TEST(MatchBodyTest, Base64InJsonStringsDecodesAsPlainText) {
+  // Each value is written as JSON text (escapes included) and as the string it stands for.
+  struct Case {
+    std::string_view json, value;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"", ""},
+           {"Zg==", "Zg=="},
+           {"Zm8", "Zm8"},
+           {R"(Zm9v\r\nYmFy)", "Zm9v\r\nYmFy"},
+           {R"(\/\/\/\/)", "////"},
+           {R"(Zm9vYg\t==)", "Zm9vYg\t=="},
+           {"Z", "Z"},
+           {"Zg===", "Zg==="},
+           {"Zg=a", "Zg=a"},
+           {"Zm9vY", "Zm9vY"},
+           {"ZmZmZmZmZmZmZmZm  ZmZm", "ZmZmZmZmZmZmZmZm  ZmZm"},
+       }) {
+    std::size_t length = 99;
+    auto quick = decodeBase64InJsonString(std::string(c.json) + "\",", length);
+    auto plain = decodeBase64(c.value);
+    EXPECT_EQ(quick, plain) << c.json;
+    if (quick) {
+      EXPECT_EQ(length, c.json.size()) << c.json;
+    }
+  }
+  std::size_t length = 0;
+  EXPECT_FALSE(decodeBase64InJsonString("Zm9v", length)) << "no closing quote";
+  EXPECT_FALSE(decodeBase64InJsonString("Zm9v\\", length)) << "cut inside an escape";
+  EXPECT_FALSE(decodeBase64InJsonString(R"(Zm9v\b")", length));
+}
+
+std::shared_ptr<const Image> imageOfBytes(std::size_t pixels) {
+  return std::make_shared<Image>(pixels, 1);
+}
+
+TEST(ImageCacheTest, KeepsTheRecentlyUsedWithinItsBound) {
+  ImageCache cache(400);  // 100 RGBA pixels
+  cache.insert("a", imageOfBytes(40));
+  cache.insert("b", imageOfBytes(40));
+  EXPECT_TRUE(cache.find("a"));  // now "b" is the least recently used
+  cache.insert("c", imageOfBytes(40));
+  EXPECT_TRUE(cache.find("a"));
+  EXPECT_FALSE(cache.find("b"));
+  EXPECT_TRUE(cache.find("c"));
+  EXPECT_EQ(cache.bytes(), 320u);
+
+  cache.insert("c", imageOfBytes(10));  // replaced, not counted twice
+  EXPECT_EQ(cache.bytes(), 200u);
+  EXPECT_EQ(cache.find("c")->width(), 10u);
+
+  cache.insert("huge", imageOfBytes(101));
+  EXPECT_FALSE(cache.find("huge"));
+  EXPECT_EQ(cache.bytes(), 200u);
+  cache.insert("d", imageOfBytes(100));  // everything else goes
+  EXPECT_FALSE(cache.find("a"));
+  EXPECT_EQ(cache.bytes(), 400u);
+
+  ImageCache none(0);
+  none.insert("a", imageOfBytes(1));
+  EXPECT_FALSE(none.find("a"));
+}
+
+TEST(ImageCacheTest, IsSafeToShareBetweenThreads) {
+  ImageCache cache(4 * 64 * 10);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&cache, t] {
+      for (int i = 0; i < 2000; ++i) {
+        std::string id = std::to_string((i * 7 + t) % 40);
+        if (auto kept = cache.find(id)) {
+          EXPECT_EQ(kept->width(), 64u);
+        } else {
+          cache.insert(id, imageOfBytes(64));
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_LE(cache.bytes(), 4u * 64 * 10);
+}
+
+}  // namespace
+}  // namespace saffra::server
