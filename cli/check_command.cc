@@ -68,18 +68,6 @@ std::optional<Region> parseRegion(const std::string& text) {
   }
 }
 
-const char* statusName(TestResultsStatus status) {
-  switch (status) {
-    case TestResultsStatusPassed:
-      return "Passed";
-    case TestResultsStatusUnresolved:
-      return "Unresolved";
-    case TestResultsStatusFailed:
-      return "Failed";
-  }
-  return "Unknown";
-}
-
 // Routes the library's log lines away from the terminal unless asked for them; the lines are
 // kept so that a failure can show what the library reported.
 class LogRouting {

@@ -135,18 +135,6 @@ std::optional<Failure> overallFailure(const TestResults& results) {
   return Failure{"Unresolved", message, message};
 }
 
-const char* statusName(TestResultsStatus status) {
-  switch (status) {
-    case TestResultsStatusPassed:
-      return "Passed";
-    case TestResultsStatusUnresolved:
-      return "Unresolved";
-    case TestResultsStatusFailed:
-      return "Failed";
-  }
-  return "Unknown";
-}
-
 std::string systemOut(const TestResults& results) {
   std::string out = std::string("Status: ") + statusName(results.status()) + "\n";
   if (results.isNew()) {
@@ -162,6 +150,18 @@ std::string systemOut(const TestResults& results) {
 }
 
 }  // namespace
+
+const char* statusName(TestResultsStatus status) {
+  switch (status) {
+    case TestResultsStatusPassed:
+      return "Passed";
+    case TestResultsStatusUnresolved:
+      return "Unresolved";
+    case TestResultsStatusFailed:
+      return "Failed";
+  }
+  return "Unknown";
+}
 
 std::string xmlEscape(std::string_view text, bool forAttribute) {
   std::string out;

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "saffra/platform/nullable.h"
+#include "saffra/service/test_results.h"
 
 namespace saffra {
 class TestResults;
@@ -52,6 +53,9 @@ std::string xmlEscape(std::string_view text, bool forAttribute = true);
 /// A duration in seconds as XML wants it: "1.250", three decimals, '.' as the separator
 /// whatever the locale; negative or non-finite values give "0.000".
 std::string xmlSeconds(double seconds);
+
+/// "Passed", "Unresolved" or "Failed", as the report and the command print a status.
+const char* statusName(TestResultsStatus status);
 
 /// Writes `text` to `path`: creates missing parent folders, writes a temporary file in the
 /// same folder and renames it over `path`, so a reader never sees a partial report. Throws
