@@ -1,5 +1,6 @@
 #include "saffra/platform/png_fast.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdlib>
 #include <cstring>
@@ -158,41 +159,42 @@ void unfilterPaeth(std::uint8_t* out, const std::uint8_t* prev, std::size_t from
   left = a, aboveLeft = c;
 }
 
-// The Paeth filter on two consecutive rows of spread pixels at once. The chain of dependent
-// steps through the left pixel is what limits one row; the lower row runs kLag pixels behind
-// the upper one (whose output it reads as its row above) in the other half of the register,
-// which doubles the pixels per step.
-void unfilterPaethPair(std::uint8_t* upper, const std::uint8_t* prev, std::uint8_t* lower,
-                       std::size_t width, __m128i alpha) {
-  constexpr std::size_t kLag = 2;
+// The Paeth filter on two rows of spread pixels at once: the chain of dependent steps through
+// the left pixel is what limits one row, and two independent chains fill the time it leaves.
+// `second` runs `lag` pixels behind `first` in the other half of the register. Rows of two
+// different images run side by side (lag 0); the row below `first` in the same image reads
+// `first` as its row above and runs kLag pixels behind it.
+void unfilterPaethTwo(std::uint8_t* first, const std::uint8_t* firstPrev, std::uint8_t* second,
+                      const std::uint8_t* secondPrev, std::size_t width, std::size_t lag,
+                      __m128i alpha) {
   const __m128i zero = _mm_setzero_si128();
   __m128i a = zero, c = zero;
-  if (width <= kLag) {
-    unfilterPaeth(upper, prev, 0, width, a, c, alpha);
+  if (width <= lag) {
+    unfilterPaeth(first, firstPrev, 0, width, a, c, alpha);
     a = c = zero;
-    unfilterPaeth(lower, upper, 0, width, a, c, alpha);
+    unfilterPaeth(second, secondPrev, 0, width, a, c, alpha);
     return;
   }
-  unfilterPaeth(upper, prev, 0, kLag, a, c, alpha);
-  // Upper row in the low 64 bits, lower row (starting at its first pixel) in the high ones.
+  unfilterPaeth(first, firstPrev, 0, lag, a, c, alpha);
+  // The first row in the low 64 bits, the second (starting at its first pixel) in the high ones.
   a = _mm_unpacklo_epi64(a, zero);
   c = _mm_unpacklo_epi64(c, zero);
-  for (std::size_t x = kLag; x < width; ++x) {
-    std::uint8_t* up = upper + x * 4;
-    std::uint8_t* low = lower + (x - kLag) * 4;
+  for (std::size_t x = lag; x < width; ++x) {
+    std::uint8_t* one = first + x * 4;
+    std::uint8_t* two = second + (x - lag) * 4;
     const __m128i b =
-        _mm_unpacklo_epi64(loadPixel16(prev + x * 4), loadPixel16(upper + (x - kLag) * 4));
-    a = paeth(a, b, c, _mm_unpacklo_epi64(loadPixel16(up), loadPixel16(low)));
+        _mm_unpacklo_epi64(loadPixel16(firstPrev + x * 4), loadPixel16(secondPrev + (x - lag) * 4));
+    a = paeth(a, b, c, _mm_unpacklo_epi64(loadPixel16(one), loadPixel16(two)));
     c = b;
     const __m128i packed = _mm_or_si128(_mm_packus_epi16(a, a), alpha);
-    const auto first = static_cast<std::uint32_t>(_mm_cvtsi128_si32(packed));
-    const auto second = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(packed, 4)));
-    std::memcpy(up, &first, 4);
-    std::memcpy(low, &second, 4);
+    const auto low = static_cast<std::uint32_t>(_mm_cvtsi128_si32(packed));
+    const auto high = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(packed, 4)));
+    std::memcpy(one, &low, 4);
+    std::memcpy(two, &high, 4);
   }
   a = _mm_unpackhi_epi64(a, zero);
   c = _mm_unpackhi_epi64(c, zero);
-  unfilterPaeth(lower, upper, width - kLag, width, a, c, alpha);
+  unfilterPaeth(second, secondPrev, width - lag, width, a, c, alpha);
 }
 
 // Rebuilds output row `out` from the filtered bytes `src`; `prev` is the output row above, or
@@ -280,41 +282,138 @@ bool decodeRow(std::uint8_t type, const std::uint8_t* src, const std::uint8_t* p
 
 #endif
 
-// Rebuilds all rows: `raw` holds the inflated rows (each a filter type byte and `width` *
-// Bpp filtered bytes), `rgba` receives width * 4 bytes per row.
+// The rows of one image while it is rebuilt: `raw` holds the inflated rows (each a filter type
+// byte and `width` * Bpp filtered bytes), `rgba` receives width * 4 bytes per row.
 template <std::size_t Bpp>
-bool decodeRows(const std::uint8_t* raw, std::uint8_t* rgba, std::size_t width,
-                std::size_t height) {
-  const std::size_t rawRow = width * Bpp + 1, outRow = width * 4;
-  for (std::size_t y = 0; y < height; ++y) {
-    const std::uint8_t* line = raw + y * rawRow;
-    std::uint8_t* out = rgba + y * outRow;
+struct Rows {
+  const std::uint8_t* raw;
+  std::uint8_t* rgba;
+  std::size_t width, height;
+
+  std::size_t rawRow() const { return width * Bpp + 1; }
+  std::size_t outRow() const { return width * 4; }
+  const std::uint8_t* filtered(std::size_t y) const { return raw + y * rawRow(); }
+  std::uint8_t type(std::size_t y) const { return filtered(y)[0]; }
+  std::uint8_t* out(std::size_t y) const { return rgba + y * outRow(); }
+  // A Paeth row with a row above: one step of a chain through every pixel.
+  bool isPaeth(std::size_t y) const { return y > 0 && y < height && type(y) == 4; }
+
+  bool decode(std::size_t y) const {
+    return decodeRow<Bpp>(type(y), filtered(y) + 1, y ? out(y - 1) : nullptr, out(y), width);
+  }
+#if defined(__SSE2__)
+  void spread(std::size_t y) const {
+    spreadRow<Bpp>(filtered(y) + 1, out(y), width, _mm_setzero_si128());
+  }
+  // Rows y and y + 1, both Paeth, together.
+  void decodePaethPair(std::size_t y) const {
+    spread(y);
+    spread(y + 1);
+    unfilterPaethTwo(out(y), out(y - 1), out(y + 1), out(y), width, 2, alphaBits<Bpp>());
+  }
+#endif
+};
+
+// Rebuilds rows [from, height) of one image.
+template <std::size_t Bpp>
+bool decodeRows(const Rows<Bpp>& rows, std::size_t from) {
+  for (std::size_t y = from; y < rows.height; ++y) {
 #if defined(__SSE2__)
     // Two Paeth rows in a row are undone together, which halves their serial dependency.
-    if (y > 0 && y + 1 < height && line[0] == 4 && line[rawRow] == 4) {
-      spreadRow<Bpp>(line + 1, out, width, _mm_setzero_si128());
-      spreadRow<Bpp>(line + rawRow + 1, out + outRow, width, _mm_setzero_si128());
-      unfilterPaethPair(out, out - outRow, out + outRow, width, alphaBits<Bpp>());
-      ++y;
+    if (rows.isPaeth(y) && rows.isPaeth(y + 1)) {
+      rows.decodePaethPair(y++);
       continue;
     }
 #endif
-    if (!decodeRow<Bpp>(line[0], line + 1, y ? out - outRow : nullptr, out, width)) return false;
+    if (!rows.decode(y)) return false;
   }
   return true;
 }
 
-}  // namespace
-
-std::shared_ptr<Image> decodeCommon(const std::uint8_t* data, std::size_t size, double scale) {
-  std::vector<std::uint8_t> rgba;
-  std::size_t width = 0, height = 0;
-  if (!decodeCommonInto(data, size, rgba, width, height)) return nullptr;
-  return std::make_shared<Image>(width, height, std::move(rgba), scale);
+// Rebuilds two images of the same width and pixel format, as a comparison reads them: a row
+// of `b` whose filtered bytes are those of the same row of `a`, and whose row above (if its
+// filter reads it) holds the same pixels, is a copy of `a`'s row and is not rebuilt; a Paeth
+// row of `b` that must be rebuilt runs beside the same row of `a` when that is Paeth too.
+// Screenshots of the same screen share most rows, and their encoder picks the same filters
+// for the same rows.
+template <std::size_t Bpp>
+bool decodeRowsTogether(const Rows<Bpp>& a, const Rows<Bpp>& b, std::uint8_t* same) {
+  const std::size_t height = std::min(a.height, b.height), rawRow = a.rawRow();
+  static thread_local std::vector<std::uint8_t> sameFiltered;
+  sameFiltered.resize(height);
+  for (std::size_t y = 0; y < height; ++y) {
+    sameFiltered[y] = std::memcmp(a.filtered(y), b.filtered(y), rawRow) == 0;
+  }
+  // Whether b's row y is a copy of a's: its filter ignores the row above, or that row holds the
+  // same pixels in both (above row 0 every byte reads as zero in both).
+  const auto copied = [&](std::size_t y) {
+    return sameFiltered[y] && (b.type(y) <= 1 || y == 0 || same[y - 1]);
+  };
+  // Whether b's row y is likely to need a Paeth chain of its own.
+  const auto bPaeth = [&](std::size_t y) { return b.isPaeth(y) && !sameFiltered[y]; };
+  const auto compareRow = [&](std::size_t y) {
+    same[y] = std::memcmp(a.out(y), b.out(y), a.outRow()) == 0;
+  };
+  // Rebuilds b's row y, or copies a's, once a's row is done.
+  bool ok = true;
+  const auto finishB = [&](std::size_t y, bool copy) {
+    if (copy) {
+      std::memcpy(b.out(y), a.out(y), a.outRow());
+      same[y] = 1;
+      return;
+    }
+    if (!b.decode(y)) ok = false;
+    compareRow(y);
+  };
+  std::size_t y = 0;
+  while (y < height && ok) {
+    const bool copy = copied(y);
+#if defined(__SSE2__)
+    if (!copy && a.isPaeth(y) && b.isPaeth(y)) {
+      a.spread(y);
+      b.spread(y);
+      unfilterPaethTwo(a.out(y), a.out(y - 1), b.out(y), b.out(y - 1), a.width, 0,
+                       alphaBits<Bpp>());
+      compareRow(y++);
+      continue;
+    }
+    // Two Paeth rows of one image together, while the other image has no Paeth rows to
+    // rebuild beside them.
+    if (a.isPaeth(y) && a.isPaeth(y + 1) && y + 1 < height && (copy || !b.isPaeth(y)) &&
+        !bPaeth(y + 1)) {
+      a.decodePaethPair(y);
+      finishB(y, copy);
+      finishB(y + 1, copied(y + 1));
+      y += 2;
+      continue;
+    }
+    if (!copy && b.isPaeth(y) && bPaeth(y + 1) && y + 1 < height && !a.isPaeth(y) &&
+        !a.isPaeth(y + 1)) {
+      if (!a.decode(y) || !a.decode(y + 1)) return false;
+      b.decodePaethPair(y);
+      compareRow(y);
+      compareRow(y + 1);
+      y += 2;
+      continue;
+    }
+#endif
+    if (!a.decode(y)) return false;
+    finishB(y, copy);
+    ++y;
+  }
+  // Rows past the shorter image's end belong to the taller one alone.
+  return ok && decodeRows(a, height) && decodeRows(b, height);
 }
 
-bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& rgba,
-                      std::size_t& outWidth, std::size_t& outHeight) {
+struct Header {
+  std::size_t width = 0, height = 0, bpp = 0;
+};
+
+// Reads the chunks of a PNG of the common kind and inflates its rows into `raw` (followed by
+// kSlack spare bytes). False for any other kind of file, or any damage.
+constexpr std::size_t kSlack = 16;
+bool inflateCommon(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& raw,
+                   Header& header) {
   static constexpr std::uint8_t kSignature[8] = {137, 80, 78, 71, 13, 10, 26, 10};
   if (!data || size < 8 + 25 || std::memcmp(data, kSignature, 8) != 0) return false;
   std::size_t width = 0, height = 0, bpp = 0;
@@ -352,35 +451,106 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
   }
   if (!ended || compressed.empty()) return false;
 
-  const std::size_t rowBytes = width * bpp;
-  // The inflated rows go to a buffer each thread keeps, so large images cost no fresh memory.
-  // Spare bytes at the ends of both buffers let the rows be rebuilt in whole 16-byte words.
-  constexpr std::size_t kSlack = 16;
-  static thread_local std::vector<std::uint8_t> raw;
-  const std::size_t rawSize = height * (rowBytes + 1);
+  const std::size_t rawSize = height * (width * bpp + 1);
   raw.resize(rawSize + kSlack);
-
   static thread_local Decompressor decompressor;
   if (!decompressor.d ||
       libdeflate_zlib_decompress(decompressor.d, compressed.data(), compressed.size(), raw.data(),
                                  rawSize, nullptr) != LIBDEFLATE_SUCCESS) {
     return false;
   }
-  const std::size_t outRow = width * 4;
-  rgba.resize(height * outRow + kSlack);
-  const auto decodeAll = bpp == 4 ? decodeRows<4> : decodeRows<3>;
-  if (!decodeAll(raw.data(), rgba.data(), width, height)) return false;
-  rgba.resize(height * outRow);
-  outWidth = width;
-  outHeight = height;
-  if (raw.capacity() > (std::size_t{64} << 20)) std::vector<std::uint8_t>().swap(raw);
+  header = {width, height, bpp};
   return true;
+}
+
+// The inflated rows go to buffers each thread keeps, so large images cost no fresh memory;
+// unusually large ones are let go afterwards.
+void releaseIfLarge(std::vector<std::uint8_t>& raw) {
+  if (raw.capacity() > (std::size_t{64} << 20)) std::vector<std::uint8_t>().swap(raw);
+}
+
+template <std::size_t Bpp>
+Rows<Bpp> rowsOf(const std::vector<std::uint8_t>& raw, DecodedPixels& out, const Header& h) {
+  // Spare bytes after the output let the rows be rebuilt in whole 16-byte words.
+  out.rgba.resize(h.height * h.width * 4 + kSlack);
+  out.width = h.width;
+  out.height = h.height;
+  return {raw.data(), out.rgba.data(), h.width, h.height};
+}
+
+bool rowsDone(bool ok, DecodedPixels& out) {
+  if (ok) out.rgba.resize(out.width * out.height * 4);
+  return ok;
+}
+
+}  // namespace
+
+std::shared_ptr<Image> decodeCommon(const std::uint8_t* data, std::size_t size, double scale) {
+  std::vector<std::uint8_t> rgba;
+  std::size_t width = 0, height = 0;
+  if (!decodeCommonInto(data, size, rgba, width, height)) return nullptr;
+  return std::make_shared<Image>(width, height, std::move(rgba), scale);
+}
+
+bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& rgba,
+                      std::size_t& width, std::size_t& height) {
+  static thread_local std::vector<std::uint8_t> raw;
+  Header h;
+  if (!inflateCommon(data, size, raw, h)) return false;
+  DecodedPixels out{rgba};
+  const bool ok = rowsDone(
+      h.bpp == 4 ? decodeRows(rowsOf<4>(raw, out, h), 0) : decodeRows(rowsOf<3>(raw, out, h), 0),
+      out);
+  releaseIfLarge(raw);
+  if (!ok) return false;
+  width = out.width;
+  height = out.height;
+  return true;
+}
+
+bool decodeCommonPairInto(std::span<const std::uint8_t> first, std::span<const std::uint8_t> second,
+                          DecodedPixels& a, DecodedPixels& b, std::vector<std::uint8_t>& sameRows) {
+  static thread_local std::vector<std::uint8_t> rawA, rawB;
+  Header ha, hb;
+  if (!inflateCommon(first.data(), first.size(), rawA, ha) ||
+      !inflateCommon(second.data(), second.size(), rawB, hb)) {
+    return false;
+  }
+  sameRows.assign(hb.height, 0);
+  bool ok = false;
+  if (ha.width != hb.width || ha.bpp != hb.bpp) {
+    ok = rowsDone(ha.bpp == 4 ? decodeRows(rowsOf<4>(rawA, a, ha), 0)
+                              : decodeRows(rowsOf<3>(rawA, a, ha), 0),
+                  a) &&
+         rowsDone(hb.bpp == 4 ? decodeRows(rowsOf<4>(rawB, b, hb), 0)
+                              : decodeRows(rowsOf<3>(rawB, b, hb), 0),
+                  b);
+  } else if (ha.bpp == 4) {
+    ok = decodeRowsTogether(rowsOf<4>(rawA, a, ha), rowsOf<4>(rawB, b, hb), sameRows.data());
+    ok = rowsDone(ok, a) && rowsDone(ok, b);
+  } else {
+    ok = decodeRowsTogether(rowsOf<3>(rawA, a, ha), rowsOf<3>(rawB, b, hb), sameRows.data());
+    ok = rowsDone(ok, a) && rowsDone(ok, b);
+  }
+  releaseIfLarge(rawA);
+  releaseIfLarge(rawB);
+  return ok;
 }
 
 #else
 
 std::shared_ptr<Image> decodeCommon(const std::uint8_t*, std::size_t, double) {
   return nullptr;
+}
+
+bool decodeCommonInto(const std::uint8_t*, std::size_t, std::vector<std::uint8_t>&, std::size_t&,
+                      std::size_t&) {
+  return false;
+}
+
+bool decodeCommonPairInto(std::span<const std::uint8_t>, std::span<const std::uint8_t>,
+                          DecodedPixels&, DecodedPixels&, std::vector<std::uint8_t>&) {
+  return false;
 }
 
 #endif

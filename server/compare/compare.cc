@@ -362,14 +362,16 @@ CompareResult compareImages(const Image& baseline, const Image& checkpoint,
 CompareResult comparePNG(const std::vector<std::uint8_t>& baselinePNG,
                          const std::vector<std::uint8_t>& checkpointPNG,
                          const CompareOptions& options) {
-  // Common screenshots decode into buffers each thread keeps; anything else through Image.
-  static thread_local std::vector<std::uint8_t> baselinePixels, checkpointPixels;
-  std::size_t bw = 0, bh = 0, cw = 0, ch = 0;
-  if (png::decodeCommonInto(baselinePNG.data(), baselinePNG.size(), baselinePixels, bw, bh) &&
-      png::decodeCommonInto(checkpointPNG.data(), checkpointPNG.size(), checkpointPixels, cw, ch)) {
-    CompareResult result = compareViews(
-        {baselinePixels.data(), static_cast<int>(bw), static_cast<int>(bh)},
-        {checkpointPixels.data(), static_cast<int>(cw), static_cast<int>(ch)}, options);
+  // Common screenshots decode together into buffers each thread keeps; anything else through
+  // Image.
+  static thread_local std::vector<std::uint8_t> baselinePixels, checkpointPixels, sameRows;
+  png::DecodedPixels a{baselinePixels}, b{checkpointPixels};
+  if (png::decodeCommonPairInto(baselinePNG, checkpointPNG, a, b, sameRows)) {
+    const Pixels checkpoint{checkpointPixels.data(), static_cast<int>(b.width),
+                            static_cast<int>(b.height), sameRows.data()};
+    CompareResult result =
+        compareViews({baselinePixels.data(), static_cast<int>(a.width), static_cast<int>(a.height)},
+                     checkpoint, options);
     releaseIfLarge(baselinePixels);
     releaseIfLarge(checkpointPixels);
     return result;

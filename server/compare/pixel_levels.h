@@ -20,6 +20,9 @@ struct Pixels {
   const std::uint8_t* data;
   int width;
   int height;
+  /// Known equal rows: where set (on a checkpoint), sameRows[y] != 0 means row y holds the
+  /// very pixels of the baseline's row y, so comparing them is skipped.
+  const std::uint8_t* sameRows = nullptr;
 };
 
 /// An area of `width` x `height` pixels compared between `a` at (ax, ay) and `b` at (bx, by);
