@@ -330,19 +330,21 @@ bool decodeRows(const Rows<Bpp>& rows, std::size_t from) {
   return true;
 }
 
-// Rebuilds two images of the same width and pixel format, as a comparison reads them: a row
-// of `b` whose filtered bytes are those of the same row of `a`, and whose row above (if its
-// filter reads it) holds the same pixels, is a copy of `a`'s row and is not rebuilt; a Paeth
-// row of `b` that must be rebuilt runs beside the same row of `a` when that is Paeth too.
-// Screenshots of the same screen share most rows, and their encoder picks the same filters
-// for the same rows.
-template <std::size_t Bpp>
-bool decodeRowsTogether(const Rows<Bpp>& a, const Rows<Bpp>& b, std::uint8_t* same) {
+// Rebuilds two images of the same width, as a comparison reads them: a row of `b` whose
+// filtered bytes are those of the same row of `a`, and whose row above (if its filter reads it)
+// holds the same pixels, is a copy of `a`'s row and is not rebuilt; a Paeth row of `b` that
+// must be rebuilt runs beside the same row of `a` when that is Paeth too (whatever the two
+// pixel formats). Screenshots of the same screen share most rows, and their encoder picks the
+// same filters for the same rows.
+template <std::size_t BppA, std::size_t BppB>
+bool decodeRowsTogether(const Rows<BppA>& a, const Rows<BppB>& b, std::uint8_t* same) {
   const std::size_t height = std::min(a.height, b.height), rawRow = a.rawRow();
   static thread_local std::vector<std::uint8_t> sameFiltered;
-  sameFiltered.resize(height);
-  for (std::size_t y = 0; y < height; ++y) {
-    sameFiltered[y] = std::memcmp(a.filtered(y), b.filtered(y), rawRow) == 0;
+  sameFiltered.assign(height, 0);
+  if constexpr (BppA == BppB) {  // files of other pixel formats share no filtered bytes
+    for (std::size_t y = 0; y < height; ++y) {
+      sameFiltered[y] = std::memcmp(a.filtered(y), b.filtered(y), rawRow) == 0;
+    }
   }
   // Whether b's row y is a copy of a's: its filter ignores the row above, or that row holds the
   // same pixels in both (above row 0 every byte reads as zero in both).
@@ -373,7 +375,7 @@ bool decodeRowsTogether(const Rows<Bpp>& a, const Rows<Bpp>& b, std::uint8_t* sa
       a.spread(y);
       b.spread(y);
       unfilterPaethTwo(a.out(y), a.out(y - 1), b.out(y), b.out(y - 1), a.width, 0,
-                       alphaBits<Bpp>());
+                       _mm_unpacklo_epi32(alphaBits<BppA>(), alphaBits<BppB>()));
       compareRow(y++);
       continue;
     }
@@ -518,18 +520,24 @@ bool decodeCommonPairInto(std::span<const std::uint8_t> first, std::span<const s
   }
   sameRows.assign(hb.height, 0);
   bool ok = false;
-  if (ha.width != hb.width || ha.bpp != hb.bpp) {
+  if (ha.width != hb.width) {
     ok = rowsDone(ha.bpp == 4 ? decodeRows(rowsOf<4>(rawA, a, ha), 0)
                               : decodeRows(rowsOf<3>(rawA, a, ha), 0),
                   a) &&
          rowsDone(hb.bpp == 4 ? decodeRows(rowsOf<4>(rawB, b, hb), 0)
                               : decodeRows(rowsOf<3>(rawB, b, hb), 0),
                   b);
-  } else if (ha.bpp == 4) {
-    ok = decodeRowsTogether(rowsOf<4>(rawA, a, ha), rowsOf<4>(rawB, b, hb), sameRows.data());
-    ok = rowsDone(ok, a) && rowsDone(ok, b);
   } else {
-    ok = decodeRowsTogether(rowsOf<3>(rawA, a, ha), rowsOf<3>(rawB, b, hb), sameRows.data());
+    const auto together = [&](const auto& ra, const auto& rb) {
+      return decodeRowsTogether(ra, rb, sameRows.data());
+    };
+    if (ha.bpp == 4) {
+      ok = hb.bpp == 4 ? together(rowsOf<4>(rawA, a, ha), rowsOf<4>(rawB, b, hb))
+                       : together(rowsOf<4>(rawA, a, ha), rowsOf<3>(rawB, b, hb));
+    } else {
+      ok = hb.bpp == 4 ? together(rowsOf<3>(rawA, a, ha), rowsOf<4>(rawB, b, hb))
+                       : together(rowsOf<3>(rawA, a, ha), rowsOf<3>(rawB, b, hb));
+    }
     ok = rowsDone(ok, a) && rowsDone(ok, b);
   }
   releaseIfLarge(rawA);

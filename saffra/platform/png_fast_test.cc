@@ -4,6 +4,7 @@
 #include <spng.h>
 #include <zlib.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -136,6 +137,116 @@ TEST(PngFastTest, UndoesEveryFilterOnRgbAndRgbaRowsOfAnyWidth) {
       }
     }
   }
+}
+
+// Two files decoded together give each file's own pixels, whatever filters either uses row by
+// row, and rows reported the same are the same. The second image shares most rows with the
+// first; rows 3 and 4 are shifted alike (so an Up row 4 has the same filtered bytes in both
+// files but other pixels), and half of row 8 is changed.
+TEST(PngFastTest, DecodesTwoFilesTogetherLikeEachAlone) {
+  const std::vector<std::vector<int>> orders = {{4},
+                                                {1, 2},
+                                                {4, 4, 4, 2},
+                                                {2, 2, 4, 4},
+                                                {4, 4, 2, 2},
+                                                {2, 3, 4, 4, 1},
+                                                {3, 4, 1, 4, 4, 0, 2, 4}};
+  for (const std::size_t bpp : {3u, 4u}) {
+    for (const std::size_t width : {1u, 2u, 3u, 5u, 33u}) {
+      for (const auto& [heightA, heightB] : {std::pair{11u, 11u}, {9u, 13u}, {13u, 9u}}) {
+        const std::size_t rows = std::max(heightA, heightB);
+        std::vector<std::uint8_t> pixels(width * rows * 4);
+        std::uint32_t seed = 777;
+        for (std::size_t i = 0; i < pixels.size(); ++i) {
+          seed = seed * 1103515245 + 12345;
+          pixels[i] = static_cast<std::uint8_t>((seed >> 16) % 5 == 0 ? seed >> 8 : i / 4 * 5);
+          if (bpp == 3 && i % 4 == 3) pixels[i] = 255;
+        }
+        std::vector<std::uint8_t> other = pixels;
+        for (std::size_t i = 0; i < width * 4; ++i) {
+          if (bpp == 3 && i % 4 == 3) continue;  // RGB files keep opaque alpha
+          other[3 * width * 4 + i] += 9;
+          other[4 * width * 4 + i] += 9;
+          if (i < width * 2) other[8 * width * 4 + i] ^= 0x5a;
+        }
+        std::vector<std::uint8_t> pixelsA(pixels.begin(), pixels.begin() + width * heightA * 4);
+        std::vector<std::uint8_t> pixelsB(other.begin(), other.begin() + width * heightB * 4);
+        for (const auto& orderA : orders) {
+          for (const auto& orderB : orders) {
+            SCOPED_TRACE("bpp " + std::to_string(bpp) + ", width " + std::to_string(width) +
+                         ", heights " + std::to_string(heightA) + "/" + std::to_string(heightB) +
+                         ", orders " + std::to_string(orderA.size()) + "/" +
+                         std::to_string(orderB.size()));
+            const auto first = filteredPng(pixelsA, width, heightA, bpp, orderA);
+            // Some RGB files are paired with an RGBA file of the same pixels.
+            const std::size_t bppB = bpp == 3 && orderB.size() % 2 ? 4 : bpp;
+            const auto second = filteredPng(pixelsB, width, heightB, bppB, orderB);
+            std::vector<std::uint8_t> rgbaA, rgbaB, same;
+            DecodedPixels a{rgbaA}, b{rgbaB};
+            ASSERT_TRUE(decodeCommonPairInto(first, second, a, b, same));
+            EXPECT_EQ(rgbaA, pixelsA);
+            EXPECT_EQ(rgbaB, pixelsB);
+            EXPECT_EQ(b.width, width);
+            EXPECT_EQ(b.height, heightB);
+            ASSERT_EQ(same.size(), heightB);
+            for (std::size_t y = 0; y < heightB; ++y) {
+              const bool equal = y < heightA && y != 3 && y != 4 && y != 8;
+              EXPECT_EQ(same[y], equal ? 1 : 0) << "row " << y;
+            }
+          }
+        }
+      }
+    }
+  }
+}
+
+// Files that cannot share rows (other widths, other pixel formats) still decode; a damaged one
+// fails the pair.
+TEST(PngFastTest, DecodesUnlikeFilesTogetherAndRefusesDamagedOnes) {
+  Image narrow(7, 4), wide(9, 4);
+  for (std::size_t i = 0; i < narrow.pixels().size(); ++i) narrow.mutableData()[i] = 200;
+  std::vector<std::uint8_t> rgb(7 * 4 * 4, 90);
+  for (std::size_t i = 3; i < rgb.size(); i += 4) rgb[i] = 255;
+  const auto narrowPng = narrow.pngData(), widePng = wide.pngData();
+  const auto rgbPng = filteredPng(rgb, 7, 4, 3, {4});
+  std::vector<std::uint8_t> rgbaA, rgbaB, same;
+  DecodedPixels a{rgbaA}, b{rgbaB};
+  ASSERT_TRUE(decodeCommonPairInto(narrowPng, widePng, a, b, same));
+  EXPECT_EQ(rgbaA, narrow.pixels());
+  EXPECT_EQ(rgbaB, wide.pixels());
+  ASSERT_TRUE(decodeCommonPairInto(narrowPng, rgbPng, a, b, same));
+  EXPECT_EQ(rgbaB, rgb);
+  EXPECT_EQ(same, std::vector<std::uint8_t>(4, 0));
+  std::vector<std::uint8_t> truncated(widePng.begin(), widePng.end() - 20);
+  EXPECT_FALSE(decodeCommonPairInto(narrowPng, truncated, a, b, same));
+  EXPECT_FALSE(decodeCommonPairInto(truncated, narrowPng, a, b, same));
+}
+
+// The corpus pairs (same screen, same encoder) decode together to each file's own pixels.
+TEST(PngFastTest, DecodesCorpusPairsTogetherLikeEachAlone) {
+  const std::filesystem::path dir = std::filesystem::path(SAFFRA_CORPUS_DIR) / "pairs";
+  int pairs = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    const std::string name = entry.path().filename().string();
+    const std::size_t cut = name.find("--");
+    if (cut == std::string::npos) continue;
+    SCOPED_TRACE(name);
+    const auto first = readFile(dir / (name.substr(0, cut) + ".png"));
+    const auto second = readFile(entry.path());
+    std::vector<std::uint8_t> rgbaA, rgbaB, same;
+    DecodedPixels a{rgbaA}, b{rgbaB};
+    ASSERT_TRUE(decodeCommonPairInto(first, second, a, b, same));
+    EXPECT_EQ(rgbaA, decodeWithSpng(first));
+    EXPECT_EQ(rgbaB, decodeWithSpng(second));
+    const std::size_t row = a.width * 4;
+    for (std::size_t y = 0; y < same.size(); ++y) {
+      if (same[y]) {
+        ASSERT_EQ(std::memcmp(&rgbaA[y * row], &rgbaB[y * row], row), 0) << "row " << y;
+      }
+    }
+    ++pairs;
+  }
+  EXPECT_GE(pairs, 8);
 }
 
 TEST(PngFastTest, RoundTripsRgbaWithTransparency) {
