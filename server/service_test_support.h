@@ -65,6 +65,33 @@ inline std::vector<std::uint8_t> solidPng(std::size_t width, std::size_t height,
   return image.pngData();
 }
 
+/// The same PNG with a text chunk after its header: other bytes, the same pixels.
+inline std::vector<std::uint8_t> withTextChunk(
+    const std::vector<std::uint8_t>& png,
+    const std::string& text = std::string("Comment\0re-encoded", 18)) {
+  auto crc32 = [](const std::uint8_t* p, std::size_t n) {
+    std::uint32_t crc = 0xffffffffu;
+    for (std::size_t i = 0; i < n; ++i) {
+      crc ^= p[i];
+      for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1)));
+    }
+    return ~crc;
+  };
+  auto appendWord = [](std::vector<std::uint8_t>& out, std::uint32_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      out.push_back(static_cast<std::uint8_t>(v >> shift));
+  };
+  std::vector<std::uint8_t> chunk;
+  appendWord(chunk, static_cast<std::uint32_t>(text.size()));
+  chunk.insert(chunk.end(), {'t', 'E', 'X', 't'});
+  chunk.insert(chunk.end(), text.begin(), text.end());
+  appendWord(chunk, crc32(chunk.data() + 4, chunk.size() - 4));
+  constexpr std::size_t kAfterHeader = 8 + 25;  // the signature and the IHDR chunk
+  std::vector<std::uint8_t> out = png;
+  out.insert(out.begin() + kAfterHeader, chunk.begin(), chunk.end());
+  return out;
+}
+
 /// The wire form of a step's or a session's matching settings, with all eleven keys.
 inline Json wireSettings(const std::string& matchLevel = "Strict", Json ignore = Json::array(),
                          Json accessibility = Json::array(),

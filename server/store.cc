@@ -356,8 +356,16 @@ fs::path Store::imagePath(const std::string& id) const {
   return imageFolder_ / id.substr(0, 2) / (id + ".png");
 }
 
+std::string Store::imageIdOf(std::span<const std::uint8_t> png) {
+  return sha256Hex(png);
+}
+
 std::string Store::putImage(std::span<const std::uint8_t> png) {
-  std::string id = sha256Hex(png);
+  return putImage(png, sha256Hex(png));
+}
+
+std::string Store::putImage(std::span<const std::uint8_t> png, const std::string& id) {
+  if (!isImageId(id)) throw StoreError("not an image id: " + id);
   fs::path path = imagePath(id);
   std::error_code error;
   if (fs::exists(path, error)) return id;

@@ -116,9 +116,13 @@ class Store {
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
-  /// Stores PNG bytes and returns their id (the hex SHA-256); storing the same bytes twice
-  /// keeps one file.
+  /// The id that PNG bytes are stored under: the hex SHA-256 of the bytes.
+  static std::string imageIdOf(std::span<const std::uint8_t> png);
+  /// Stores PNG bytes and returns their id; storing the same bytes twice keeps one file.
   std::string putImage(std::span<const std::uint8_t> png);
+  /// The same for bytes whose id the caller already has from imageIdOf, so a large image is
+  /// hashed once. Throws StoreError for a text that is not an image id.
+  std::string putImage(std::span<const std::uint8_t> png, const std::string& id);
   /// The bytes of a stored image; nothing for an unknown or malformed id.
   std::optional<std::vector<std::uint8_t>> readImage(const std::string& id) const;
 
