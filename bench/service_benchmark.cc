@@ -45,8 +45,10 @@ double milliseconds(Clock::duration d) {
 }
 
 /// Saves `baselineFile` as the test's baseline, then times checks that upload `uploadFile`,
-/// which must match it.
-void matchWindow(benchmark::State& state, const char* baselineFile, const char* uploadFile) {
+/// which must match it. With `newBytes` every upload carries a text chunk of its own: the same
+/// pixels in bytes the service has not stored yet.
+void matchWindow(benchmark::State& state, const char* baselineFile, const char* uploadFile,
+                 bool newBytes = false) {
   Fixture f;
   const std::string corpus = std::string(SAFFRA_CORPUS_DIR) + "/";
   const std::shared_ptr<Image> baseline = Image::fromPNGFile(corpus + baselineFile);
@@ -54,6 +56,7 @@ void matchWindow(benchmark::State& state, const char* baselineFile, const char* 
   SessionSpec test;
   f.harness.runTest(test, {baseline->pngData()}, true);
   const server::HandlerTime before = f.harness.service().matchWindowTime();
+  std::size_t checks = 0;
   Clock::duration check{}, roundTrip{};
   std::size_t bytes = 0;
   for (auto _ : state) {
@@ -61,7 +64,10 @@ void matchWindow(benchmark::State& state, const char* baselineFile, const char* 
     std::string id = f.harness.start(test).body["id"];
     state.ResumeTiming();
     const Clock::time_point start = Clock::now();
-    const std::string body = json::write(matchBody(screenshot->pngData(), "home"));
+    std::vector<std::uint8_t> png = screenshot->pngData();
+    if (newBytes)
+      png = withTextChunk(png, std::string("Comment\0check ", 14) + std::to_string(++checks));
+    const std::string body = json::write(matchBody(png, "home"));
     const Clock::time_point encoded = Clock::now();
     Reply reply =
         f.harness.send("POST", "/api/sessions/running/" + id + "?apiKey=" + kApiKey, body);
@@ -98,6 +104,11 @@ void BM_MatchWindow_Desktop(benchmark::State& state) {
   matchWindow(state, "pairs/desktop-docs-warning-1920x1080.png",
               "pairs/desktop-docs-warning-1920x1080--aa.png");
 }
+// As Phone, with a new file to store at every check.
+void BM_MatchWindow_PhoneNewBytes(benchmark::State& state) {
+  matchWindow(state, "pairs/phone-help-steps-1170x2532.png",
+              "pairs/phone-help-steps-1170x2532--aa.png", true);
+}
 // The upload is byte for byte the baseline.
 void BM_MatchWindow_PhoneSameBytes(benchmark::State& state) {
   matchWindow(state, "phone-docs-index-1170x2532.png", "phone-docs-index-1170x2532.png");
@@ -116,6 +127,7 @@ void BM_StartAndStop(benchmark::State& state) {
 }
 
 BENCHMARK(BM_MatchWindow_Phone)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_MatchWindow_PhoneNewBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_MatchWindow_PhoneSameBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_MatchWindow_Desktop)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_MatchWindow_Small)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <ctime>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -484,12 +485,20 @@ struct Service::Impl {
     // matches at every level and is not decoded: the stored image was decoded, and so checked,
     // before it was first stored. Every other upload is decoded before it is used.
     const bool sameAsBaseline = baseline && baseline->image == imageId;
+    const bool ignoreMatch = boolAt(options, "ignoreMatch");
+    const bool ignoreMismatch = boolAt(options, "ignoreMismatch");
+    // A step recorded whatever its verdict has a new upload written (and flushed to disk) while
+    // the comparison runs; the file is complete before the step's row refers to it.
+    std::future<std::string> written;
     std::shared_ptr<const Image> current;
     if (sameAsBaseline) {
       outcome.matches = true;
     } else {
       current = decodeUpload(png);
       if (baseline) {
+        if (!ignoreMatch && !ignoreMismatch && !store->hasImage(imageId)) {
+          written = std::async(std::launch::async, [&] { return store->putImage(png, imageId); });
+        }
         outcome = matchImages(*storedImage(baseline->image), *current, settings);
       } else {
         // Steps of a new test become its proposed baseline; a step beyond an existing baseline
@@ -503,10 +512,9 @@ struct Service::Impl {
     step.asExpected = outcome.matches;
 
     // A mismatch sent with ignoreMismatch is a retry that a later attempt replaces.
-    bool record =
-        outcome.matches ? !boolAt(options, "ignoreMatch") : !boolAt(options, "ignoreMismatch");
+    const bool record = outcome.matches ? !ignoreMatch : !ignoreMismatch;
     if (record) {
-      step.currentImage = store->putImage(png, imageId);
+      step.currentImage = written.valid() ? written.get() : store->putImage(png, imageId);
       if (outcome.diff) {
         std::vector<std::uint8_t> diffPng = outcome.diff->pngData();
         step.diffImage = store->putImage(diffPng);

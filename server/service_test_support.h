@@ -77,18 +77,19 @@ inline std::vector<std::uint8_t> withTextChunk(
     }
     return ~crc;
   };
-  auto appendWord = [](std::vector<std::uint8_t>& out, std::uint32_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-      out.push_back(static_cast<std::uint8_t>(v >> shift));
+  auto putWord = [](std::uint8_t* at, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) at[i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
   };
-  std::vector<std::uint8_t> chunk;
-  appendWord(chunk, static_cast<std::uint32_t>(text.size()));
-  chunk.insert(chunk.end(), {'t', 'E', 'X', 't'});
-  chunk.insert(chunk.end(), text.begin(), text.end());
-  appendWord(chunk, crc32(chunk.data() + 4, chunk.size() - 4));
   constexpr std::size_t kAfterHeader = 8 + 25;  // the signature and the IHDR chunk
-  std::vector<std::uint8_t> out = png;
-  out.insert(out.begin() + kAfterHeader, chunk.begin(), chunk.end());
+  if (png.size() < kAfterHeader) return png;
+  std::vector<std::uint8_t> out(png.size() + 12 + text.size());
+  std::copy(png.begin(), png.begin() + kAfterHeader, out.begin());
+  std::uint8_t* chunk = out.data() + kAfterHeader;
+  putWord(chunk, static_cast<std::uint32_t>(text.size()));
+  std::copy_n("tEXt", 4, chunk + 4);
+  std::copy(text.begin(), text.end(), chunk + 8);
+  putWord(chunk + 8 + text.size(), crc32(chunk + 4, text.size() + 4));
+  std::copy(png.begin() + kAfterHeader, png.end(), chunk + 12 + text.size());
   return out;
 }
 

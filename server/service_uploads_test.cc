@@ -107,7 +107,11 @@ TEST(ServiceUploads, SamePixelsInOtherBytesMatch) {
                   .body["asExpected"],
               true)
         << level;
-    EXPECT_EQ(harness.stop(id, false, false).body["status"], "Passed") << level;
+    Json results = harness.stop(id, false, false).body;
+    EXPECT_EQ(results["status"], "Passed") << level;
+    // The new file is complete by the time its step is recorded.
+    Reply stored = harness.fetch(results["stepsInfo"][0]["apiUrls"]["currentImage"]);
+    EXPECT_EQ(std::vector<std::uint8_t>(stored.raw.begin(), stored.raw.end()), reencoded);
     std::vector<StepRecord> steps = storedSteps(folder.path(), id);
     ASSERT_EQ(steps.size(), 2u);
     EXPECT_EQ(steps[0].currentImage, Store::imageIdOf(reencoded));
