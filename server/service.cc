@@ -11,6 +11,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include <httplib.h>
@@ -497,7 +498,11 @@ struct Service::Impl {
       current = decodeUpload(png);
       if (baseline) {
         if (!ignoreMatch && !ignoreMismatch && !store->hasImage(imageId)) {
-          written = std::async(std::launch::async, [&] { return store->putImage(png, imageId); });
+          try {
+            written = std::async(std::launch::async, [&] { return store->putImage(png, imageId); });
+          } catch (const std::system_error&) {
+            // No thread to spare: the file is written after the comparison instead.
+          }
         }
         outcome = matchImages(*storedImage(baseline->image), *current, settings);
       } else {
