@@ -491,7 +491,7 @@ struct Service::Impl {
     // A step recorded whatever its verdict has a new upload written (and flushed to disk) while
     // the comparison runs; the file is complete before the step's row refers to it.
     std::future<std::string> written;
-    std::shared_ptr<const Image> current;
+    std::shared_ptr<const Image> current, baselinePixels;
     if (sameAsBaseline) {
       outcome.matches = true;
     } else {
@@ -504,7 +504,8 @@ struct Service::Impl {
             // No thread to spare: the file is written after the comparison instead.
           }
         }
-        outcome = matchImages(*storedImage(baseline->image), *current, settings);
+        baselinePixels = storedImage(baseline->image);
+        outcome = matchImages(*baselinePixels, *current, settings);
       } else {
         // Steps of a new test become its proposed baseline; a step beyond an existing baseline
         // is new and needs approval.
@@ -520,9 +521,10 @@ struct Service::Impl {
     const bool record = outcome.matches ? !ignoreMatch : !ignoreMismatch;
     if (record) {
       step.currentImage = written.valid() ? written.get() : store->putImage(png, imageId);
-      if (outcome.diff) {
-        std::vector<std::uint8_t> diffPng = outcome.diff->pngData();
-        step.diffImage = store->putImage(diffPng);
+      if (baselinePixels) {
+        if (std::shared_ptr<Image> diff = diffImage(*baselinePixels, outcome)) {
+          step.diffImage = store->putImage(diff->pngData());
+        }
       }
       if (!settings.accessibility.empty()) {
         const Image& pixels = current ? *current : *storedImage(baseline->image);
