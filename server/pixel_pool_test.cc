@@ -2,7 +2,6 @@
 
 #include <fstream>
 #include <iterator>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -85,29 +84,6 @@ TEST(PixelPoolTest, ImagesOutliveThePool) {
   std::shared_ptr<const Image> image = pool->decodePNG(patterned(5, 5, 4).pngData());
   pool.reset();
   EXPECT_EQ(image->pixels(), patterned(5, 5, 4).pixels());
-}
-
-TEST(PixelPoolTest, ThreadsShareOnePool) {
-  auto pool = std::make_shared<PixelPool>(2, 1u << 20);
-  std::vector<Image> images;
-  std::vector<std::vector<std::uint8_t>> pngs;
-  for (int i = 0; i < 4; ++i) {
-    images.push_back(patterned(16 + i * 5, 10 + i, i));
-    pngs.push_back(images.back().pngData());
-  }
-  std::vector<int> wrong(4, 0);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int n = 0; n < 20; ++n) {
-        const std::size_t which = static_cast<std::size_t>(t + n) % pngs.size();
-        wrong[t] += pool->decodePNG(pngs[which])->pixels() != images[which].pixels();
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(wrong, std::vector<int>(4, 0));
-  EXPECT_LE(pool->count(), 2u);
 }
 
 }  // namespace
