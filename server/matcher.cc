@@ -54,9 +54,14 @@ MatchOutcome matchImages(const Image& baseline, const Image& current,
   MatchOutcome outcome;
   outcome.matches = result.matches;
   if (!result.matches) {
-    outcome.diff = std::make_shared<Image>(compare::makeDiffImage(baseline, result));
+    outcome.comparison = std::make_shared<const compare::CompareResult>(std::move(result));
   }
   return outcome;
+}
+
+std::shared_ptr<Image> diffImage(const Image& baseline, const MatchOutcome& outcome) {
+  if (!outcome.comparison) return nullptr;
+  return std::make_shared<Image>(compare::makeDiffImage(baseline, *outcome.comparison));
 }
 
 std::optional<AccessibilityVerdict> checkAccessibility(const Image& image,

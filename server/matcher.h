@@ -11,18 +11,28 @@
 #include "saffra/platform/image.h"
 #include "server/match_settings.h"
 
+namespace saffra::compare {
+struct CompareResult;
+}
+
 namespace saffra::server {
 
 /// The verdict of one comparison.
 struct MatchOutcome {
   bool matches = false;
-  /// Present for a mismatch when a diff image could be made.
-  std::shared_ptr<Image> diff;
+  /// For a mismatch: the engine's findings, from which diffImage draws.
+  std::shared_ptr<const compare::CompareResult> comparison;
 };
 
 /// Compares `current` with `baseline` at the settings' match level, honouring its regions.
 MatchOutcome matchImages(const Image& baseline, const Image& current,
                          const MatchSettings& settings);
+
+/// The diff image of a mismatch found by matchImages with this baseline: the baseline faded
+/// with the differences marked; nullptr when the comparison found a match. Made only on request,
+/// since a mismatch that is not recorded (a retry) needs none and making one takes longer than the
+/// comparison.
+std::shared_ptr<Image> diffImage(const Image& baseline, const MatchOutcome& outcome);
 
 /// The contrast check of a step's accessibility regions.
 struct AccessibilityVerdict {

@@ -8,8 +8,10 @@
 #include <cmath>
 #include <ctime>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include <httplib.h>
@@ -24,6 +26,7 @@
 #include "server/match_body.h"
 #include "server/match_settings.h"
 #include "server/matcher.h"
+#include "server/pixel_pool.h"
 #include "server/results_document.h"
 #include "server/store.h"
 #include "server/web_access.h"
@@ -240,6 +243,9 @@ struct Service::Impl {
   std::atomic<std::int64_t> matchNanoseconds{0};
   /// Baselines already decoded, by image id.
   ImageCache decodedImages;
+  /// Pixel buffers that uploads are decoded into. A few spare ones cover the checks running at
+  /// once; more would only hold memory.
+  std::shared_ptr<PixelPool> uploadPixels = std::make_shared<PixelPool>(4, std::size_t{128} << 20);
 
   /// Adds the time from its creation to its end to a request counter.
   class HandlerTimer {
@@ -387,28 +393,36 @@ struct Service::Impl {
                    {"batchId", s.batchId}});
   }
 
-  /// Decodes and checks the uploaded screenshot of a match request; `png` holds its bytes when
-  /// they were decoded while reading the body.
-  std::pair<std::vector<std::uint8_t>, std::shared_ptr<Image>> screenshotFrom(
-      const Json& body, std::optional<std::vector<std::uint8_t>> png) {
-    if (!png) {
-      const Json* text = json::find(objectAt(body, "appOutput"), "screenshot64");
-      if (!text || !text->is_string() || text->get_ref<const std::string&>().empty()) {
-        throw RequestError(400, "appOutput.screenshot64 is missing");
-      }
-      png = decodeBase64(text->get_ref<const std::string&>());
-      if (!png) throw RequestError(400, "screenshot64 is not valid base64");
+  /// The uploaded screenshot's bytes; `png` holds them when they were decoded while reading
+  /// the body.
+  static std::vector<std::uint8_t> screenshotFrom(const Json& body,
+                                                  std::optional<std::vector<std::uint8_t>> png) {
+    if (png) return std::move(*png);
+    const Json* text = json::find(objectAt(body, "appOutput"), "screenshot64");
+    if (!text || !text->is_string() || text->get_ref<const std::string&>().empty()) {
+      throw RequestError(400, "appOutput.screenshot64 is missing");
     }
-    auto size = declaredPngSize(*png);
+    png = decodeBase64(text->get_ref<const std::string&>());
+    if (!png) throw RequestError(400, "screenshot64 is not valid base64");
+    return std::move(*png);
+  }
+
+  /// Refuses an upload that is not a PNG or whose header declares a size the service does not
+  /// accept, before anything decodes it.
+  void checkDeclaredSize(const std::vector<std::uint8_t>& png) const {
+    auto size = declaredPngSize(png);
     if (!size) throw RequestError(400, "screenshot64 is not a PNG image");
     if (size->first == 0 || size->second == 0 ||
         size->first * size->second > options.maxImagePixels) {
       throw RequestError(413, "the image's declared size " + std::to_string(size->first) + "x" +
                                   std::to_string(size->second) + " is not accepted");
     }
+  }
+
+  /// Decodes an upload into one of the pooled pixel buffers.
+  std::shared_ptr<const Image> decodeUpload(const std::vector<std::uint8_t>& png) {
     try {
-      auto image = Image::fromPNGData(*png);
-      return {std::move(*png), std::move(image)};
+      return uploadPixels->decodePNG(png);
     } catch (const Exception& e) {
       throw RequestError(400, "screenshot64 is not a valid PNG image: " + e.reason());
     }
@@ -445,7 +459,10 @@ struct Service::Impl {
     } else {
       body = parseBody(req);
     }
-    auto [png, current] = screenshotFrom(body, std::move(uploaded));
+    const std::vector<std::uint8_t> png = screenshotFrom(body, std::move(uploaded));
+    // The upload's id names its file and tells whether it is its baseline's very image; it is
+    // hashed once, before the session's lock is taken.
+    const std::string imageId = Store::imageIdOf(png);
     const Json& options = objectAt(body, "options");
     MatchSettings settings = MatchSettings::fromJson(objectAt(options, "imageMatchSettings"));
     std::string tag = textAt(body, "tag");
@@ -455,6 +472,7 @@ struct Service::Impl {
     std::optional<SessionRecord> session = store->session(id);
     if (!session) throw RequestError(404, "unknown session");
     if (session->outcome) throw RequestError(409, "the session is already stopped");
+    checkDeclaredSize(png);
 
     StepRecord step;
     step.position = store->stepCount(id);
@@ -464,30 +482,56 @@ struct Service::Impl {
     MatchOutcome outcome;
     std::optional<BaselineStep> baseline;
     if (session->baselineId) baseline = store->baselineStep(*session->baselineId, step.position);
-    if (baseline) {
-      outcome = matchImages(*storedImage(baseline->image), *current, settings);
-      step.baselineImage = baseline->image;
+    // An upload byte for byte equal to its baseline image has the baseline's pixels, so it
+    // matches at every level and is not decoded: the stored image was decoded, and so checked,
+    // before it was first stored. Every other upload is decoded before it is used.
+    const bool sameAsBaseline = baseline && baseline->image == imageId;
+    const bool ignoreMatch = boolAt(options, "ignoreMatch");
+    const bool ignoreMismatch = boolAt(options, "ignoreMismatch");
+    // A step recorded whatever its verdict has a new upload written (and flushed to disk) while
+    // the comparison runs; the file is complete before the step's row refers to it.
+    std::future<std::string> written;
+    std::shared_ptr<const Image> current, baselinePixels;
+    if (sameAsBaseline) {
+      outcome.matches = true;
     } else {
-      // Steps of a new test become its proposed baseline; a step beyond an existing baseline is
-      // new and needs approval.
-      outcome.matches = session->isNew;
+      current = decodeUpload(png);
+      if (baseline) {
+        if (!ignoreMatch && !ignoreMismatch && !store->hasImage(imageId)) {
+          try {
+            written = std::async(std::launch::async, [&] { return store->putImage(png, imageId); });
+          } catch (const std::system_error&) {
+            // No thread to spare: the file is written after the comparison instead.
+          }
+        }
+        baselinePixels = storedImage(baseline->image);
+        outcome = matchImages(*baselinePixels, *current, settings);
+      } else {
+        // Steps of a new test become its proposed baseline; a step beyond an existing baseline
+        // is new and needs approval.
+        outcome.matches = session->isNew;
+      }
     }
+    if (baseline) step.baselineImage = baseline->image;
     if (boolAt(options, "forceMatch")) outcome.matches = true;
     if (boolAt(options, "forceMismatch")) outcome.matches = false;
     step.asExpected = outcome.matches;
 
     // A mismatch sent with ignoreMismatch is a retry that a later attempt replaces.
-    bool record =
-        outcome.matches ? !boolAt(options, "ignoreMatch") : !boolAt(options, "ignoreMismatch");
+    const bool record = outcome.matches ? !ignoreMatch : !ignoreMismatch;
     if (record) {
-      step.currentImage = store->putImage(png);
-      if (outcome.diff) {
-        std::vector<std::uint8_t> diffPng = outcome.diff->pngData();
-        step.diffImage = store->putImage(diffPng);
+      step.currentImage = written.valid() ? written.get() : store->putImage(png, imageId);
+      if (baselinePixels) {
+        if (std::shared_ptr<Image> diff = diffImage(*baselinePixels, outcome)) {
+          step.diffImage = store->putImage(diff->pngData());
+        }
       }
-      if (auto verdict = checkAccessibility(*current, settings)) {
-        step.accessibilityPassed = verdict->passed;
-        step.accessibilityLevel = verdict->level;
+      if (!settings.accessibility.empty()) {
+        const Image& pixels = current ? *current : *storedImage(baseline->image);
+        if (auto verdict = checkAccessibility(pixels, settings)) {
+          step.accessibilityPassed = verdict->passed;
+          step.accessibilityLevel = verdict->level;
+        }
       }
       store->insertStep(id, step);
     }

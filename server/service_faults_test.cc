@@ -111,6 +111,31 @@ TEST_F(ServiceFaultsTest, BadRequestsGetJsonErrorsAndALogLine) {
   expectStoredDataIntact();
 }
 
+// A broken upload is judged after its session: an unknown session is 404 and a stopped one 409
+// whatever the image; a running one refuses the image, also when its bytes begin as the
+// baseline's do.
+TEST_F(ServiceFaultsTest, BrokenUploadsAreJudgedAfterTheirSession) {
+  std::string stopped = harness_.start(test_).body["id"];
+  harness_.stop(stopped, false, false);
+  std::vector<std::uint8_t> truncated(kPlain.begin(), kPlain.begin() + kPlain.size() / 2);
+  std::vector<std::uint8_t> damaged = kPlain;
+  damaged[damaged.size() / 2] ^= 0x55;
+  struct Case {
+    const char* label;
+    std::string session;
+    std::vector<std::uint8_t> png;
+    int status;
+  };
+  for (const Case& c : {Case{"unknown session", "ABC-123", truncated, 404},
+                        Case{"stopped session", stopped, damaged, 409},
+                        Case{"truncated", id_, truncated, 400}, Case{"damaged", id_, damaged, 400},
+                        Case{"declared too large", id_, pngHeaderOnly(60000, 60000), 413}}) {
+    Reply reply = harness_.match(c.session, matchBody(c.png, "broken"));
+    EXPECT_EQ(reply.status, c.status) << c.label << " " << reply.raw;
+  }
+  expectStoredDataIntact();
+}
+
 TEST_F(ServiceFaultsTest, RequestsWithoutAValidKeyAreRefused) {
   Json results = harness_.runTest(test_, {kPlain}, false);
   std::string image = results["stepsInfo"][0]["apiUrls"]["currentImage"];

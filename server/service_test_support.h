@@ -65,6 +65,34 @@ inline std::vector<std::uint8_t> solidPng(std::size_t width, std::size_t height,
   return image.pngData();
 }
 
+/// The same PNG with a text chunk after its header: other bytes, the same pixels.
+inline std::vector<std::uint8_t> withTextChunk(
+    const std::vector<std::uint8_t>& png,
+    const std::string& text = std::string("Comment\0re-encoded", 18)) {
+  auto crc32 = [](const std::uint8_t* p, std::size_t n) {
+    std::uint32_t crc = 0xffffffffu;
+    for (std::size_t i = 0; i < n; ++i) {
+      crc ^= p[i];
+      for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1)));
+    }
+    return ~crc;
+  };
+  auto putWord = [](std::uint8_t* at, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) at[i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
+  };
+  constexpr std::size_t kAfterHeader = 8 + 25;  // the signature and the IHDR chunk
+  if (png.size() < kAfterHeader) return png;
+  std::vector<std::uint8_t> out(png.size() + 12 + text.size());
+  std::copy(png.begin(), png.begin() + kAfterHeader, out.begin());
+  std::uint8_t* chunk = out.data() + kAfterHeader;
+  putWord(chunk, static_cast<std::uint32_t>(text.size()));
+  std::copy_n("tEXt", 4, chunk + 4);
+  std::copy(text.begin(), text.end(), chunk + 8);
+  putWord(chunk + 8 + text.size(), crc32(chunk + 4, text.size() + 4));
+  std::copy(png.begin() + kAfterHeader, png.end(), chunk + 12 + text.size());
+  return out;
+}
+
 /// The wire form of a step's or a session's matching settings, with all eleven keys.
 inline Json wireSettings(const std::string& matchLevel = "Strict", Json ignore = Json::array(),
                          Json accessibility = Json::array(),

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <unordered_map>
 
 #include <openssl/evp.h>
 #include <sqlite3.h>
@@ -85,13 +86,60 @@ std::int64_t now() {
   return static_cast<std::int64_t>(std::time(nullptr));
 }
 
-// A prepared statement; columns and parameters are numbered as SQLite numbers them.
+}  // namespace
+
+// Prepared statements kept for the next use of the same SQL text: every check runs the same
+// few queries, and preparing them again each time costs more than running them. Statements in
+// use are not in the cache, so two of the same text can run at once. Used under the store's
+// lock only.
+class Store::StatementCache {
+ public:
+  explicit StatementCache(sqlite3* db) : db_(db) {}
+  ~StatementCache() {
+    for (auto& [sql, stmt] : idle_) sqlite3_finalize(stmt);
+  }
+  StatementCache(const StatementCache&) = delete;
+  StatementCache& operator=(const StatementCache&) = delete;
+
+  sqlite3* db() const { return db_; }
+  /// A statement for `sql`, kept or newly prepared; nullptr when it does not prepare.
+  sqlite3_stmt* take(const char* sql) {
+    if (auto found = idle_.find(sql); found != idle_.end()) {
+      sqlite3_stmt* stmt = found->second;
+      idle_.erase(found);
+      return stmt;
+    }
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
+      sqlite3_finalize(stmt);
+      return nullptr;
+    }
+    return stmt;
+  }
+  /// Resets a statement and keeps it, unless one of its text is kept already.
+  void give(sqlite3_stmt* stmt) {
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+    if (!idle_.try_emplace(sqlite3_sql(stmt), stmt).second) sqlite3_finalize(stmt);
+  }
+
+ private:
+  sqlite3* db_;
+  std::unordered_map<std::string, sqlite3_stmt*> idle_;
+};
+
+namespace {
+
+// A prepared statement from the store's cache; columns and parameters are numbered as SQLite
+// numbers them.
 class Statement {
  public:
-  Statement(sqlite3* db, const char* sql) : db_(db) {
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) fail();
+  Statement(Store::StatementCache& cache, const char* sql) : cache_(cache), db_(cache.db()) {
+    stmt_ = cache_.take(sql);
+    if (!stmt_) fail();
   }
-  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(Store::StatementCache& cache, const std::string& sql) : Statement(cache, sql.c_str()) {}
+  ~Statement() { cache_.give(stmt_); }
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
 
@@ -141,6 +189,7 @@ class Statement {
   }
   [[noreturn]] void fail() { throw StoreError(std::string("database: ") + sqlite3_errmsg(db_)); }
 
+  Store::StatementCache& cache_;
   sqlite3* db_;
   sqlite3_stmt* stmt_ = nullptr;
 };
@@ -323,11 +372,13 @@ Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "i
     throw StoreError("cannot open " + database.string() + ": " + message);
   }
   try {
+    statements_ = std::make_unique<StatementCache>(db_);
     sqlite3_busy_timeout(db_, 10000);
     exec(db_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
     exec(db_, kSchema);
     migrate();
   } catch (...) {
+    statements_.reset();
     sqlite3_close(db_);
     db_ = nullptr;
     throw;
@@ -335,6 +386,7 @@ Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "i
 }
 
 Store::~Store() {
+  statements_.reset();
   sqlite3_close(db_);
 }
 
@@ -342,7 +394,7 @@ void Store::migrate() {
   for (const AddedColumn& added : kAddedColumns) {
     bool present = false;
     {
-      Statement s(db_, (std::string("PRAGMA table_info(") + added.table + ")").c_str());
+      Statement s(*statements_, std::string("PRAGMA table_info(") + added.table + ")");
       while (s.step()) present = present || s.text(1) == added.column;
     }
     if (!present) {
@@ -356,8 +408,16 @@ fs::path Store::imagePath(const std::string& id) const {
   return imageFolder_ / id.substr(0, 2) / (id + ".png");
 }
 
+std::string Store::imageIdOf(std::span<const std::uint8_t> png) {
+  return sha256Hex(png);
+}
+
 std::string Store::putImage(std::span<const std::uint8_t> png) {
-  std::string id = sha256Hex(png);
+  return putImage(png, sha256Hex(png));
+}
+
+std::string Store::putImage(std::span<const std::uint8_t> png, const std::string& id) {
+  if (!isImageId(id)) throw StoreError("not an image id: " + id);
   fs::path path = imagePath(id);
   std::error_code error;
   if (fs::exists(path, error)) return id;
@@ -366,6 +426,11 @@ std::string Store::putImage(std::span<const std::uint8_t> png) {
     throw StoreError("cannot create " + path.parent_path().string() + ": " + error.message());
   writeFileAtomically(path, png);
   return id;
+}
+
+bool Store::hasImage(const std::string& id) const {
+  std::error_code error;
+  return isImageId(id) && fs::exists(imagePath(id), error);
 }
 
 std::optional<std::vector<std::uint8_t>> Store::readImage(const std::string& id) const {
@@ -377,7 +442,7 @@ std::optional<std::vector<std::uint8_t>> Store::readImage(const std::string& id)
 
 std::optional<std::int64_t> Store::findBaseline(const std::string& key) {
   std::lock_guard lock(mutex_);
-  Statement s(db_, "SELECT id FROM baselines WHERE key = ?");
+  Statement s(*statements_, "SELECT id FROM baselines WHERE key = ?");
   s.bind(1, key);
   if (!s.step()) return std::nullopt;
   return s.integer(0);
@@ -385,7 +450,7 @@ std::optional<std::int64_t> Store::findBaseline(const std::string& key) {
 
 std::vector<BaselineStep> Store::baselineSteps(std::int64_t baselineId) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
+  Statement s(*statements_,
               "SELECT position, tag, image FROM baseline_steps WHERE baseline_id = ? "
               "ORDER BY position");
   s.bind(1, baselineId);
@@ -396,7 +461,7 @@ std::vector<BaselineStep> Store::baselineSteps(std::int64_t baselineId) {
 
 std::optional<BaselineStep> Store::baselineStep(std::int64_t baselineId, std::int64_t position) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
+  Statement s(*statements_,
               "SELECT position, tag, image FROM baseline_steps "
               "WHERE baseline_id = ? AND position = ?");
   s.bind(1, baselineId).bind(2, position);
@@ -406,7 +471,7 @@ std::optional<BaselineStep> Store::baselineStep(std::int64_t baselineId, std::in
 
 void Store::recordBatch(const BatchRecord& batch) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
+  Statement s(*statements_,
               "INSERT INTO batches(id, name, started_at, sequence_name) VALUES(?, ?, ?, ?) "
               "ON CONFLICT(id) DO UPDATE SET name = coalesce(excluded.name, name), "
               "sequence_name = coalesce(excluded.sequence_name, sequence_name)");
@@ -416,7 +481,7 @@ void Store::recordBatch(const BatchRecord& batch) {
 
 std::optional<BatchRecord> Store::batch(const std::string& id) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
+  Statement s(*statements_,
               "SELECT id, name, started_at, sequence_name, is_closed FROM batches WHERE id = ?");
   s.bind(1, id);
   if (!s.step()) return std::nullopt;
@@ -425,7 +490,7 @@ std::optional<BatchRecord> Store::batch(const std::string& id) {
 
 bool Store::closeBatch(const std::string& id) {
   std::lock_guard lock(mutex_);
-  Statement s(db_, "UPDATE batches SET is_closed = 1, closed_at = ? WHERE id = ?");
+  Statement s(*statements_, "UPDATE batches SET is_closed = 1, closed_at = ? WHERE id = ?");
   s.bind(1, now()).bind(2, id);
   s.run();
   return sqlite3_changes(db_) > 0;
@@ -433,7 +498,7 @@ bool Store::closeBatch(const std::string& id) {
 
 void Store::insertSession(const SessionRecord& session) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
+  Statement s(*statements_,
               "INSERT INTO sessions(id, token, info, baseline_key, baseline_id, is_new, "
               "started_at, batch_id) VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
   s.bind(1, session.id)
@@ -449,7 +514,7 @@ void Store::insertSession(const SessionRecord& session) {
 
 std::optional<SessionRecord> Store::session(const std::string& id) {
   std::lock_guard lock(mutex_);
-  Statement s(db_, (std::string(kSessionColumns) + " WHERE id = ?").c_str());
+  Statement s(*statements_, std::string(kSessionColumns) + " WHERE id = ?");
   s.bind(1, id);
   if (!s.step()) return std::nullopt;
   return readSession(s);
@@ -457,9 +522,8 @@ std::optional<SessionRecord> Store::session(const std::string& id) {
 
 std::vector<SessionRecord> Store::sessionsInBatch(const std::string& batchId) {
   std::lock_guard lock(mutex_);
-  Statement s(
-      db_,
-      (std::string(kSessionColumns) + " WHERE batch_id = ? ORDER BY started_at, rowid").c_str());
+  Statement s(*statements_,
+              std::string(kSessionColumns) + " WHERE batch_id = ? ORDER BY started_at, rowid");
   s.bind(1, batchId);
   std::vector<SessionRecord> sessions;
   while (s.step()) sessions.push_back(readSession(s));
@@ -468,7 +532,7 @@ std::vector<SessionRecord> Store::sessionsInBatch(const std::string& batchId) {
 
 std::vector<BatchRecord> Store::batches() {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
+  Statement s(*statements_,
               "SELECT b.id, b.name, b.started_at, b.sequence_name, b.is_closed FROM batches b "
               "ORDER BY (SELECT max(started_at) FROM sessions WHERE batch_id = b.id) DESC, "
               "b.rowid DESC");
@@ -481,7 +545,7 @@ std::vector<BatchRecord> Store::batches() {
 
 std::map<std::int64_t, bool> Store::reviews(const std::string& sessionId) {
   std::lock_guard lock(mutex_);
-  Statement s(db_, "SELECT position, accepted FROM reviews WHERE session_id = ?");
+  Statement s(*statements_, "SELECT position, accepted FROM reviews WHERE session_id = ?");
   s.bind(1, sessionId);
   std::map<std::int64_t, bool> verdicts;
   while (s.step()) verdicts[s.integer(0)] = s.integer(1) != 0;
@@ -495,7 +559,7 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
   std::string key;
   std::optional<std::int64_t> comparedWith;
   {
-    Statement s(db_, "SELECT baseline_key, baseline_id FROM sessions WHERE id = ?");
+    Statement s(*statements_, "SELECT baseline_key, baseline_id FROM sessions WHERE id = ?");
     s.bind(1, sessionId);
     if (!s.step()) throw StoreError("unknown session " + sessionId);
     key = s.text(0);
@@ -505,32 +569,32 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
   auto ensureBaseline = [&]() -> std::int64_t {
     if (baselineId) return *baselineId;
     {
-      Statement s(db_, "SELECT id FROM baselines WHERE key = ?");
+      Statement s(*statements_, "SELECT id FROM baselines WHERE key = ?");
       s.bind(1, key);
       if (s.step()) baselineId = s.integer(0);
     }
     if (!baselineId) {
-      Statement s(db_, "INSERT INTO baselines(key, updated_at) VALUES(?, ?) RETURNING id");
+      Statement s(*statements_, "INSERT INTO baselines(key, updated_at) VALUES(?, ?) RETURNING id");
       s.bind(1, key).bind(2, now());
       if (!s.step()) throw StoreError("cannot create baseline");
       baselineId = s.integer(0);
       s.run();
       if (comparedWith) {
-        Statement copy(db_,
+        Statement copy(*statements_,
                        "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
                        "SELECT ?, position, tag, image FROM baseline_steps WHERE baseline_id = ?");
         copy.bind(1, *baselineId).bind(2, *comparedWith);
         copy.run();
       }
     }
-    Statement touch(db_, "UPDATE baselines SET updated_at = ? WHERE id = ?");
+    Statement touch(*statements_, "UPDATE baselines SET updated_at = ? WHERE id = ?");
     touch.bind(1, now()).bind(2, *baselineId);
     touch.run();
     return *baselineId;
   };
   for (const StepReview& review : reviews) {
     {
-      Statement s(db_,
+      Statement s(*statements_,
                   "INSERT INTO reviews(session_id, position, accepted) VALUES(?, ?, ?) "
                   "ON CONFLICT(session_id, position) DO UPDATE SET accepted = excluded.accepted");
       s.bind(1, sessionId).bind(2, review.position).bind(3, std::int64_t{review.accepted});
@@ -539,7 +603,7 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
     if (!review.accepted) continue;
     std::int64_t id = ensureBaseline();
     if (review.newBaselineStep) {
-      Statement s(db_,
+      Statement s(*statements_,
                   "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
                   "VALUES(?, ?, ?, ?) ON CONFLICT(baseline_id, position) "
                   "DO UPDATE SET tag = excluded.tag, image = excluded.image");
@@ -549,13 +613,14 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
           .bind(4, review.newBaselineStep->image);
       s.run();
     } else {
-      Statement s(db_, "DELETE FROM baseline_steps WHERE baseline_id = ? AND position = ?");
+      Statement s(*statements_,
+                  "DELETE FROM baseline_steps WHERE baseline_id = ? AND position = ?");
       s.bind(1, id).bind(2, review.position);
       s.run();
     }
   }
   {
-    Statement s(db_, "UPDATE sessions SET outcome = ? WHERE id = ?");
+    Statement s(*statements_, "UPDATE sessions SET outcome = ? WHERE id = ?");
     s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
     s.run();
   }
@@ -564,7 +629,7 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
 
 std::vector<StepRecord> Store::steps(const std::string& sessionId) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
+  Statement s(*statements_,
               "SELECT position, tag, current_image, baseline_image, diff_image, as_expected, "
               "match_level, accessibility, settings FROM steps WHERE session_id = ? "
               "ORDER BY position");
@@ -595,7 +660,7 @@ std::vector<StepRecord> Store::steps(const std::string& sessionId) {
 
 std::int64_t Store::stepCount(const std::string& sessionId) {
   std::lock_guard lock(mutex_);
-  Statement s(db_, "SELECT count(*) FROM steps WHERE session_id = ?");
+  Statement s(*statements_, "SELECT count(*) FROM steps WHERE session_id = ?");
   s.bind(1, sessionId);
   s.step();
   return s.integer(0);
@@ -603,7 +668,7 @@ std::int64_t Store::stepCount(const std::string& sessionId) {
 
 void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
+  Statement s(*statements_,
               "INSERT INTO steps(session_id, position, tag, current_image, baseline_image, "
               "diff_image, as_expected, match_level, accessibility, settings) "
               "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
@@ -630,21 +695,21 @@ void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
   {
-    Statement s(db_, "UPDATE sessions SET outcome = ? WHERE id = ?");
+    Statement s(*statements_, "UPDATE sessions SET outcome = ? WHERE id = ?");
     s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
     s.run();
   }
   if (newBaseline) {
     std::string key;
     {
-      Statement s(db_, "SELECT baseline_key FROM sessions WHERE id = ?");
+      Statement s(*statements_, "SELECT baseline_key FROM sessions WHERE id = ?");
       s.bind(1, sessionId);
       if (!s.step()) throw StoreError("unknown session " + sessionId);
       key = s.text(0);
     }
     std::int64_t baselineId = 0;
     {
-      Statement s(db_,
+      Statement s(*statements_,
                   "INSERT INTO baselines(key, updated_at) VALUES(?, ?) "
                   "ON CONFLICT(key) DO UPDATE SET updated_at = excluded.updated_at RETURNING id");
       s.bind(1, key).bind(2, now());
@@ -653,12 +718,12 @@ void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
       s.run();
     }
     {
-      Statement s(db_, "DELETE FROM baseline_steps WHERE baseline_id = ?");
+      Statement s(*statements_, "DELETE FROM baseline_steps WHERE baseline_id = ?");
       s.bind(1, baselineId);
       s.run();
     }
     for (const BaselineStep& step : *newBaseline) {
-      Statement s(db_,
+      Statement s(*statements_,
                   "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
                   "VALUES(?, ?, ?, ?)");
       s.bind(1, baselineId).bind(2, step.position).bind(3, step.tag).bind(4, step.image);

@@ -116,9 +116,15 @@ class Store {
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
-  /// Stores PNG bytes and returns their id (the hex SHA-256); storing the same bytes twice
-  /// keeps one file.
+  /// The id that PNG bytes are stored under: the hex SHA-256 of the bytes.
+  static std::string imageIdOf(std::span<const std::uint8_t> png);
+  /// Stores PNG bytes and returns their id; storing the same bytes twice keeps one file.
   std::string putImage(std::span<const std::uint8_t> png);
+  /// The same for bytes whose id the caller already has from imageIdOf, so a large image is
+  /// hashed once. Throws StoreError for a text that is not an image id.
+  std::string putImage(std::span<const std::uint8_t> png, const std::string& id);
+  /// True when an image of this id is stored.
+  bool hasImage(const std::string& id) const;
   /// The bytes of a stored image; nothing for an unknown or malformed id.
   std::optional<std::vector<std::uint8_t>> readImage(const std::string& id) const;
 
@@ -153,6 +159,9 @@ class Store {
   void finishSession(const std::string& sessionId, const Outcome& outcome,
                      const std::vector<BaselineStep>* newBaseline);
 
+  /// The store's prepared statements, kept between uses (defined in store.cc).
+  class StatementCache;
+
  private:
   std::filesystem::path imagePath(const std::string& id) const;
   /// Brings a database made by an earlier version up to the current schema.
@@ -162,6 +171,7 @@ class Store {
   std::filesystem::path imageFolder_;
   mutable std::mutex mutex_;
   sqlite3* db_ = nullptr;
+  std::unique_ptr<StatementCache> statements_;
 };
 
 /// True for a 64-character lower-case hex text, the only form an image id takes.

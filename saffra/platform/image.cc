@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <utility>
 
 #include "saffra/platform/exception.h"
 #include "saffra/platform/png.h"
@@ -45,6 +46,12 @@ Image::Image(std::size_t width, std::size_t height, std::vector<std::uint8_t> rg
 
 Size Image::size() const {
   return Size{static_cast<double>(width_) / scale_, static_cast<double>(height_) / scale_};
+}
+
+std::vector<std::uint8_t> Image::releasePixels() {
+  width_ = 0;
+  height_ = 0;
+  return std::exchange(pixels_, {});
 }
 
 std::shared_ptr<Image> Image::fromRGBA(const std::uint8_t* pixels, std::size_t width,

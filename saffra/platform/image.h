@@ -55,6 +55,9 @@ class Image {
   const std::uint8_t* data() const { return pixels_.data(); }
   std::uint8_t* mutableData() { return pixels_.data(); }
   const std::vector<std::uint8_t>& pixels() const { return pixels_; }
+  /// Moves the pixel buffer out, leaving a 0x0 image: for code that keeps buffers to decode
+  /// into again, so that large images cost no fresh memory.
+  std::vector<std::uint8_t> releasePixels();
   /// The four bytes R, G, B, A of pixel (x, y); no bounds check.
   const std::uint8_t* pixel(std::size_t x, std::size_t y) const {
     return &pixels_[(y * width_ + x) * 4];

@@ -1,0 +1,51 @@
+// Pixel buffers reused from one decoded upload to the next. A phone screenshot is about 12 MB of
+// RGBA; a fresh buffer of that size per check costs page faults and zero-filling that take
+// longer than the decoding itself, so the service decodes uploads into buffers it keeps.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <vector>
+
+#include "saffra/platform/image.h"
+
+namespace saffra::server {
+
+/// A thread-safe, bounded set of spare byte buffers. Buffers keep their size and contents
+/// between uses, so growing one to a size it had before writes nothing.
+class PixelPool : public std::enable_shared_from_this<PixelPool> {
+ public:
+  /// Keeps at most `maxBuffers` spare buffers holding at most `maxBytes` of capacity together.
+  PixelPool(std::size_t maxBuffers, std::size_t maxBytes)
+      : maxBuffers_(maxBuffers), maxBytes_(maxBytes) {}
+  PixelPool(const PixelPool&) = delete;
+  PixelPool& operator=(const PixelPool&) = delete;
+
+  /// A spare buffer for `bytes` bytes: the smallest one large enough, else the largest one
+  /// (which then grows), else a new empty one.
+  std::vector<std::uint8_t> take(std::size_t bytes);
+  /// Hands a buffer back; it is kept when the bounds allow, else freed (the smallest spare
+  /// buffers make room first when it is larger than they are).
+  void give(std::vector<std::uint8_t> buffer);
+
+  /// The spare buffers kept now, and their capacity in bytes.
+  std::size_t count() const;
+  std::size_t bytes() const;
+
+  /// Decodes PNG bytes into a pooled buffer; the image hands its buffer back when the last
+  /// reference to it goes. PNGs of the common kind (8-bit RGB or RGBA) are decoded straight
+  /// into the buffer, others by the general decoder. Throws like Image::fromPNGData.
+  std::shared_ptr<const Image> decodePNG(std::span<const std::uint8_t> png);
+
+ private:
+  const std::size_t maxBuffers_;
+  const std::size_t maxBytes_;
+  mutable std::mutex mutex_;
+  std::size_t bytes_ = 0;
+  std::vector<std::vector<std::uint8_t>> spare_;
+};
+
+}  // namespace saffra::server
