@@ -15,10 +15,11 @@
 // The Node.js tools are installed on first use by bench/tools/install-compare-tools.sh into
 // $HOME/.cache/saffra-bench; without node or npm only our engine is timed.
 //
-// Last measured (Release, SAFFRA_BENCH_ITERATIONS=5, --benchmark_min_time=1, 2 shared cores at
-// load 6-9): 1170x2532 pairs 10.2-11.0x faster than pixelmatch and 10.2-10.3x faster than odiff
-// (geometric means), 11-18 ms per phone pair. About 9 ms of that is decoding the two PNGs
-// (inflate 1.5 ms each; Paeth rows, a chain of dependent steps, most of the rest).
+// Last measured (Release, SAFFRA_BENCH_ITERATIONS=5, --benchmark_min_time=1, 2 shared cores):
+// 1170x2532 pairs 14.1-15.8x faster than pixelmatch and 11.1-11.2x faster than odiff (geometric
+// means), 7.8-23.6 ms per phone pair; the shift and anti-aliasing pairs stay at 8-11x of
+// pixelmatch. The two files are decoded together (shared rows once, Paeth rows of both side by
+// side); Paeth rows and the Strict kernel on differing rows are most of what is left.
 #include <sched.h>
 #include <spawn.h>
 #include <sys/resource.h>
