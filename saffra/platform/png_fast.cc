@@ -485,6 +485,13 @@ bool rowsDone(bool ok, DecodedPixels& out) {
   return ok;
 }
 
+// Rebuilds all rows of one image into `out`.
+bool decodeAlone(const std::vector<std::uint8_t>& raw, DecodedPixels& out, const Header& h) {
+  return rowsDone(
+      h.bpp == 4 ? decodeRows(rowsOf<4>(raw, out, h), 0) : decodeRows(rowsOf<3>(raw, out, h), 0),
+      out);
+}
+
 }  // namespace
 
 std::shared_ptr<Image> decodeCommon(const std::uint8_t* data, std::size_t size, double scale) {
@@ -500,9 +507,7 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
   Header h;
   if (!inflateCommon(data, size, raw, h)) return false;
   DecodedPixels out{rgba};
-  const bool ok = rowsDone(
-      h.bpp == 4 ? decodeRows(rowsOf<4>(raw, out, h), 0) : decodeRows(rowsOf<3>(raw, out, h), 0),
-      out);
+  const bool ok = decodeAlone(raw, out, h);
   releaseIfLarge(raw);
   if (!ok) return false;
   width = out.width;
@@ -521,12 +526,7 @@ bool decodeCommonPairInto(std::span<const std::uint8_t> first, std::span<const s
   sameRows.assign(hb.height, 0);
   bool ok = false;
   if (ha.width != hb.width) {
-    ok = rowsDone(ha.bpp == 4 ? decodeRows(rowsOf<4>(rawA, a, ha), 0)
-                              : decodeRows(rowsOf<3>(rawA, a, ha), 0),
-                  a) &&
-         rowsDone(hb.bpp == 4 ? decodeRows(rowsOf<4>(rawB, b, hb), 0)
-                              : decodeRows(rowsOf<3>(rawB, b, hb), 0),
-                  b);
+    ok = decodeAlone(rawA, a, ha) && decodeAlone(rawB, b, hb);
   } else {
     const auto together = [&](const auto& ra, const auto& rb) {
       return decodeRowsTogether(ra, rb, sameRows.data());
