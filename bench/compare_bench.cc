@@ -10,7 +10,9 @@
 // and the ratios; exits non-zero when our verdicts are wrong (word/shift/color and made pairs
 // must differ, aa pairs must match).
 //
-//   build/compare_bench [--benchmark_filter=...]   (SAFFRA_BENCH_ITERATIONS=5 by default)
+//   build/compare_bench [--benchmark_filter=...]   (SAFFRA_BENCH_ITERATIONS=5 by default;
+//   SAFFRA_BENCH_OURS_ONLY=1 skips the other tools, SAFFRA_BASELINE_KERNELS=1 turns off the
+//   kernels for newer processors)
 //
 // The Node.js tools are installed on first use by bench/tools/install-compare-tools.sh into
 // $HOME/.cache/saffra-bench; without node or npm only our engine is timed.
@@ -267,7 +269,11 @@ int main(int argc, char** argv) {
 
   const char* iterationText = std::getenv("SAFFRA_BENCH_ITERATIONS");
   const int iterations = iterationText ? std::max(1, std::atoi(iterationText)) : 5;
-  auto tools = runTools(pairs, cpu, iterations);
+  // SAFFRA_BENCH_OURS_ONLY=1 times our engine alone (quicker, while tuning it).
+  const char* oursOnly = std::getenv("SAFFRA_BENCH_OURS_ONLY");
+  auto tools = oursOnly && *oursOnly && *oursOnly != '0'
+                   ? std::map<std::string, std::map<std::string, ToolRun>>{}
+                   : runTools(pairs, cpu, iterations);
   fs::remove_all(made);
 
   std::printf("\nCPU ms per comparison on one core, PNG decoding included\n");

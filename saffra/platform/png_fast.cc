@@ -7,12 +7,17 @@
 #include <vector>
 
 #include "saffra/platform/bytes.h"
+#include "saffra/platform/cpu.h"
+#include "saffra/platform/inflate.h"
 
 #ifdef SAFFRA_HAVE_LIBDEFLATE
 #include <libdeflate.h>
 #endif
 #if defined(__SSE2__)
 #include <emmintrin.h>
+#endif
+#if SAFFRA_X86_DISPATCH
+#include <immintrin.h>
 #endif
 
 namespace saffra::png {
@@ -22,11 +27,6 @@ static_assert(std::endian::native == std::endian::little, "pixels are packed lit
 #ifdef SAFFRA_HAVE_LIBDEFLATE
 
 namespace {
-
-struct Decompressor {
-  libdeflate_decompressor* d = libdeflate_alloc_decompressor();
-  ~Decompressor() { libdeflate_free_decompressor(d); }
-};
 
 // Rows are rebuilt straight into the RGBA output: the filtered bytes of a row are spread to
 // 4-byte pixels (alpha 0 for RGB), the filter is undone against the row above in the output,
@@ -100,6 +100,65 @@ void unfilterUp(const std::uint8_t* src, const std::uint8_t* prev, std::uint8_t*
     const __m128i v = _mm_add_epi8(loadPixels<Bpp>(src + x * Bpp), load128(prev + x * 4));
     store128(out + x * 4, _mm_or_si128(v, alpha));
   }
+}
+
+#if SAFFRA_X86_DISPATCH
+// RGB rows on processors with SSSE3: four pixels spread with one byte shuffle instead of the
+// shifts and masks of loadPixels<3>.
+SAFFRA_TARGET_SSSE3 inline __m128i loadRgbShuffled(const std::uint8_t* src) {
+  return _mm_shuffle_epi8(load128(src),
+                          _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1));
+}
+SAFFRA_TARGET_SSSE3 void spreadRgbSsse3(const std::uint8_t* src, std::uint8_t* out,
+                                        std::size_t width, __m128i alpha) {
+  for (std::size_t x = 0; x < width; x += 4) {
+    store128(out + x * 4, _mm_or_si128(loadRgbShuffled(src + x * 3), alpha));
+  }
+}
+SAFFRA_TARGET_SSSE3 void unfilterSubRgbSsse3(const std::uint8_t* src, std::uint8_t* out,
+                                             std::size_t width) {
+  const __m128i alpha = alphaBits<3>();
+  __m128i left = _mm_setzero_si128();
+  for (std::size_t x = 0; x < width; x += 4) {
+    __m128i v = loadRgbShuffled(src + x * 3);
+    v = _mm_add_epi8(v, _mm_slli_si128(v, 4));
+    v = _mm_add_epi8(v, _mm_slli_si128(v, 8));
+    v = _mm_or_si128(_mm_add_epi8(v, left), alpha);
+    store128(out + x * 4, v);
+    left = _mm_shuffle_epi32(v, 0xff);
+  }
+}
+SAFFRA_TARGET_SSSE3 void unfilterUpRgbSsse3(const std::uint8_t* src, const std::uint8_t* prev,
+                                            std::uint8_t* out, std::size_t width) {
+  const __m128i alpha = alphaBits<3>();
+  for (std::size_t x = 0; x < width; x += 4) {
+    const __m128i v = _mm_add_epi8(loadRgbShuffled(src + x * 3), load128(prev + x * 4));
+    store128(out + x * 4, _mm_or_si128(v, alpha));
+  }
+}
+#endif
+
+// The filters above, with the shuffling versions for RGB where the processor has them.
+template <std::size_t Bpp>
+void spread(const std::uint8_t* src, std::uint8_t* out, std::size_t width, __m128i alpha) {
+#if SAFFRA_X86_DISPATCH
+  if (Bpp == 3 && cpu::hasSsse3()) return spreadRgbSsse3(src, out, width, alpha);
+#endif
+  spreadRow<Bpp>(src, out, width, alpha);
+}
+template <std::size_t Bpp>
+void sub(const std::uint8_t* src, std::uint8_t* out, std::size_t width) {
+#if SAFFRA_X86_DISPATCH
+  if (Bpp == 3 && cpu::hasSsse3()) return unfilterSubRgbSsse3(src, out, width);
+#endif
+  unfilterSub<Bpp>(src, out, width);
+}
+template <std::size_t Bpp>
+void up(const std::uint8_t* src, const std::uint8_t* prev, std::uint8_t* out, std::size_t width) {
+#if SAFFRA_X86_DISPATCH
+  if (Bpp == 3 && cpu::hasSsse3()) return unfilterUpRgbSsse3(src, prev, out, width);
+#endif
+  unfilterUp<Bpp>(src, prev, out, width);
 }
 
 inline __m128i loadPixel16(const std::uint8_t* p) {
@@ -210,16 +269,16 @@ bool decodeRow(std::uint8_t type, const std::uint8_t* src, const std::uint8_t* p
   }
   switch (type) {
     case 0:
-      spreadRow<Bpp>(src, out, width, alpha);
+      spread<Bpp>(src, out, width, alpha);
       return true;
     case 1:
-      unfilterSub<Bpp>(src, out, width);
+      sub<Bpp>(src, out, width);
       return true;
     case 2:
-      unfilterUp<Bpp>(src, prev, out, width);
+      up<Bpp>(src, prev, out, width);
       return true;
     case 3: {
-      spreadRow<Bpp>(src, out, width, _mm_setzero_si128());
+      spread<Bpp>(src, out, width, _mm_setzero_si128());
       static thread_local std::vector<std::uint8_t> zeros;
       if (!prev) {
         zeros.assign(width * 4, 0);
@@ -229,7 +288,7 @@ bool decodeRow(std::uint8_t type, const std::uint8_t* src, const std::uint8_t* p
       return true;
     }
     case 4: {
-      spreadRow<Bpp>(src, out, width, _mm_setzero_si128());
+      spread<Bpp>(src, out, width, _mm_setzero_si128());
       __m128i a = _mm_setzero_si128(), c = a;
       unfilterPaeth(out, prev, 0, width, a, c, alpha);
       return true;
@@ -303,7 +362,7 @@ struct Rows {
   }
 #if defined(__SSE2__)
   void spread(std::size_t y) const {
-    spreadRow<Bpp>(filtered(y) + 1, out(y), width, _mm_setzero_si128());
+    png::spread<Bpp>(filtered(y) + 1, out(y), width, _mm_setzero_si128());
   }
   // Rows y and y + 1, both Paeth, together.
   void decodePaethPair(std::size_t y) const {
@@ -413,7 +472,7 @@ struct Header {
 
 // Reads the chunks of a PNG of the common kind and inflates its rows into `raw` (followed by
 // kSlack spare bytes). False for any other kind of file, or any damage.
-constexpr std::size_t kSlack = 16;
+constexpr std::size_t kSlack = 32;
 bool inflateCommon(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& raw,
                    Header& header) {
   static constexpr std::uint8_t kSignature[8] = {137, 80, 78, 71, 13, 10, 26, 10};
@@ -454,13 +513,11 @@ bool inflateCommon(const std::uint8_t* data, std::size_t size, std::vector<std::
   if (!ended || compressed.empty()) return false;
 
   const std::size_t rawSize = height * (width * bpp + 1);
+  static_assert(kSlack >= inflate::kOutputSlack);
   raw.resize(rawSize + kSlack);
-  static thread_local Decompressor decompressor;
-  if (!decompressor.d ||
-      libdeflate_zlib_decompress(decompressor.d, compressed.data(), compressed.size(), raw.data(),
-                                 rawSize, nullptr) != LIBDEFLATE_SUCCESS) {
-    return false;
-  }
+  const std::size_t compressedSize = compressed.size();
+  compressed.resize(compressedSize + inflate::kInputPadding, 0);
+  if (!inflate::zlib(compressed.data(), compressedSize, raw.data(), rawSize)) return false;
   header = {width, height, bpp};
   return true;
 }

@@ -1,0 +1,28 @@
+// A zlib-stream inflater for the PNG decoder, for the codec's own use. Internal: not part of
+// the public API.
+//
+// It exists for one reason: screenshots are full of runs of one colour, which an encoder that
+// does not filter them stores as long matches at a distance of 3 or 4 bytes (one pixel), and
+// general-purpose inflaters copy those a few bytes per step, each step waiting for the last.
+// Here a match at any distance under 16 bytes is written as its repeating 16-byte pattern, one
+// independent store after another.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace saffra::inflate {
+
+/// Bytes of zeros the caller must leave readable after the compressed data (they are read,
+/// never trusted: a stream that needs them is refused).
+constexpr std::size_t kInputPadding = 16;
+/// Bytes the caller must leave writable after the `outSize` bytes of output (scratch only).
+constexpr std::size_t kOutputSlack = 32;
+
+/// Inflates the zlib stream `in[0, inSize)` into exactly `outSize` bytes at `out`. True when
+/// the stream is well formed, holds exactly that many bytes and its Adler-32 checksum matches;
+/// false for anything else (damage of any kind, a preset dictionary, more or less output), in
+/// which case `out` holds unspecified bytes. Never reads or writes outside the bounds above.
+bool zlib(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize);
+
+}  // namespace saffra::inflate

@@ -1,0 +1,137 @@
+#include "saffra/platform/inflate.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "saffra/platform/cpu.h"
+
+namespace saffra::inflate {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// `data` compressed by zlib with the given level and strategy.
+Bytes compress(const Bytes& data, int level, int strategy = Z_DEFAULT_STRATEGY) {
+  z_stream z{};
+  EXPECT_EQ(deflateInit2(&z, level, Z_DEFLATED, 15, 9, strategy), Z_OK);
+  Bytes out(deflateBound(&z, data.size()) + 16);
+  z.next_in = const_cast<Bytes::value_type*>(data.data());
+  z.avail_in = static_cast<uInt>(data.size());
+  z.next_out = out.data();
+  z.avail_out = static_cast<uInt>(out.size());
+  EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
+  out.resize(z.total_out);
+  deflateEnd(&z);
+  return out;
+}
+
+// Inflates `stream` into exactly `size` bytes, with the padding and slack the inflater needs.
+bool inflateTo(const Bytes& stream, std::size_t size, Bytes& out) {
+  Bytes padded(stream);
+  padded.resize(stream.size() + kInputPadding, 0);
+  out.assign(size + kOutputSlack, 0xee);
+  const bool ok = zlib(padded.data(), stream.size(), out.data(), size);
+  out.resize(size);
+  return ok;
+}
+
+// Data of the kinds a PNG holds: runs of one byte, runs of short patterns at every period
+// below and around the 16-byte store, rows repeated from far back, literals, all mixed.
+Bytes mixedData(std::size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  Bytes data;
+  while (data.size() < size) {
+    const unsigned kind = random() % 4;
+    const std::size_t length = 1 + random() % 700;
+    if (kind == 0) {  // noise
+      for (std::size_t i = 0; i < length; ++i) data.push_back(static_cast<std::uint8_t>(random()));
+    } else if (kind == 1 || data.size() < 64) {  // a short pattern repeated
+      const std::size_t period = 1 + random() % 40;
+      Bytes pattern(period);
+      for (auto& b : pattern) b = static_cast<std::uint8_t>(random());
+      for (std::size_t i = 0; i < length; ++i) data.push_back(pattern[i % period]);
+    } else {  // a stretch of earlier data, near or far
+      const std::size_t back = 1 + random() % std::min<std::size_t>(data.size(), 40000);
+      const std::size_t from = data.size() - back;
+      for (std::size_t i = 0; i < length; ++i) data.push_back(data[from + i]);
+    }
+  }
+  data.resize(size);
+  return data;
+}
+
+// Every block type and match shape that zlib writes comes back byte for byte, whether the
+// processor's shuffle is used for short patterns or not.
+TEST(InflateTest, InflatesWhatZlibWritesExactly) {
+  for (const bool baseline : {false, true}) {
+    cpu::useBaselineKernels(baseline);
+    for (unsigned seed = 1; seed <= 6; ++seed) {
+      const Bytes data = mixedData(seed * 40000, seed);
+      for (const auto& [level, strategy] : std::vector<std::pair<int, int>>{{0, Z_DEFAULT_STRATEGY},
+                                                                            {1, Z_DEFAULT_STRATEGY},
+                                                                            {6, Z_DEFAULT_STRATEGY},
+                                                                            {9, Z_DEFAULT_STRATEGY},
+                                                                            {6, Z_FIXED},
+                                                                            {6, Z_RLE},
+                                                                            {6, Z_HUFFMAN_ONLY}}) {
+        Bytes out;
+        ASSERT_TRUE(inflateTo(compress(data, level, strategy), data.size(), out))
+            << "seed " << seed << " level " << level << " strategy " << strategy;
+        ASSERT_EQ(out, data) << "seed " << seed << " level " << level << " strategy " << strategy;
+      }
+    }
+  }
+  cpu::useBaselineKernels(false);
+  // Nothing at all, and a single byte.
+  for (const Bytes& data : {Bytes{}, Bytes{42}}) {
+    Bytes out;
+    EXPECT_TRUE(inflateTo(compress(data, 6), data.size(), out));
+    EXPECT_EQ(out, data);
+  }
+}
+
+// A stream is refused, without reading or writing out of bounds (the sanitizer builds check
+// that), when it is cut short, damaged anywhere, holds more or less than the size asked for,
+// needs a preset dictionary or has a bad header; a damaged stream never passes as good data.
+TEST(InflateTest, RefusesDamagedStreamsAndWrongSizes) {
+  const Bytes data = mixedData(30000, 7);
+  const Bytes stream = compress(data, 6);
+  Bytes out;
+  ASSERT_TRUE(inflateTo(stream, data.size(), out));
+  EXPECT_FALSE(inflateTo(stream, data.size() - 1, out));
+  EXPECT_FALSE(inflateTo(stream, data.size() + 1, out));
+  for (std::size_t cut = 0; cut < stream.size(); cut += 1 + cut / 7) {
+    EXPECT_FALSE(inflateTo(Bytes(stream.begin(), stream.begin() + cut), data.size(), out))
+        << "cut at " << cut;
+  }
+  std::mt19937 random(11);
+  for (int k = 0; k < 3000; ++k) {
+    Bytes damaged = stream;
+    const std::size_t at = random() % damaged.size();
+    damaged[at] ^= static_cast<std::uint8_t>(1u << (random() % 8));
+    if (inflateTo(damaged, data.size(), out)) {
+      EXPECT_EQ(out, data) << "flip at " << at;
+    }
+  }
+  // Random bytes behind a valid header, and streams of garbage of every small length.
+  for (int k = 0; k < 3000; ++k) {
+    Bytes garbage(2 + random() % 600);
+    for (auto& b : garbage) b = static_cast<std::uint8_t>(random());
+    garbage[0] = 0x78, garbage[1] = 0x9c;
+    EXPECT_FALSE(inflateTo(garbage, 1000, out));
+  }
+  Bytes dictionary = stream;
+  dictionary[1] = 0xbb;  // 0x78bb: the preset-dictionary flag, header check still valid
+  EXPECT_FALSE(inflateTo(dictionary, data.size(), out));
+  Bytes header = stream;
+  header[1] ^= 1;
+  EXPECT_FALSE(inflateTo(header, data.size(), out));
+}
+
+}  // namespace
+}  // namespace saffra::inflate
