@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "saffra/platform/cpu.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/png.h"
 
@@ -111,32 +112,38 @@ std::vector<std::uint8_t> filteredPng(const std::vector<std::uint8_t>& pixels, s
 }
 
 // Every filter type, alone and next to each other (runs of Paeth rows are decoded two at a
-// time), on RGB and RGBA rows of widths around the 4-pixel steps of the row decoder.
+// time), on RGB and RGBA rows of widths around the 4-pixel steps of the row decoder, with the
+// processor's own kernels and with the portable ones.
 TEST(PngFastTest, UndoesEveryFilterOnRgbAndRgbaRowsOfAnyWidth) {
   const std::vector<std::vector<int>> orders = {
       {0}, {1}, {2}, {3}, {4}, {4, 4, 4, 2}, {3, 4, 1, 4, 4, 0, 2, 4}, {2, 3, 4, 4, 1}};
-  for (const std::size_t bpp : {3u, 4u}) {
-    for (const std::size_t width : {1u, 2u, 3u, 4u, 5u, 7u, 8u, 13u, 33u}) {
-      const std::size_t height = 11;
-      std::vector<std::uint8_t> pixels(width * height * 4);
-      std::uint32_t seed = 12345;
-      for (std::size_t i = 0; i < pixels.size(); ++i) {
-        seed = seed * 1103515245 + 12345;
-        // Mostly smooth with sharp steps, so every Paeth choice occurs.
-        pixels[i] = static_cast<std::uint8_t>((seed >> 16) % 7 == 0 ? seed >> 8 : i / 4 * 3);
-        if (bpp == 3 && i % 4 == 3) pixels[i] = 255;
-      }
-      for (const auto& order : orders) {
-        SCOPED_TRACE("bpp " + std::to_string(bpp) + ", width " + std::to_string(width) +
-                     ", first filter " + std::to_string(order[0]));
-        const std::vector<std::uint8_t> png = filteredPng(pixels, width, height, bpp, order);
-        const std::shared_ptr<Image> image = decodeCommon(png.data(), png.size(), 1.0);
-        ASSERT_TRUE(image);
-        EXPECT_EQ(image->pixels(), pixels);
-        EXPECT_EQ(decodeWithSpng(png), pixels);
+  for (const bool portable : {false, true}) {
+    cpu::useBaselineKernels(portable);
+    for (const std::size_t bpp : {3u, 4u}) {
+      for (const std::size_t width : {1u, 2u, 3u, 4u, 5u, 7u, 8u, 13u, 33u}) {
+        const std::size_t height = 11;
+        std::vector<std::uint8_t> pixels(width * height * 4);
+        std::uint32_t seed = 12345;
+        for (std::size_t i = 0; i < pixels.size(); ++i) {
+          seed = seed * 1103515245 + 12345;
+          // Mostly smooth with sharp steps, so every Paeth choice occurs.
+          pixels[i] = static_cast<std::uint8_t>((seed >> 16) % 7 == 0 ? seed >> 8 : i / 4 * 3);
+          if (bpp == 3 && i % 4 == 3) pixels[i] = 255;
+        }
+        for (const auto& order : orders) {
+          SCOPED_TRACE(std::string(portable ? "portable, " : "") + "bpp " + std::to_string(bpp) +
+                       ", width " + std::to_string(width) + ", first filter " +
+                       std::to_string(order[0]));
+          const std::vector<std::uint8_t> png = filteredPng(pixels, width, height, bpp, order);
+          const std::shared_ptr<Image> image = decodeCommon(png.data(), png.size(), 1.0);
+          ASSERT_TRUE(image);
+          EXPECT_EQ(image->pixels(), pixels);
+          EXPECT_EQ(decodeWithSpng(png), pixels);
+        }
       }
     }
   }
+  cpu::useBaselineKernels(false);
 }
 
 // Two files decoded together give each file's own pixels, whatever filters either uses row by

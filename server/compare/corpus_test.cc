@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 
+#include "saffra/platform/cpu.h"
 #include "server/compare/compare.h"
 
 namespace saffra::compare {
@@ -71,6 +72,29 @@ TEST_P(CorpusPairs, DifferenceBoxesCoverTheEditedText) {
     EXPECT_GE(box.top, change.top - 2);
     EXPECT_LE(box.right(), change.right() + 2);
     EXPECT_LE(box.bottom(), change.bottom() + 2);
+  }
+}
+
+// The kernels for newer processors (where this one has them) mark the very pixels the portable
+// ones mark, at the levels that run them, for every kind of change.
+TEST_P(CorpusPairs, ProcessorSpecificKernelsMarkTheSamePixels) {
+  const std::string base = GetParam();
+  const auto baseline = readFile(kPairs / (base + ".png"));
+  for (const char* kind : {"word", "shift", "color", "aa"}) {
+    const auto other = readFile(kPairs / (base + "--" + kind + ".png"));
+    for (const MatchLevel level : {MatchLevel::Strict, MatchLevel::Content}) {
+      CompareOptions options;
+      options.level = level;
+      options.keepMask = true;
+      cpu::useBaselineKernels(true);
+      const CompareResult portable = comparePNG(baseline, other, options);
+      cpu::useBaselineKernels(false);
+      const CompareResult own = comparePNG(baseline, other, options);
+      EXPECT_EQ(own.matches, portable.matches) << kind;
+      EXPECT_EQ(own.differingPixels, portable.differingPixels) << kind;
+      EXPECT_EQ(own.differences.size(), portable.differences.size()) << kind;
+      EXPECT_TRUE(own.mask == portable.mask) << kind;
+    }
   }
 }
 
