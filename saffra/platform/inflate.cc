@@ -2,7 +2,9 @@
 
 #ifdef SAFFRA_HAVE_LIBDEFLATE
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
 
 #include <libdeflate.h>
 
@@ -220,39 +222,77 @@ class Inflater {
   Inflater(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize)
       : in_(in), inEnd_(in + inSize), out_(out), outStart_(out), outEnd_(out + outSize) {}
 
-  bool run() {
-    if (inEnd_ - in_ < 2) return false;
-    const unsigned cmf = in_[0], flg = in_[1];
-    // Deflate, a window of at most 32 KiB, no preset dictionary, a valid header check.
-    if ((cmf & 15) != 8 || (cmf >> 4) > 7 || (flg & 0x20) || (cmf * 256 + flg) % 31 != 0) {
-      return false;
+  // Inflates until at least `target` bytes of output are final or the stream has ended (and
+  // then checks its end). False on damage of any kind, from then on.
+  bool advance(std::size_t target) {
+    if (failed_) return false;
+    if (!advanceTo(outStart_ + std::min(target, static_cast<std::size_t>(outEnd_ - outStart_)))) {
+      failed_ = true;
     }
-    in_ += 2;
-    bool last = false;
-    while (!last) {
-      if (!refill()) return false;
-      last = bits_ & 1;
-      const unsigned type = (bits_ >> 1) & 3;
-      consume(3);
-      bool ok = false;
-      if (type == 0) {
-        ok = stored();
-      } else if (type == 1) {
-        ok = fixedTables() && huffman();
-      } else if (type == 2) {
-        ok = dynamicTables() && huffman();
-      }
-      if (!ok) return false;
+    // The checksum runs over each piece while it is still in the caches.
+    adler_ = libdeflate_adler32(adler_, adlerDone_, static_cast<std::size_t>(out_ - adlerDone_));
+    adlerDone_ = out_;
+    if (!failed_ && ended_ && !finished_) {
+      failed_ = !checkEnd();
+      finished_ = !failed_;
     }
-    // The Adler-32 checksum follows on the next byte boundary.
-    consume(count_ & 7);
-    in_ -= count_ >> 3;
-    if (in_ > inEnd_ || inEnd_ - in_ < 4 || out_ != outEnd_) return false;
-    const std::size_t size = static_cast<std::size_t>(outEnd_ - outStart_);
-    return libdeflate_adler32(1, outStart_, size) == bytes::loadBigEndian32(in_);
+    return !failed_;
   }
+  std::size_t produced() const { return static_cast<std::size_t>(out_ - outStart_); }
+  bool finished() const { return finished_; }
 
  private:
+  bool advanceTo(const std::uint8_t* target) {
+    if (!started_) {
+      started_ = true;
+      if (inEnd_ - in_ < 2) return false;
+      const unsigned cmf = in_[0], flg = in_[1];
+      // Deflate, a window of at most 32 KiB, no preset dictionary, a valid header check.
+      if ((cmf & 15) != 8 || (cmf >> 4) > 7 || (flg & 0x20) || (cmf * 256 + flg) % 31 != 0) {
+        return false;
+      }
+      in_ += 2;
+    }
+    while (!ended_ && (out_ < target || target == outEnd_)) {
+      if (!inBlock_) {
+        if (lastBlock_) {
+          ended_ = true;
+          break;
+        }
+        if (!refill()) return false;
+        lastBlock_ = bits_ & 1;
+        const unsigned type = (bits_ >> 1) & 3;
+        consume(3);
+        if (type == 0) {
+          if (!stored()) return false;
+          continue;
+        }
+        if (type == 3 || !(type == 1 ? fixedTables() : dynamicTables())) return false;
+        inBlock_ = true;
+      }
+      switch (huffman(target == outEnd_ ? nullptr : target)) {
+        case Block::kDamaged:
+          return false;
+        case Block::kEnded:
+          inBlock_ = false;
+          break;
+        case Block::kPaused:
+          return true;
+      }
+    }
+    return true;
+  }
+
+  // The Adler-32 checksum follows the last block on the next byte boundary.
+  bool checkEnd() {
+    consume(count_ & 7);
+    in_ -= count_ >> 3;
+    bits_ = 0;
+    count_ = 0;
+    if (in_ > inEnd_ || inEnd_ - in_ < 4 || out_ != outEnd_) return false;
+    return adler_ == bytes::loadBigEndian32(in_);
+  }
+
   // Tops the bit buffer up to at least 56 bits. The bytes past the input are zeros the caller
   // leaves; a stream still reading once they are used up is refused.
   bool refill() {
@@ -362,7 +402,8 @@ class Inflater {
   // The codes of one block up to its end code. The reader's state lives in locals here: the
   // output is written through a byte pointer, which could alias the members and would make
   // the compiler keep them in memory.
-  bool huffman() {
+  enum class Block { kEnded, kPaused, kDamaged };
+  Block huffman(const std::uint8_t* pauseAt) {
     const std::uint8_t* in = in_;
     std::uint8_t* out = out_;
     std::uint64_t bits = bits_;
@@ -399,12 +440,23 @@ class Inflater {
       consume(n);
       return v;
     };
-    bool ok = false;
+    Block result = Block::kDamaged;
     for (;;) {
+      if (pauseAt && out >= pauseAt) {
+        result = Block::kPaused;
+        break;
+      }
       if (in > inLimit) break;
+      // The buffer holds at least 16 bits of the stream here (each step consumes at most 48 of
+      // the 64 a refill leaves), so the next code is looked up beside the refill.
+      std::uint32_t e = litlen[bits & ((1u << kLitlenBits) - 1)];
       refill();
+      if (e & kLink) {
+        consume(kLitlenBits);
+        e = litlen[valueOf(e) + (bits & ((1u << extraOf(e)) - 1))];
+      }
+      consume(bitsOf(e));
       const bool room = outEnd - out >= kRoom;
-      std::uint32_t e = decode(litlen, kLitlenBits);
       // Up to three literals per refill (15 bits each at most).
       if (e & kLiteral) {
         if (!room && out == outEnd) break;
@@ -422,17 +474,21 @@ class Inflater {
         }
         // A length code's extra bits (5 at most), a distance code and its extra bits (13 at
         // most) may still be needed.
-        if (count < 48) {
-          if (in > inLimit) break;
-          refill();
-        }
+        if (in > inLimit) break;
+        refill();
       }
       if (!(e & kValue)) {
-        ok = (e & kEnd) != 0;  // else an invalid code
+        if (e & kEnd) result = Block::kEnded;  // else an invalid code
         break;
       }
+      // The distance code's entry is looked up beside the length's extra bits.
+      std::uint32_t d = distances[(bits >> extraOf(e)) & ((1u << kDistanceBits) - 1)];
       const std::size_t length = valueOf(e) + extra(e);
-      const std::uint32_t d = decode(distances, kDistanceBits);
+      if (d & kLink) {
+        consume(kDistanceBits);
+        d = distances[valueOf(d) + (bits & ((1u << extraOf(d)) - 1))];
+      }
+      consume(bitsOf(d));
       if (!(d & kValue)) break;
       const std::size_t distance = valueOf(d) + extra(d);
       if (distance > static_cast<std::size_t>(out - outStart) ||
@@ -446,7 +502,7 @@ class Inflater {
     out_ = out;
     bits_ = bits;
     count_ = count;
-    return ok;
+    return result;
   }
 
   const std::uint8_t* in_;
@@ -457,14 +513,36 @@ class Inflater {
   std::uint64_t bits_ = 0;
   unsigned count_ = 0;  // valid bits in bits_ (the bits above them are the bytes that follow)
   const bool ssse3_ = cpu::hasSsse3();
-  Tables tables_;
+  bool started_ = false, inBlock_ = false, lastBlock_ = false, ended_ = false;
+  bool finished_ = false, failed_ = false;
+  std::uint32_t adler_ = 1;
+  const std::uint8_t* adlerDone_ = outStart_;
+  std::unique_ptr<Tables> tablesOwned_ = std::make_unique<Tables>();
+  Tables& tables_ = *tablesOwned_;
 };
 
 }  // namespace
 
+struct Stream::State : Inflater {
+  using Inflater::Inflater;
+};
+
+Stream::Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize)
+    : state_(std::make_unique<State>(in, inSize, out, outSize)) {}
+Stream::~Stream() = default;
+bool Stream::advance(std::size_t target) {
+  return state_->advance(target);
+}
+std::size_t Stream::produced() const {
+  return state_->produced();
+}
+bool Stream::finished() const {
+  return state_->finished();
+}
+
 bool zlib(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize) {
   Inflater inflater(in, inSize, out, outSize);
-  return inflater.run();
+  return inflater.advance(outSize) && inflater.finished();
 }
 
 }  // namespace saffra::inflate

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace saffra::inflate {
 
@@ -24,5 +25,27 @@ constexpr std::size_t kOutputSlack = 32;
 /// false for anything else (damage of any kind, a preset dictionary, more or less output), in
 /// which case `out` holds unspecified bytes. Never reads or writes outside the bounds above.
 bool zlib(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize);
+
+/// The same piece by piece, so the caller can use each piece of the output while it is still
+/// in the processor's caches: advance() inflates until at least `target` bytes (counted from
+/// the start) are final, or to the end of the stream, where it checks the end as zlib() does.
+/// Bytes before produced() are final; bytes after it may be scratch.
+class Stream {
+ public:
+  Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize);
+  ~Stream();
+  Stream(const Stream&) = delete;
+  Stream& operator=(const Stream&) = delete;
+
+  /// False once the stream shows damage of any kind (and from then on).
+  bool advance(std::size_t target);
+  std::size_t produced() const;
+  /// True once the whole stream is inflated, exactly filled the output and its checksum matched.
+  bool finished() const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 }  // namespace saffra::inflate

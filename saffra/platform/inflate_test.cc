@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -131,6 +132,42 @@ TEST(InflateTest, RefusesDamagedStreamsAndWrongSizes) {
   Bytes header = stream;
   header[1] ^= 1;
   EXPECT_FALSE(inflateTo(header, data.size(), out));
+}
+
+// Piece by piece, in steps of any size, the stream gives the same bytes and the same checks:
+// it finishes only at its verified end, and a damaged stream fails on some step and stays
+// failed.
+TEST(InflateTest, InflatesPieceByPieceLikeAllAtOnce) {
+  const Bytes data = mixedData(200000, 9);
+  const Bytes stream = compress(data, 6);
+  Bytes padded(stream);
+  padded.resize(stream.size() + kInputPadding, 0);
+  std::mt19937 random(5);
+  for (const std::size_t step : {1ul, 100ul, 4096ul, 65536ul, 1000000ul}) {
+    Bytes out(data.size() + kOutputSlack);
+    Stream s(padded.data(), stream.size(), out.data(), data.size());
+    std::size_t produced = 0;
+    while (!s.finished()) {
+      ASSERT_TRUE(s.advance(produced + 1 + random() % step));
+      ASSERT_GE(s.produced(), produced);
+      // What a step reports final is already the data's.
+      ASSERT_TRUE(
+          std::equal(out.begin() + produced, out.begin() + s.produced(), data.begin() + produced))
+          << step;
+      produced = s.produced();
+    }
+    EXPECT_EQ(produced, data.size());
+  }
+  Bytes damaged = padded;
+  damaged[stream.size() - 2] ^= 1;  // the checksum
+  Bytes out(data.size() + kOutputSlack);
+  Stream s(damaged.data(), stream.size(), out.data(), data.size());
+  bool failed = false;
+  for (int k = 0; k < 1000 && !failed && !s.finished(); ++k)
+    failed = !s.advance(s.produced() + 5000);
+  EXPECT_TRUE(failed);
+  EXPECT_FALSE(s.finished());
+  EXPECT_FALSE(s.advance(data.size()));
 }
 
 }  // namespace

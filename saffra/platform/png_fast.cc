@@ -256,6 +256,58 @@ void unfilterPaethTwo(std::uint8_t* first, const std::uint8_t* firstPrev, std::u
   unfilterPaeth(second, secondPrev, width - lag, width, a, c, alpha);
 }
 
+// A Paeth row alone as two chains side by side: its left half, and its right half started from
+// a guess of the pixel to its left (the pixel above that one, which a screen's flat areas make
+// right). When the guess was wrong, the right half is rebuilt again from its start until it
+// meets the guessed results: from a pixel where both agree on, they agree on every later one,
+// as the filter reads nothing else of the row before. `src` holds the row's filtered bytes,
+// `out` the same spread to 4-byte pixels.
+template <std::size_t Bpp>
+void unfilterPaethSplit(const std::uint8_t* src, std::uint8_t* out, const std::uint8_t* prev,
+                        std::size_t width, __m128i alpha) {
+  const __m128i zero = _mm_setzero_si128();
+  __m128i a = zero, c = zero;
+  const std::size_t half = width / 2;
+  if (half < 8) {
+    unfilterPaeth(out, prev, 0, width, a, c, alpha);
+    return;
+  }
+  std::uint8_t* right = out + half * 4;
+  const std::uint8_t* rightPrev = prev + half * 4;
+  const __m128i guess = loadPixel16(prev + (half - 1) * 4);
+  a = _mm_unpacklo_epi64(zero, guess);
+  c = a;
+  for (std::size_t x = 0; x < half; ++x) {
+    const __m128i b = _mm_unpacklo_epi64(loadPixel16(prev + x * 4), loadPixel16(rightPrev + x * 4));
+    a = paeth(a, b, c, _mm_unpacklo_epi64(loadPixel16(out + x * 4), loadPixel16(right + x * 4)));
+    c = b;
+    const __m128i packed = _mm_or_si128(_mm_packus_epi16(a, a), alpha);
+    const auto low = static_cast<std::uint32_t>(_mm_cvtsi128_si32(packed));
+    const auto high = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(packed, 4)));
+    std::memcpy(out + x * 4, &low, 4);
+    std::memcpy(right + x * 4, &high, 4);
+  }
+  // An odd last pixel goes on from the right half's chain.
+  __m128i rightLeft = _mm_unpackhi_epi64(a, zero), rightAboveLeft = _mm_unpackhi_epi64(c, zero);
+  unfilterPaeth(out, prev, 2 * half, width, rightLeft, rightAboveLeft, alpha);
+  const auto stored = [&](std::size_t x) { return bytes::load32(out + x * 4); };
+  const auto alphaWord = static_cast<std::uint32_t>(_mm_cvtsi128_si32(alpha));
+  if (stored(half - 1) == (bytes::load32(prev + (half - 1) * 4) | alphaWord)) return;
+  a = loadPixel16(out + (half - 1) * 4);
+  c = guess;
+  for (std::size_t x = half; x < width; ++x) {
+    std::uint32_t filtered = 0;
+    std::memcpy(&filtered, src + x * Bpp, Bpp);
+    const __m128i b = loadPixel16(prev + x * 4);
+    a = paeth(a, b, c, _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(filtered)), zero));
+    c = b;
+    const auto value =
+        static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_or_si128(_mm_packus_epi16(a, a), alpha)));
+    if (value == stored(x)) return;
+    std::memcpy(out + x * 4, &value, 4);
+  }
+}
+
 // Rebuilds output row `out` from the filtered bytes `src`; `prev` is the output row above, or
 // nullptr for the first row. False for an unknown filter type.
 template <std::size_t Bpp>
@@ -287,12 +339,10 @@ bool decodeRow(std::uint8_t type, const std::uint8_t* src, const std::uint8_t* p
       unfilterAverage(out, prev, width, alpha);
       return true;
     }
-    case 4: {
+    case 4:
       spread<Bpp>(src, out, width, _mm_setzero_si128());
-      __m128i a = _mm_setzero_si128(), c = a;
-      unfilterPaeth(out, prev, 0, width, a, c, alpha);
+      unfilterPaethSplit<Bpp>(src, out, prev, width, alpha);
       return true;
-    }
     default:
       return false;
   }
@@ -374,12 +424,13 @@ struct Rows {
 };
 
 // Rebuilds rows [from, height) of one image.
+// Rebuilds rows [from, to) of one image.
 template <std::size_t Bpp>
-bool decodeRows(const Rows<Bpp>& rows, std::size_t from) {
-  for (std::size_t y = from; y < rows.height; ++y) {
+bool decodeRows(const Rows<Bpp>& rows, std::size_t from, std::size_t to) {
+  for (std::size_t y = from; y < to; ++y) {
 #if defined(__SSE2__)
     // Two Paeth rows in a row are undone together, which halves their serial dependency.
-    if (rows.isPaeth(y) && rows.isPaeth(y + 1)) {
+    if (y + 1 < to && rows.isPaeth(y) && rows.isPaeth(y + 1)) {
       rows.decodePaethPair(y++);
       continue;
     }
@@ -389,96 +440,131 @@ bool decodeRows(const Rows<Bpp>& rows, std::size_t from) {
   return true;
 }
 
-// Rebuilds two images of the same width, as a comparison reads them: a row of `b` whose
-// filtered bytes are those of the same row of `a`, and whose row above (if its filter reads it)
-// holds the same pixels, is a copy of `a`'s row and is not rebuilt; a Paeth row of `b` that
-// must be rebuilt runs beside the same row of `a` when that is Paeth too (whatever the two
-// pixel formats). Screenshots of the same screen share most rows, and their encoder picks the
-// same filters for the same rows.
+// Rebuilds two images of the same width, as a comparison reads them, as far as both have
+// inflated rows: a row of `b` whose filtered bytes are those of the same row of `a`, and whose
+// row above (if its filter reads it) holds the same pixels, is a copy of `a`'s row and is not
+// rebuilt; a Paeth row of `b` that must be rebuilt runs beside the same row of `a` when that is
+// Paeth too (whatever the two pixel formats). Screenshots of the same screen share most rows,
+// and their encoder picks the same filters for the same rows.
 template <std::size_t BppA, std::size_t BppB>
-bool decodeRowsTogether(const Rows<BppA>& a, const Rows<BppB>& b, std::uint8_t* same) {
-  const std::size_t height = std::min(a.height, b.height), rawRow = a.rawRow();
-  static thread_local std::vector<std::uint8_t> sameFiltered;
-  sameFiltered.assign(height, 0);
-  if constexpr (BppA == BppB) {  // files of other pixel formats share no filtered bytes
-    for (std::size_t y = 0; y < height; ++y) {
-      sameFiltered[y] = std::memcmp(a.filtered(y), b.filtered(y), rawRow) == 0;
-    }
+class RowsTogether {
+ public:
+  RowsTogether(const Rows<BppA>& a, const Rows<BppB>& b, std::uint8_t* same)
+      : a_(a), b_(b), same_(same), height_(std::min(a.height, b.height)) {
+    sameFiltered_.assign(height_, 0);
   }
-  // Whether b's row y is a copy of a's: its filter ignores the row above, or that row holds the
-  // same pixels in both (above row 0 every byte reads as zero in both).
-  const auto copied = [&](std::size_t y) {
-    return sameFiltered[y] && (b.type(y) <= 1 || y == 0 || same[y - 1]);
-  };
-  // Whether b's row y is likely to need a Paeth chain of its own.
-  const auto bPaeth = [&](std::size_t y) { return b.isPaeth(y) && !sameFiltered[y]; };
-  const auto compareRow = [&](std::size_t y) {
-    same[y] = std::memcmp(a.out(y), b.out(y), a.outRow()) == 0;
-  };
-  // Rebuilds b's row y, or copies a's, once a's row is done.
-  bool ok = true;
-  const auto finishB = [&](std::size_t y, bool copy) {
-    if (copy) {
-      std::memcpy(b.out(y), a.out(y), a.outRow());
-      same[y] = 1;
-      return;
+
+  // Rebuilds the rows not done yet below `limit` (rows both images hold whole).
+  bool upTo(std::size_t limit) {
+    limit = std::min(limit, height_);
+    if constexpr (BppA == BppB) {  // files of other pixel formats share no filtered bytes
+      for (; checked_ < limit; ++checked_) {
+        sameFiltered_[checked_] =
+            std::memcmp(a_.filtered(checked_), b_.filtered(checked_), a_.rawRow()) == 0;
+      }
     }
-    if (!b.decode(y)) ok = false;
-    compareRow(y);
-  };
-  std::size_t y = 0;
-  while (y < height && ok) {
-    const bool copy = copied(y);
-#if defined(__SSE2__)
-    if (!copy && a.isPaeth(y) && b.isPaeth(y)) {
-      a.spread(y);
-      b.spread(y);
-      unfilterPaethTwo(a.out(y), a.out(y - 1), b.out(y), b.out(y - 1), a.width, 0,
-                       _mm_unpacklo_epi32(alphaBits<BppA>(), alphaBits<BppB>()));
-      compareRow(y++);
-      continue;
-    }
-    // Two Paeth rows of one image together, while the other image has no Paeth rows to
-    // rebuild beside them.
-    if (a.isPaeth(y) && a.isPaeth(y + 1) && y + 1 < height && (copy || !b.isPaeth(y)) &&
-        !bPaeth(y + 1)) {
-      a.decodePaethPair(y);
-      finishB(y, copy);
-      finishB(y + 1, copied(y + 1));
-      y += 2;
-      continue;
-    }
-    if (!copy && b.isPaeth(y) && bPaeth(y + 1) && y + 1 < height && !a.isPaeth(y) &&
-        !a.isPaeth(y + 1)) {
-      if (!a.decode(y) || !a.decode(y + 1)) return false;
-      b.decodePaethPair(y);
+    const Rows<BppA>& a = a_;
+    const Rows<BppB>& b = b_;
+    std::uint8_t* const same = same_;
+    // Whether b's row y is a copy of a's: its filter ignores the row above, or that row holds
+    // the same pixels in both (above row 0 every byte reads as zero in both).
+    const auto copied = [&](std::size_t y) {
+      return sameFiltered_[y] && (b.type(y) <= 1 || y == 0 || same[y - 1]);
+    };
+    // Whether b's row y is likely to need a Paeth chain of its own.
+    const auto bPaeth = [&](std::size_t y) { return b.isPaeth(y) && !sameFiltered_[y]; };
+    const auto compareRow = [&](std::size_t y) {
+      same[y] = std::memcmp(a.out(y), b.out(y), a.outRow()) == 0;
+    };
+    // Rebuilds b's row y, or copies a's, once a's row is done.
+    bool ok = true;
+    const auto finishB = [&](std::size_t y, bool copy) {
+      if (copy) {
+        std::memcpy(b.out(y), a.out(y), a.outRow());
+        same[y] = 1;
+        return;
+      }
+      if (!b.decode(y)) ok = false;
       compareRow(y);
-      compareRow(y + 1);
-      y += 2;
-      continue;
-    }
+    };
+    std::size_t y = next_;
+    while (y < limit && ok) {
+      const bool copy = copied(y);
+#if defined(__SSE2__)
+      if (!copy && a.isPaeth(y) && b.isPaeth(y)) {
+        a.spread(y);
+        b.spread(y);
+        unfilterPaethTwo(a.out(y), a.out(y - 1), b.out(y), b.out(y - 1), a.width, 0,
+                         _mm_unpacklo_epi32(alphaBits<BppA>(), alphaBits<BppB>()));
+        compareRow(y++);
+        continue;
+      }
+      // Two Paeth rows of one image together, while the other image has no Paeth rows to
+      // rebuild beside them (row y + 1 only once both images hold it whole).
+      const bool pairFits = y + 1 < limit;
+      if (pairFits && a.isPaeth(y) && a.isPaeth(y + 1) && (copy || !b.isPaeth(y)) &&
+          !bPaeth(y + 1)) {
+        a.decodePaethPair(y);
+        finishB(y, copy);
+        finishB(y + 1, copied(y + 1));
+        y += 2;
+        continue;
+      }
+      if (pairFits && !copy && b.isPaeth(y) && bPaeth(y + 1) && !a.isPaeth(y) &&
+          !a.isPaeth(y + 1)) {
+        if (!a.decode(y) || !a.decode(y + 1)) return false;
+        b.decodePaethPair(y);
+        compareRow(y);
+        compareRow(y + 1);
+        y += 2;
+        continue;
+      }
 #endif
-    if (!a.decode(y)) return false;
-    finishB(y, copy);
-    ++y;
+      if (!a.decode(y)) return false;
+      finishB(y, copy);
+      ++y;
+    }
+    next_ = y;
+    return ok;
   }
-  // Rows past the shorter image's end belong to the taller one alone.
-  return ok && decodeRows(a, height) && decodeRows(b, height);
-}
+
+  // Once both are inflated: the rows past the shorter image's end belong to the taller alone.
+  bool finish() {
+    return upTo(height_) && decodeRows(a_, height_, a_.height) &&
+           decodeRows(b_, height_, b_.height);
+  }
+
+ private:
+  const Rows<BppA>& a_;
+  const Rows<BppB>& b_;
+  std::uint8_t* same_;
+  const std::size_t height_;
+  std::vector<std::uint8_t> sameFiltered_;
+  std::size_t checked_ = 0, next_ = 0;
+};
 
 struct Header {
   std::size_t width = 0, height = 0, bpp = 0;
 };
 
-// Reads the chunks of a PNG of the common kind and inflates its rows into `raw` (followed by
-// kSlack spare bytes). False for any other kind of file, or any damage.
-constexpr std::size_t kSlack = 32;
-bool inflateCommon(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& raw,
-                   Header& header) {
+// A PNG of the common kind, its chunks read: the header and the compressed rows.
+struct Common {
+  Header header;
+  // The IDAT chunks' bytes, then the padding the inflater reads past them.
+  std::vector<std::uint8_t>& compressed;
+  std::size_t compressedSize = 0;
+
+  std::size_t rawRow() const { return header.width * header.bpp + 1; }
+  std::size_t rawSize() const { return header.height * rawRow(); }
+};
+
+// Reads the chunks of a PNG of the common kind. False for any other kind of file, or any
+// damage to its chunks.
+bool readCommon(const std::uint8_t* data, std::size_t size, Common& png) {
   static constexpr std::uint8_t kSignature[8] = {137, 80, 78, 71, 13, 10, 26, 10};
   if (!data || size < 8 + 25 || std::memcmp(data, kSignature, 8) != 0) return false;
   std::size_t width = 0, height = 0, bpp = 0;
-  static thread_local std::vector<std::uint8_t> compressed;
+  std::vector<std::uint8_t>& compressed = png.compressed;
   compressed.clear();
   bool ended = false;
   for (std::size_t at = 8; at + 12 <= size && !ended;) {
@@ -511,16 +597,42 @@ bool inflateCommon(const std::uint8_t* data, std::size_t size, std::vector<std::
     at += 12 + length;
   }
   if (!ended || compressed.empty()) return false;
-
-  const std::size_t rawSize = height * (width * bpp + 1);
-  static_assert(kSlack >= inflate::kOutputSlack);
-  raw.resize(rawSize + kSlack);
-  const std::size_t compressedSize = compressed.size();
-  compressed.resize(compressedSize + inflate::kInputPadding, 0);
-  if (!inflate::zlib(compressed.data(), compressedSize, raw.data(), rawSize)) return false;
-  header = {width, height, bpp};
+  png.compressedSize = compressed.size();
+  compressed.resize(png.compressedSize + inflate::kInputPadding, 0);
+  png.header = {width, height, bpp};
   return true;
 }
+
+// Rows are inflated and rebuilt piece by piece, about this many inflated bytes at a time, so
+// each piece is rebuilt (and checksummed) while it is still in the processor's caches.
+constexpr std::size_t kPiece = std::size_t{48} << 10;
+constexpr std::size_t kSlack = 32;  // spare bytes after the inflated and the rebuilt rows
+static_assert(kSlack >= inflate::kOutputSlack);
+
+// The inflation of one PNG's rows into `raw`.
+struct Inflation {
+  const Common& png;
+  std::vector<std::uint8_t>& raw;
+  inflate::Stream stream;
+
+  Inflation(const Common& p, std::vector<std::uint8_t>& r)
+      : png(p),
+        raw(sized(r, p)),
+        stream(p.compressed.data(), p.compressedSize, r.data(), p.rawSize()) {}
+  static std::vector<std::uint8_t>& sized(std::vector<std::uint8_t>& r, const Common& p) {
+    r.resize(p.rawSize() + kSlack);
+    return r;
+  }
+  // Inflates at least the rows before `rows` (or all); false on damage.
+  bool advance(std::size_t rows) {
+    return stream.finished() || stream.advance(rows * png.rawRow());
+  }
+  // Rows inflated whole.
+  std::size_t rowsReady() const {
+    return stream.finished() ? png.header.height : stream.produced() / png.rawRow();
+  }
+  std::size_t rowsPerPiece() const { return std::max<std::size_t>(1, kPiece / png.rawRow()); }
+};
 
 // The inflated rows go to buffers each thread keeps, so large images cost no fresh memory;
 // unusually large ones are let go afterwards.
@@ -542,11 +654,49 @@ bool rowsDone(bool ok, DecodedPixels& out) {
   return ok;
 }
 
-// Rebuilds all rows of one image into `out`.
-bool decodeAlone(const std::vector<std::uint8_t>& raw, DecodedPixels& out, const Header& h) {
-  return rowsDone(
-      h.bpp == 4 ? decodeRows(rowsOf<4>(raw, out, h), 0) : decodeRows(rowsOf<3>(raw, out, h), 0),
-      out);
+// Inflates and rebuilds all rows of one image into `out`.
+bool decodeAlone(const Common& png, std::vector<std::uint8_t>& raw, DecodedPixels& out) {
+  Inflation inflation(png, raw);
+  const auto run = [&](const auto& rows) {
+    std::size_t done = 0;
+    while (!inflation.stream.finished()) {
+      if (!inflation.advance(done + inflation.rowsPerPiece())) return false;
+      const std::size_t ready = inflation.rowsReady();
+      if (!decodeRows(rows, done, ready)) return false;
+      done = ready;
+    }
+    return true;
+  };
+  const Header& h = png.header;
+  return rowsDone(h.bpp == 4 ? run(rowsOf<4>(raw, out, h)) : run(rowsOf<3>(raw, out, h)), out);
+}
+
+// Inflates two images of the same width side by side and rebuilds them together.
+bool decodeTogether(const Common& pngA, std::vector<std::uint8_t>& rawA, DecodedPixels& a,
+                    const Common& pngB, std::vector<std::uint8_t>& rawB, DecodedPixels& b,
+                    std::uint8_t* same) {
+  Inflation inflationA(pngA, rawA), inflationB(pngB, rawB);
+  const auto run = [&](const auto& rowsA, const auto& rowsB) {
+    RowsTogether together(rowsA, rowsB, same);
+    std::size_t done = 0;
+    while (!inflationA.stream.finished() || !inflationB.stream.finished()) {
+      const std::size_t target = done + inflationA.rowsPerPiece();
+      if (!inflationA.advance(target) || !inflationB.advance(target)) return false;
+      done = std::min(inflationA.rowsReady(), inflationB.rowsReady());
+      if (!together.upTo(done)) return false;
+    }
+    return together.finish();
+  };
+  const Header &ha = pngA.header, &hb = pngB.header;
+  bool ok = false;
+  if (ha.bpp == 4) {
+    ok = hb.bpp == 4 ? run(rowsOf<4>(rawA, a, ha), rowsOf<4>(rawB, b, hb))
+                     : run(rowsOf<4>(rawA, a, ha), rowsOf<3>(rawB, b, hb));
+  } else {
+    ok = hb.bpp == 4 ? run(rowsOf<3>(rawA, a, ha), rowsOf<4>(rawB, b, hb))
+                     : run(rowsOf<3>(rawA, a, ha), rowsOf<3>(rawB, b, hb));
+  }
+  return rowsDone(ok, a) && rowsDone(ok, b);
 }
 
 }  // namespace
@@ -560,12 +710,13 @@ std::shared_ptr<Image> decodeCommon(const std::uint8_t* data, std::size_t size, 
 
 bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& rgba,
                       std::size_t& width, std::size_t& height) {
-  static thread_local std::vector<std::uint8_t> raw;
-  Header h;
-  if (!inflateCommon(data, size, raw, h)) return false;
+  static thread_local std::vector<std::uint8_t> compressed, raw;
+  Common png{{}, compressed};
+  if (!readCommon(data, size, png)) return false;
   DecodedPixels out{rgba};
-  const bool ok = decodeAlone(raw, out, h);
+  const bool ok = decodeAlone(png, raw, out);
   releaseIfLarge(raw);
+  releaseIfLarge(compressed);
   if (!ok) return false;
   width = out.width;
   height = out.height;
@@ -574,31 +725,17 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
 
 bool decodeCommonPairInto(std::span<const std::uint8_t> first, std::span<const std::uint8_t> second,
                           DecodedPixels& a, DecodedPixels& b, std::vector<std::uint8_t>& sameRows) {
-  static thread_local std::vector<std::uint8_t> rawA, rawB;
-  Header ha, hb;
-  if (!inflateCommon(first.data(), first.size(), rawA, ha) ||
-      !inflateCommon(second.data(), second.size(), rawB, hb)) {
+  static thread_local std::vector<std::uint8_t> compressedA, compressedB, rawA, rawB;
+  Common pngA{{}, compressedA}, pngB{{}, compressedB};
+  if (!readCommon(first.data(), first.size(), pngA) ||
+      !readCommon(second.data(), second.size(), pngB)) {
     return false;
   }
-  sameRows.assign(hb.height, 0);
-  bool ok = false;
-  if (ha.width != hb.width) {
-    ok = decodeAlone(rawA, a, ha) && decodeAlone(rawB, b, hb);
-  } else {
-    const auto together = [&](const auto& ra, const auto& rb) {
-      return decodeRowsTogether(ra, rb, sameRows.data());
-    };
-    if (ha.bpp == 4) {
-      ok = hb.bpp == 4 ? together(rowsOf<4>(rawA, a, ha), rowsOf<4>(rawB, b, hb))
-                       : together(rowsOf<4>(rawA, a, ha), rowsOf<3>(rawB, b, hb));
-    } else {
-      ok = hb.bpp == 4 ? together(rowsOf<3>(rawA, a, ha), rowsOf<4>(rawB, b, hb))
-                       : together(rowsOf<3>(rawA, a, ha), rowsOf<3>(rawB, b, hb));
-    }
-    ok = rowsDone(ok, a) && rowsDone(ok, b);
-  }
-  releaseIfLarge(rawA);
-  releaseIfLarge(rawB);
+  sameRows.assign(pngB.header.height, 0);
+  const bool ok = pngA.header.width != pngB.header.width
+                      ? decodeAlone(pngA, rawA, a) && decodeAlone(pngB, rawB, b)
+                      : decodeTogether(pngA, rawA, a, pngB, rawB, b, sameRows.data());
+  for (auto* buffer : {&rawA, &rawB, &compressedA, &compressedB}) releaseIfLarge(*buffer);
   return ok;
 }
 

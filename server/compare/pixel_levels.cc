@@ -124,14 +124,17 @@ struct YiqLanes8 {
   __m256 y, i, q;
 };
 
-SAFFRA_TARGET_AVX2 inline YiqLanes8 toYiq8(__m256i pixels) {
+// With `opaque` (all eight pixels' alpha 255) the blend over white is left out: its factor is
+// 1, and 255 + (v - 255) * 1 is v exactly in floats.
+SAFFRA_TARGET_AVX2 inline YiqLanes8 toYiq8(__m256i pixels, bool opaque) {
   const __m256i byte = _mm256_set1_epi32(255);
   const __m256 white = _mm256_set1_ps(255.0f);
-  const __m256 f = _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(pixels, 24)), white);
+  const __m256 f =
+      opaque ? white : _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(pixels, 24)), white);
   const auto channel = [&](int shift) SAFFRA_TARGET_AVX2 {
     const __m256 v = _mm256_cvtepi32_ps(
         _mm256_and_si256(_mm256_srl_epi32(pixels, _mm_cvtsi32_si128(shift)), byte));
-    return _mm256_add_ps(white, _mm256_mul_ps(_mm256_sub_ps(v, white), f));
+    return opaque ? v : _mm256_add_ps(white, _mm256_mul_ps(_mm256_sub_ps(v, white), f));
   };
   const __m256 r = channel(0), g = channel(8), b = channel(16);
   const auto mix = [&](float kr, float kg, float kb, bool minusG, bool minusB) SAFFRA_TARGET_AVX2 {
@@ -170,13 +173,14 @@ SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t*
     if (_mm256_movemask_epi8(_mm256_cmpeq_epi8(va, vb)) == -1) continue;
     // As in the four-pixel scan: near opaque colours cannot be over the limit.
     const __m256i spread = _mm256_or_si256(_mm256_subs_epu8(va, vb), _mm256_subs_epu8(vb, va));
-    if (_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_and_si256(va, vb), opaque)) ==
-            static_cast<int>(0x88888888u) &&
+    const bool allOpaque = _mm256_movemask_epi8(_mm256_cmpeq_epi8(
+                               _mm256_and_si256(va, vb), opaque)) == static_cast<int>(0x88888888u);
+    if (allOpaque &&
         _mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(spread, near), near)) == -1) {
       continue;
     }
-    unsigned over = static_cast<unsigned>(
-        _mm256_movemask_ps(_mm256_cmp_ps(distance8(toYiq8(va), toYiq8(vb)), strict, _CMP_GT_OQ)));
+    unsigned over = static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(
+        distance8(toYiq8(va, allOpaque), toYiq8(vb, allOpaque)), strict, _CMP_GT_OQ)));
     for (; over; over &= over - 1) far(i + __builtin_ctz(over));
   }
   return i;
