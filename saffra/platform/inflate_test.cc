@@ -157,6 +157,7 @@ TEST(InflateTest, InflatesPieceByPieceLikeAllAtOnce) {
       produced = s.produced();
     }
     EXPECT_EQ(produced, data.size());
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), out.begin())) << step;
   }
   Bytes damaged = padded;
   damaged[stream.size() - 2] ^= 1;  // the checksum
