@@ -18,11 +18,11 @@
 // $HOME/.cache/saffra-bench; without node or npm only our engine is timed.
 //
 // Last measured (Release, SAFFRA_BENCH_ITERATIONS=5, --benchmark_min_time=1, 2 cores, AVX-512
-// Xeon): 1170x2532 pairs 10.4x faster than pixelmatch and 4.1x faster than odiff (geometric
-// means), 11.1-21.2 ms per phone pair; the shift and anti-aliasing pairs stay at 8.3-8.7x of
-// pixelmatch. The two files are decoded together (shared rows once, Paeth rows of both side by
-// side) with the codec's own inflater; Paeth rows, inflating and the Strict kernel on
-// differing rows are most of what is left.
+// Xeon): 1170x2532 pairs 11.2x faster than pixelmatch and 4.3x faster than odiff (geometric
+// means), 10.6-20.6 ms per phone pair; the phone shift and anti-aliasing pairs stay at 8.2x and
+// 9.1x of pixelmatch. The two files are inflated by the codec's own inflater and rebuilt
+// together piece by piece (shared rows once, Paeth rows of both side by side); inflating,
+// Paeth rows and the Strict kernel on differing rows are most of what is left.
 #include <sched.h>
 #include <spawn.h>
 #include <sys/resource.h>
