@@ -68,19 +68,26 @@ inline std::uint32_t reverseBits(std::uint32_t code, unsigned length) {
 
 // Builds the table of the canonical Huffman code whose symbol s has length lengths[s] (0: not
 // used); codes longer than `mainBits` continue in subtables after the main table. Codes left
-// unassigned in an incomplete code decode as invalid. False for an over-subscribed code or a
-// table that would not fit `capacity`.
+// unassigned in an incomplete code decode as invalid. False for an over-subscribed code, an
+// incomplete one zlib would refuse (`lengthsCode`: the code of the code lengths) or a table that
+// would not fit `capacity`.
 template <class EntryOf>
 bool buildTable(const std::uint8_t* lengths, unsigned count, unsigned mainBits,
-                std::uint32_t* table, std::size_t capacity, EntryOf entryOf) {
+                std::uint32_t* table, std::size_t capacity, EntryOf entryOf,
+                bool lengthsCode = false) {
   unsigned counts[16] = {};
   for (unsigned s = 0; s < count; ++s) ++counts[lengths[s]];
   counts[0] = 0;
   int left = 1;
+  unsigned longest = 0;
   for (unsigned len = 1; len <= 15; ++len) {
     left = left * 2 - static_cast<int>(counts[len]);
     if (left < 0) return false;
+    if (counts[len]) longest = len;
   }
+  // As zlib: an incomplete code is refused, but for a literal/length or distance code of one
+  // symbol (of length 1) or of none at all.
+  if (left > 0 && (lengthsCode || longest > 1)) return false;
   unsigned offsets[16] = {};
   for (unsigned len = 1; len < 15; ++len) offsets[len + 1] = offsets[len] + counts[len];
   std::uint16_t sorted[288];
@@ -363,8 +370,9 @@ class Inflater {
       if (!refill()) return false;
       precode[kPrecodeOrder[i]] = static_cast<std::uint8_t>(take(3));
     }
-    if (!buildTable(precode, 19, kPrecodeBits, tables_.precode, std::size_t{1} << kPrecodeBits,
-                    [](unsigned s) { return entry(kValue, s); })) {
+    if (!buildTable(
+            precode, 19, kPrecodeBits, tables_.precode, std::size_t{1} << kPrecodeBits,
+            [](unsigned s) { return entry(kValue, s); }, true)) {
       return false;
     }
     std::uint8_t lengths[286 + 30];
