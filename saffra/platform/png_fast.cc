@@ -218,94 +218,133 @@ void unfilterPaeth(std::uint8_t* out, const std::uint8_t* prev, std::size_t from
   left = a, aboveLeft = c;
 }
 
-// The Paeth filter on two rows of spread pixels at once: the chain of dependent steps through
-// the left pixel is what limits one row, and two independent chains fill the time it leaves.
-// `second` runs `lag` pixels behind `first` in the other half of the register. Rows of two
-// different images run side by side (lag 0); the row below `first` in the same image reads
-// `first` as its row above and runs kLag pixels behind it.
-void unfilterPaethTwo(std::uint8_t* first, const std::uint8_t* firstPrev, std::uint8_t* second,
-                      const std::uint8_t* secondPrev, std::size_t width, std::size_t lag,
-                      __m128i alpha) {
+// A Paeth row being rebuilt: its filtered bytes, its pixels (spread, rebuilt in place), the row
+// above and the alpha bits its pixels get on the way out.
+struct PaethRow {
+  const std::uint8_t* filtered;
+  std::size_t bpp;
+  std::uint8_t* out;
+  const std::uint8_t* prev;
+  __m128i alpha;
+
+  __m128i filteredPixel(std::size_t x) const {
+    std::uint32_t bits = 0;
+    std::memcpy(&bits, filtered + x * bpp, bpp);
+    return _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(bits)), _mm_setzero_si128());
+  }
+  std::uint32_t stored(std::size_t x) const { return bytes::load32(out + x * 4); }
+  std::uint32_t packed(__m128i pixel) const {
+    return static_cast<std::uint32_t>(
+        _mm_cvtsi128_si32(_mm_or_si128(_mm_packus_epi16(pixel, pixel), alpha)));
+  }
+};
+
+// Each pixel of a Paeth row needs the one just rebuilt to its left, a chain of steps that leaves
+// most of the processor idle. So a row is rebuilt as stretches side by side, two chains per
+// register and two registers at once: a stretch that does not start its row starts from a
+// guess of the pixel before it, the pixel above that one, which a screen's flat areas make
+// right. Where the guess was wrong, redoFromGuess() rebuilds the stretch again from the true
+// pixel until a pixel comes out as before: from there on both agree, as the filter reads
+// nothing else of the row to the left.
+constexpr std::size_t kMinStretch = 8;
+
+struct Stretch {
+  const PaethRow* row;
+  std::size_t from;
+};
+
+// Runs four stretches of `length` pixels side by side; `left` and `aboveLeft` receive each
+// chain's state after its last pixel (in the low half).
+void paethStretches(const Stretch (&s)[4], std::size_t length, __m128i (&left)[4],
+                    __m128i (&aboveLeft)[4]) {
   const __m128i zero = _mm_setzero_si128();
-  __m128i a = zero, c = zero;
-  if (width <= lag) {
-    unfilterPaeth(first, firstPrev, 0, width, a, c, alpha);
-    a = c = zero;
-    unfilterPaeth(second, secondPrev, 0, width, a, c, alpha);
-    return;
+  const auto start = [&](int k) {
+    return s[k].from ? loadPixel16(s[k].row->prev + (s[k].from - 1) * 4) : zero;
+  };
+  __m128i a[2], c[2], alpha[2];
+  for (int r = 0; r < 2; ++r) {
+    a[r] = c[r] = _mm_unpacklo_epi64(start(2 * r), start(2 * r + 1));
+    alpha[r] = _mm_unpacklo_epi32(s[2 * r].row->alpha, s[2 * r + 1].row->alpha);
   }
-  unfilterPaeth(first, firstPrev, 0, lag, a, c, alpha);
-  // The first row in the low 64 bits, the second (starting at its first pixel) in the high ones.
-  a = _mm_unpacklo_epi64(a, zero);
-  c = _mm_unpacklo_epi64(c, zero);
-  for (std::size_t x = lag; x < width; ++x) {
-    std::uint8_t* one = first + x * 4;
-    std::uint8_t* two = second + (x - lag) * 4;
-    const __m128i b =
-        _mm_unpacklo_epi64(loadPixel16(firstPrev + x * 4), loadPixel16(secondPrev + (x - lag) * 4));
-    a = paeth(a, b, c, _mm_unpacklo_epi64(loadPixel16(one), loadPixel16(two)));
-    c = b;
-    const __m128i packed = _mm_or_si128(_mm_packus_epi16(a, a), alpha);
-    const auto low = static_cast<std::uint32_t>(_mm_cvtsi128_si32(packed));
-    const auto high = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(packed, 4)));
-    std::memcpy(one, &low, 4);
-    std::memcpy(two, &high, 4);
+  std::uint8_t* outs[4];
+  const std::uint8_t* prevs[4];
+  for (int k = 0; k < 4; ++k) {
+    outs[k] = s[k].row->out + s[k].from * 4;
+    prevs[k] = s[k].row->prev + s[k].from * 4;
   }
-  a = _mm_unpackhi_epi64(a, zero);
-  c = _mm_unpackhi_epi64(c, zero);
-  unfilterPaeth(second, secondPrev, width - lag, width, a, c, alpha);
+  for (std::size_t i = 0; i < length; ++i) {
+    for (int r = 0; r < 2; ++r) {
+      std::uint8_t* one = outs[2 * r] + i * 4;
+      std::uint8_t* two = outs[2 * r + 1] + i * 4;
+      const __m128i b = _mm_unpacklo_epi64(loadPixel16(prevs[2 * r] + i * 4),
+                                           loadPixel16(prevs[2 * r + 1] + i * 4));
+      a[r] = paeth(a[r], b, c[r], _mm_unpacklo_epi64(loadPixel16(one), loadPixel16(two)));
+      c[r] = b;
+      const __m128i packed = _mm_or_si128(_mm_packus_epi16(a[r], a[r]), alpha[r]);
+      const auto low = static_cast<std::uint32_t>(_mm_cvtsi128_si32(packed));
+      const auto high = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(packed, 4)));
+      std::memcpy(one, &low, 4);
+      std::memcpy(two, &high, 4);
+    }
+  }
+  for (int k = 0; k < 4; ++k) {
+    const bool high = k % 2 != 0;
+    left[k] = high ? _mm_unpackhi_epi64(a[k / 2], zero) : _mm_unpacklo_epi64(a[k / 2], zero);
+    aboveLeft[k] = high ? _mm_unpackhi_epi64(c[k / 2], zero) : _mm_unpacklo_epi64(c[k / 2], zero);
+  }
 }
 
-// A Paeth row alone as two chains side by side: its left half, and its right half started from
-// a guess of the pixel to its left (the pixel above that one, which a screen's flat areas make
-// right). When the guess was wrong, the right half is rebuilt again from its start until it
-// meets the guessed results: from a pixel where both agree on, they agree on every later one,
-// as the filter reads nothing else of the row before. `src` holds the row's filtered bytes,
-// `out` the same spread to 4-byte pixels.
-template <std::size_t Bpp>
-void unfilterPaethSplit(const std::uint8_t* src, std::uint8_t* out, const std::uint8_t* prev,
-                        std::size_t width, __m128i alpha) {
-  const __m128i zero = _mm_setzero_si128();
-  __m128i a = zero, c = zero;
-  const std::size_t half = width / 2;
-  if (half < 8) {
-    unfilterPaeth(out, prev, 0, width, a, c, alpha);
+// Rebuilds pixels [from, to) of `row` again from the true pixel before `from`, if the guess of
+// it was wrong, until one comes out as before.
+void redoFromGuess(const PaethRow& row, std::size_t from, std::size_t to) {
+  const auto guessed = bytes::load32(row.prev + (from - 1) * 4) |
+                       static_cast<std::uint32_t>(_mm_cvtsi128_si32(row.alpha));
+  if (row.stored(from - 1) == guessed) return;
+  __m128i a = loadPixel16(row.out + (from - 1) * 4), c = loadPixel16(row.prev + (from - 1) * 4);
+  for (std::size_t x = from; x < to; ++x) {
+    const __m128i b = loadPixel16(row.prev + x * 4);
+    a = paeth(a, b, c, row.filteredPixel(x));
+    c = b;
+    const std::uint32_t value = row.packed(a);
+    if (value == row.stored(x)) return;
+    std::memcpy(row.out + x * 4, &value, 4);
+  }
+}
+
+// One Paeth row alone, as four stretches.
+void unfilterPaethRow(const PaethRow& row, std::size_t width) {
+  __m128i left[4], aboveLeft[4];
+  const std::size_t length = width / 4;
+  if (length < kMinStretch) {
+    left[0] = aboveLeft[0] = _mm_setzero_si128();
+    unfilterPaeth(row.out, row.prev, 0, width, left[0], aboveLeft[0], row.alpha);
     return;
   }
-  std::uint8_t* right = out + half * 4;
-  const std::uint8_t* rightPrev = prev + half * 4;
-  const __m128i guess = loadPixel16(prev + (half - 1) * 4);
-  a = _mm_unpacklo_epi64(zero, guess);
-  c = a;
-  for (std::size_t x = 0; x < half; ++x) {
-    const __m128i b = _mm_unpacklo_epi64(loadPixel16(prev + x * 4), loadPixel16(rightPrev + x * 4));
-    a = paeth(a, b, c, _mm_unpacklo_epi64(loadPixel16(out + x * 4), loadPixel16(right + x * 4)));
-    c = b;
-    const __m128i packed = _mm_or_si128(_mm_packus_epi16(a, a), alpha);
-    const auto low = static_cast<std::uint32_t>(_mm_cvtsi128_si32(packed));
-    const auto high = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(packed, 4)));
-    std::memcpy(out + x * 4, &low, 4);
-    std::memcpy(right + x * 4, &high, 4);
+  paethStretches({{&row, 0}, {&row, length}, {&row, 2 * length}, {&row, 3 * length}}, length, left,
+                 aboveLeft);
+  unfilterPaeth(row.out, row.prev, 4 * length, width, left[3], aboveLeft[3], row.alpha);
+  for (std::size_t k = 1; k < 4; ++k) {
+    redoFromGuess(row, k * length, k < 3 ? (k + 1) * length : width);
   }
-  // An odd last pixel goes on from the right half's chain.
-  __m128i rightLeft = _mm_unpackhi_epi64(a, zero), rightAboveLeft = _mm_unpackhi_epi64(c, zero);
-  unfilterPaeth(out, prev, 2 * half, width, rightLeft, rightAboveLeft, alpha);
-  const auto stored = [&](std::size_t x) { return bytes::load32(out + x * 4); };
-  const auto alphaWord = static_cast<std::uint32_t>(_mm_cvtsi128_si32(alpha));
-  if (stored(half - 1) == (bytes::load32(prev + (half - 1) * 4) | alphaWord)) return;
-  a = loadPixel16(out + (half - 1) * 4);
-  c = guess;
-  for (std::size_t x = half; x < width; ++x) {
-    std::uint32_t filtered = 0;
-    std::memcpy(&filtered, src + x * Bpp, Bpp);
-    const __m128i b = loadPixel16(prev + x * 4);
-    a = paeth(a, b, c, _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(filtered)), zero));
-    c = b;
-    const auto value =
-        static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_or_si128(_mm_packus_epi16(a, a), alpha)));
-    if (value == stored(x)) return;
-    std::memcpy(out + x * 4, &value, 4);
+}
+
+// Paeth rows of two images of the same width, as two stretches each.
+void unfilterPaethRows(const PaethRow& first, const PaethRow& second, std::size_t width) {
+  __m128i left[4], aboveLeft[4];
+  const std::size_t length = width / 2;
+  if (length < kMinStretch) {
+    for (const PaethRow* row : {&first, &second}) {
+      left[0] = aboveLeft[0] = _mm_setzero_si128();
+      unfilterPaeth(row->out, row->prev, 0, width, left[0], aboveLeft[0], row->alpha);
+    }
+    return;
   }
+  paethStretches({{&first, 0}, {&first, length}, {&second, 0}, {&second, length}}, length, left,
+                 aboveLeft);
+  unfilterPaeth(first.out, first.prev, 2 * length, width, left[1], aboveLeft[1], first.alpha);
+  unfilterPaeth(second.out, second.prev, 2 * length, width, left[3], aboveLeft[3], second.alpha);
+  redoFromGuess(first, length, width);
+  redoFromGuess(second, length, width);
 }
 
 // Rebuilds output row `out` from the filtered bytes `src`; `prev` is the output row above, or
@@ -341,7 +380,7 @@ bool decodeRow(std::uint8_t type, const std::uint8_t* src, const std::uint8_t* p
     }
     case 4:
       spread<Bpp>(src, out, width, _mm_setzero_si128());
-      unfilterPaethSplit<Bpp>(src, out, prev, width, alpha);
+      unfilterPaethRow({src, Bpp, out, prev, alpha}, width);
       return true;
     default:
       return false;
@@ -414,27 +453,18 @@ struct Rows {
   void spread(std::size_t y) const {
     png::spread<Bpp>(filtered(y) + 1, out(y), width, _mm_setzero_si128());
   }
-  // Rows y and y + 1, both Paeth, together.
-  void decodePaethPair(std::size_t y) const {
+  // Row y, a Paeth row, as a PaethRow (spread first).
+  PaethRow paethRow(std::size_t y) const {
     spread(y);
-    spread(y + 1);
-    unfilterPaethTwo(out(y), out(y - 1), out(y + 1), out(y), width, 2, alphaBits<Bpp>());
+    return {filtered(y) + 1, Bpp, out(y), out(y - 1), alphaBits<Bpp>()};
   }
 #endif
 };
 
-// Rebuilds rows [from, height) of one image.
 // Rebuilds rows [from, to) of one image.
 template <std::size_t Bpp>
 bool decodeRows(const Rows<Bpp>& rows, std::size_t from, std::size_t to) {
   for (std::size_t y = from; y < to; ++y) {
-#if defined(__SSE2__)
-    // Two Paeth rows in a row are undone together, which halves their serial dependency.
-    if (y + 1 < to && rows.isPaeth(y) && rows.isPaeth(y + 1)) {
-      rows.decodePaethPair(y++);
-      continue;
-    }
-#endif
     if (!rows.decode(y)) return false;
   }
   return true;
@@ -444,8 +474,8 @@ bool decodeRows(const Rows<Bpp>& rows, std::size_t from, std::size_t to) {
 // inflated rows: a row of `b` whose filtered bytes are those of the same row of `a`, and whose
 // row above (if its filter reads it) holds the same pixels, is a copy of `a`'s row and is not
 // rebuilt; a Paeth row of `b` that must be rebuilt runs beside the same row of `a` when that is
-// Paeth too (whatever the two pixel formats). Screenshots of the same screen share most rows,
-// and their encoder picks the same filters for the same rows.
+// Paeth too (whatever the two pixel formats), each as two stretches. Screenshots of the same screen
+// share most rows, and their encoder picks the same filters for the same rows.
 template <std::size_t BppA, std::size_t BppB>
 class RowsTogether {
  public:
@@ -471,8 +501,6 @@ class RowsTogether {
     const auto copied = [&](std::size_t y) {
       return sameFiltered_[y] && (b.type(y) <= 1 || y == 0 || same[y - 1]);
     };
-    // Whether b's row y is likely to need a Paeth chain of its own.
-    const auto bPaeth = [&](std::size_t y) { return b.isPaeth(y) && !sameFiltered_[y]; };
     const auto compareRow = [&](std::size_t y) {
       same[y] = std::memcmp(a.out(y), b.out(y), a.outRow()) == 0;
     };
@@ -492,31 +520,8 @@ class RowsTogether {
       const bool copy = copied(y);
 #if defined(__SSE2__)
       if (!copy && a.isPaeth(y) && b.isPaeth(y)) {
-        a.spread(y);
-        b.spread(y);
-        unfilterPaethTwo(a.out(y), a.out(y - 1), b.out(y), b.out(y - 1), a.width, 0,
-                         _mm_unpacklo_epi32(alphaBits<BppA>(), alphaBits<BppB>()));
+        unfilterPaethRows(a.paethRow(y), b.paethRow(y), a.width);
         compareRow(y++);
-        continue;
-      }
-      // Two Paeth rows of one image together, while the other image has no Paeth rows to
-      // rebuild beside them (row y + 1 only once both images hold it whole).
-      const bool pairFits = y + 1 < limit;
-      if (pairFits && a.isPaeth(y) && a.isPaeth(y + 1) && (copy || !b.isPaeth(y)) &&
-          !bPaeth(y + 1)) {
-        a.decodePaethPair(y);
-        finishB(y, copy);
-        finishB(y + 1, copied(y + 1));
-        y += 2;
-        continue;
-      }
-      if (pairFits && !copy && b.isPaeth(y) && bPaeth(y + 1) && !a.isPaeth(y) &&
-          !a.isPaeth(y + 1)) {
-        if (!a.decode(y) || !a.decode(y + 1)) return false;
-        b.decodePaethPair(y);
-        compareRow(y);
-        compareRow(y + 1);
-        y += 2;
         continue;
       }
 #endif
