@@ -68,6 +68,14 @@ constexpr float kAntialiasLimit =
 constexpr int kNearChannels = 17;
 static_assert(1.144f * kNearChannels * kNearChannels < kStrictLimit);
 
+// A pixel over the Strict limit, with what the scan measured of it: both colours' YIQ and
+// their distance (the very values toYiq() and distance() give).
+struct FarPixel {
+  int index;
+  Yiq a, b;
+  float distance;
+};
+
 #if defined(__SSE2__)
 
 // Four pixels' YIQ in float lanes, with exactly the operations of toYiq (an opaque pixel's
@@ -157,8 +165,8 @@ SAFFRA_TARGET_AVX2 inline __m256 distance8(const YiqLanes8& a, const YiqLanes8& 
                        _mm256_mul_ps(_mm256_mul_ps(_mm256_set1_ps(0.1957f), dq), dq));
 }
 
-// The Strict scan of one row pair eight pixels at a time: calls far(k), left to right, for
-// each pixel k whose distance is over the Strict limit, and returns the first pixel it did
+// The Strict scan of one row pair eight pixels at a time: calls far(FarPixel), left to right,
+// for each pixel whose distance is over the Strict limit, and returns the first pixel it did
 // not look at.
 template <class Far>
 SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t* rb, int width,
@@ -179,9 +187,21 @@ SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t*
         _mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(spread, near), near)) == -1) {
       continue;
     }
-    unsigned over = static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(
-        distance8(toYiq8(va, allOpaque), toYiq8(vb, allOpaque)), strict, _CMP_GT_OQ)));
-    for (; over; over &= over - 1) far(i + __builtin_ctz(over));
+    const YiqLanes8 ya = toYiq8(va, allOpaque), yb = toYiq8(vb, allOpaque);
+    const __m256 d = distance8(ya, yb);
+    unsigned over = static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(d, strict, _CMP_GT_OQ)));
+    if (!over) continue;
+    alignas(32) float lanes[7][8];
+    for (int k = 0; const __m256 v : {ya.y, ya.i, ya.q, yb.y, yb.i, yb.q, d}) {
+      _mm256_store_ps(lanes[k++], v);
+    }
+    for (; over; over &= over - 1) {
+      const int k = __builtin_ctz(over);
+      far(FarPixel{i + k,
+                   {lanes[0][k], lanes[1][k], lanes[2][k]},
+                   {lanes[3][k], lanes[4][k], lanes[5][k]},
+                   lanes[6][k]});
+    }
   }
   return i;
 }
@@ -386,17 +406,18 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
     const std::uint8_t* rb = at(*s.b, s.bx, s.by + j);
     if ((knownSame && knownSame[j]) || std::memcmp(ra, rb, bytes) == 0) continue;
     std::uint8_t* m = s.mask + j * s.maskStride;
-    // Settles pixel i, whose colours are `pa` and `pb` and which differs visibly.
-    const auto visible = [&](int i, std::uint32_t pa, std::uint32_t pb) {
+    // Settles a pixel that differs visibly.
+    const auto visible = [&](const FarPixel& p) {
+      const int i = p.index;
       int& inTile = band[i / kTile];
       if (shapesOnly || inTile < kMinClusterPixels) {
-        const Yiq ya = toYiq(pa), yb = toYiq(pb);
+        const std::uint32_t pa = load(ra + i * 4), pb = load(rb + i * 4);
         const int xa = s.ax + i, yA = s.ay + j, xb = s.bx + i, yB = s.by + j;
         // Each pixel is in the other's neighbourhood, so colours within the anti-aliasing
         // limit of each other explain each other both ways.
-        if (distance(ya, yb) <= kAntialiasLimit ||
-            (explainedBy(*s.b, xb, yB, pa, ya, kAntialiasLimit) &&
-             explainedBy(*s.a, xa, yA, pb, yb, kAntialiasLimit))) {
+        if (p.distance <= kAntialiasLimit ||
+            (explainedBy(*s.b, xb, yB, pa, p.a, kAntialiasLimit) &&
+             explainedBy(*s.a, xa, yA, pb, p.b, kAntialiasLimit))) {
           m[i] = kForgiven;
           return;
         }
@@ -413,8 +434,7 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
     int i = 0;
 #if SAFFRA_X86_DISPATCH
     if (avx2) {
-      i = farPixelsAvx2(ra, rb, s.width,
-                        [&](int k) { visible(k, load(ra + k * 4), load(rb + k * 4)); });
+      i = farPixelsAvx2(ra, rb, s.width, visible);
     }
 #endif
 #if defined(__SSE2__)
@@ -434,18 +454,30 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
           _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(spread, near), near)) == 0xffff) {
         continue;
       }
-      int far = _mm_movemask_ps(_mm_cmpgt_ps(distance(toYiq(va), toYiq(vb)), strict));
+      const YiqLanes ya = toYiq(va), yb = toYiq(vb);
+      const __m128 d = distance(ya, yb);
+      int far = _mm_movemask_ps(_mm_cmpgt_ps(d, strict));
+      if (!far) continue;
+      alignas(16) float lanes[7][4];
+      for (int k = 0; const __m128 v : {ya.y, ya.i, ya.q, yb.y, yb.i, yb.q, d}) {
+        _mm_store_ps(lanes[k++], v);
+      }
       for (; far; far &= far - 1) {
-        const int k = i + __builtin_ctz(static_cast<unsigned>(far));
-        visible(k, load(ra + k * 4), load(rb + k * 4));
+        const int k = __builtin_ctz(static_cast<unsigned>(far));
+        visible(FarPixel{i + k,
+                         {lanes[0][k], lanes[1][k], lanes[2][k]},
+                         {lanes[3][k], lanes[4][k], lanes[5][k]},
+                         lanes[6][k]});
       }
     }
 #endif
     for (; i < s.width; ++i) {
       const std::uint32_t pa = load(ra + i * 4), pb = load(rb + i * 4);
       if (pa == pb) continue;
-      if (distance(toYiq(pa), toYiq(pb)) <= kStrictLimit) continue;
-      visible(i, pa, pb);
+      const Yiq ya = toYiq(pa), yb = toYiq(pb);
+      const float d = distance(ya, yb);
+      if (d <= kStrictLimit) continue;
+      visible(FarPixel{i, ya, yb, d});
     }
   }
   return count;
