@@ -208,11 +208,25 @@ SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t*
 
 #endif
 
+#if SAFFRA_X86_DISPATCH
+// Whether any of three rows of three pixels (the fourth lane of each row unused) is within
+// `limit` of `target`: two rows in one 8-lane conversion, the third in four lanes.
+SAFFRA_TARGET_AVX2 bool anyNearAvx2(const __m128i (&rows)[3], const Yiq& target, float limit) {
+  const YiqLanes8 two = toYiq8(_mm256_set_m128i(rows[1], rows[0]), false);
+  const YiqLanes8 t = {_mm256_set1_ps(target.y), _mm256_set1_ps(target.i),
+                       _mm256_set1_ps(target.q)};
+  const __m256 near = _mm256_cmp_ps(distance8(two, t), _mm256_set1_ps(limit), _CMP_LE_OQ);
+  if (_mm256_movemask_ps(near) & 0x77) return true;
+  const __m128 last = _mm_cmple_ps(distance(toYiq(rows[2]), broadcast(target)), _mm_set1_ps(limit));
+  return (_mm_movemask_ps(last) & 0x7) != 0;
+}
+#endif
+
 // True when `target` could be a re-rendering of the pixels of `image` within one pixel of
 // (x, y): one of them is within `limit` of it, or its colour lies between theirs (channel by
 // channel, with a little slack), as a blend of neighbouring glyph and background pixels does.
 bool explainedBy(const Pixels& image, int x, int y, std::uint32_t target, const Yiq& targetYiq,
-                 float limit) {
+                 float limit, [[maybe_unused]] bool avx2) {
   const int w = image.width, h = image.height;
 #if defined(__SSE2__)
   if (x > 0 && y > 0 && x + 1 < w && y + 1 < h) {
@@ -232,6 +246,9 @@ bool explainedBy(const Pixels& image, int x, int y, std::uint32_t target, const 
         _mm_and_si128(_mm_cmpeq_epi8(_mm_max_epu8(t, _mm_subs_epu8(lo, slack)), t),
                       _mm_cmpeq_epi8(_mm_min_epu8(t, _mm_adds_epu8(hi, slack)), t));
     if ((_mm_movemask_epi8(inside) & 0x7) == 0x7) return true;
+#if SAFFRA_X86_DISPATCH
+    if (avx2) return anyNearAvx2(rows, targetYiq, limit);
+#endif
     const YiqLanes targets = broadcast(targetYiq);
     const __m128 bound = _mm_set1_ps(limit);
     for (const __m128i& row : rows) {
@@ -416,8 +433,8 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
         // Each pixel is in the other's neighbourhood, so colours within the anti-aliasing
         // limit of each other explain each other both ways.
         if (p.distance <= kAntialiasLimit ||
-            (explainedBy(*s.b, xb, yB, pa, p.a, kAntialiasLimit) &&
-             explainedBy(*s.a, xa, yA, pb, p.b, kAntialiasLimit))) {
+            (explainedBy(*s.b, xb, yB, pa, p.a, kAntialiasLimit, avx2) &&
+             explainedBy(*s.a, xa, yA, pb, p.b, kAntialiasLimit, avx2))) {
           m[i] = kForgiven;
           return;
         }
