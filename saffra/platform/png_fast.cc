@@ -253,6 +253,72 @@ struct Stretch {
   std::size_t from;
 };
 
+#if SAFFRA_X86_DISPATCH
+// The four chains of paethStretches() in one AVX2 register (chain k in its k-th 64 bits): the
+// same steps, half the instructions.
+SAFFRA_TARGET_AVX2 inline __m256i paeth4(__m256i a, __m256i b, __m256i c, __m256i v) {
+  const __m256i e = _mm256_sub_epi16(b, c);
+  const __m256i pa = _mm256_abs_epi16(e);
+  const __m256i d = _mm256_sub_epi16(a, c);
+  const __m256i pb = _mm256_abs_epi16(d), pc = _mm256_abs_epi16(_mm256_add_epi16(d, e));
+  const __m256i va = _mm256_add_epi8(v, a), vb = _mm256_add_epi8(v, b);
+  const __m256i vc = _mm256_add_epi8(v, c);
+  // a where pa <= pb and pa <= pc, else b where pb <= pc, else c.
+  const __m256i notA = _mm256_or_si256(_mm256_cmpgt_epi16(pa, pb), _mm256_cmpgt_epi16(pa, pc));
+  const __m256i vbOrC = _mm256_blendv_epi8(vb, vc, _mm256_cmpgt_epi16(pb, pc));
+  return _mm256_blendv_epi8(va, vbOrC, notA);
+}
+
+// Pixel i of four rows, one per chain, as 16-bit lanes.
+template <class Row>
+SAFFRA_TARGET_AVX2 inline __m256i gatherPixels(const Row (&rows)[4], std::size_t i) {
+  __m128i pixel[4];
+  for (int k = 0; k < 4; ++k) {
+    pixel[k] = _mm_cvtsi32_si128(static_cast<int>(bytes::load32(rows[k] + i * 4)));
+  }
+  return _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(_mm_unpacklo_epi32(pixel[0], pixel[1]),
+                                                 _mm_unpacklo_epi32(pixel[2], pixel[3])));
+}
+// Four chains' states (each in the low half of its own register) in one register.
+SAFFRA_TARGET_AVX2 inline __m256i joinChains(const __m128i (&parts)[4]) {
+  return _mm256_set_m128i(_mm_unpacklo_epi64(parts[2], parts[3]),
+                          _mm_unpacklo_epi64(parts[0], parts[1]));
+}
+
+SAFFRA_TARGET_AVX2 void paethStretchesAvx2(std::uint8_t* const (&outs)[4],
+                                           const std::uint8_t* const (&prevs)[4],
+                                           const __m128i (&start)[4], const __m128i (&alphas)[4],
+                                           std::size_t length, __m128i (&left)[4],
+                                           __m128i (&aboveLeft)[4]) {
+  __m256i a = joinChains(start), c = a;
+  // The alpha bits of each chain's pixels where packing puts them (bytes 0-7 of each half).
+  const __m256i alpha = _mm256_set_m128i(_mm_unpacklo_epi32(alphas[2], alphas[3]),
+                                         _mm_unpacklo_epi32(alphas[0], alphas[1]));
+  for (std::size_t i = 0; i < length; ++i) {
+    const __m256i b = gatherPixels(prevs, i);
+    a = paeth4(a, b, c, gatherPixels(outs, i));
+    c = b;
+    const __m256i packed = _mm256_or_si256(_mm256_packus_epi16(a, a), alpha);
+    const __m128i low = _mm256_castsi256_si128(packed), high = _mm256_extracti128_si256(packed, 1);
+    const std::uint32_t words[4] = {static_cast<std::uint32_t>(_mm_cvtsi128_si32(low)),
+                                    static_cast<std::uint32_t>(_mm_extract_epi32(low, 1)),
+                                    static_cast<std::uint32_t>(_mm_cvtsi128_si32(high)),
+                                    static_cast<std::uint32_t>(_mm_extract_epi32(high, 1))};
+    for (int k = 0; k < 4; ++k) std::memcpy(outs[k] + i * 4, &words[k], 4);
+  }
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i halves[2][2] = {{_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1)},
+                                {_mm256_castsi256_si128(c), _mm256_extracti128_si256(c, 1)}};
+  for (int k = 0; k < 4; ++k) {
+    const bool high = k % 2 != 0;
+    left[k] = high ? _mm_unpackhi_epi64(halves[0][k / 2], zero)
+                   : _mm_unpacklo_epi64(halves[0][k / 2], zero);
+    aboveLeft[k] = high ? _mm_unpackhi_epi64(halves[1][k / 2], zero)
+                        : _mm_unpacklo_epi64(halves[1][k / 2], zero);
+  }
+}
+#endif
+
 // Runs four stretches of `length` pixels side by side; `left` and `aboveLeft` receive each
 // chain's state after its last pixel (in the low half).
 void paethStretches(const Stretch (&s)[4], std::size_t length, __m128i (&left)[4],
@@ -272,6 +338,14 @@ void paethStretches(const Stretch (&s)[4], std::size_t length, __m128i (&left)[4
     outs[k] = s[k].row->out + s[k].from * 4;
     prevs[k] = s[k].row->prev + s[k].from * 4;
   }
+#if SAFFRA_X86_DISPATCH
+  if (cpu::hasAvx2()) {
+    const __m128i starts[4] = {start(0), start(1), start(2), start(3)};
+    const __m128i alphas[4] = {s[0].row->alpha, s[1].row->alpha, s[2].row->alpha, s[3].row->alpha};
+    paethStretchesAvx2(outs, prevs, starts, alphas, length, left, aboveLeft);
+    return;
+  }
+#endif
   for (std::size_t i = 0; i < length; ++i) {
     for (int r = 0; r < 2; ++r) {
       std::uint8_t* one = outs[2 * r] + i * 4;
