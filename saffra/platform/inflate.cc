@@ -1,12 +1,14 @@
 #include "saffra/platform/inflate.h"
 
-#ifdef SAFFRA_HAVE_LIBDEFLATE
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
 
+#ifdef SAFFRA_HAVE_LIBDEFLATE
 #include <libdeflate.h>
+#else
+#include <zlib.h>
+#endif
 
 #include "saffra/platform/bytes.h"
 #include "saffra/platform/cpu.h"
@@ -21,6 +23,15 @@
 namespace saffra::inflate {
 
 namespace {
+
+// The Adler-32 checksum of more bytes: libdeflate's vectorised one where the build has it.
+std::uint32_t adler32(std::uint32_t adler, const std::uint8_t* bytes, std::size_t size) {
+#ifdef SAFFRA_HAVE_LIBDEFLATE
+  return libdeflate_adler32(adler, bytes, size);
+#else
+  return static_cast<std::uint32_t>(::adler32_z(adler, bytes, size));
+#endif
+}
 
 // Decoding-table entries, 32 bits each:
 //   bits 0-4    bits the entry consumes (a code's length; for a link, the main table's bits)
@@ -237,7 +248,7 @@ class Inflater {
       failed_ = true;
     }
     // The checksum runs over each piece while it is still in the caches.
-    adler_ = libdeflate_adler32(adler_, adlerDone_, static_cast<std::size_t>(out_ - adlerDone_));
+    adler_ = adler32(adler_, adlerDone_, static_cast<std::size_t>(out_ - adlerDone_));
     adlerDone_ = out_;
     if (!failed_ && ended_ && !finished_) {
       failed_ = !checkEnd();
@@ -554,5 +565,3 @@ bool zlib(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::si
 }
 
 }  // namespace saffra::inflate
-
-#endif
