@@ -122,6 +122,10 @@ struct CompareOptions {
   std::vector<AccessibilityRegion> accessibilityRegions;
   /// Keep the per-pixel difference mask of a mismatch in the result (for makeDiffImage).
   bool keepMask = true;
+  /// Threads for the pass over the whole image at Exact, Strict or Content: with 2, the lower
+  /// half of the rows is compared on a second thread (same result; the rest stays on the
+  /// caller's thread). 1 compares on the caller's thread alone.
+  unsigned threads = 1;
 
   /// Reads an image match settings object as the client sends it ("matchLevel", "Ignore",
   /// "Layout", "Strict", "Content", "Floating", "accessibility", "accessibilityLevel"; regions

@@ -98,6 +98,27 @@ TEST_P(CorpusPairs, ProcessorSpecificKernelsMarkTheSamePixels) {
   }
 }
 
+// Comparing the two halves of the rows on two threads marks the same pixels and finds the same
+// boxes as one pass, at every level that splits.
+TEST_P(CorpusPairs, TwoThreadsGiveTheResultOfOne) {
+  const std::string base = GetParam();
+  const auto baseline = readFile(kPairs / (base + ".png"));
+  for (const char* kind : {"word", "shift", "aa"}) {
+    const auto other = readFile(kPairs / (base + "--" + kind + ".png"));
+    for (const MatchLevel level : {MatchLevel::Strict, MatchLevel::Content, MatchLevel::Exact}) {
+      CompareOptions options;
+      options.level = level;
+      const CompareResult one = comparePNG(baseline, other, options);
+      options.threads = 2;
+      const CompareResult two = comparePNG(baseline, other, options);
+      EXPECT_EQ(two.matches, one.matches) << kind;
+      EXPECT_EQ(two.differingPixels, one.differingPixels) << kind;
+      EXPECT_EQ(two.differences, one.differences) << kind;
+      EXPECT_TRUE(two.mask == one.mask) << kind;
+    }
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(PublicSet, CorpusPairs, testing::ValuesIn(kBases), [](const auto& info) {
   std::string name = info.param;
   for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
