@@ -70,25 +70,31 @@ void diffArea(const Pixels& a, const Pixels& b, MatchLevel level, const Clip& c,
   }
 }
 
-// The pass over the whole image at the step's level. With two threads the rows are split at a
-// multiple of the Strict kernel's 8-row tiles, so each half sees the very tiles it would see in
-// one pass; both halves read (never write) the other's pixels as neighbours.
+// The pass over the whole image at the step's level. With two threads the rows are dealt out
+// in bands of a multiple of the Strict kernel's 8-row tiles (every other band to the second
+// thread, so both get their share of a change wherever it is), and each band sees the very
+// tiles it would see in one pass; both threads read (never write) each other's pixels as
+// neighbours.
 void diffWhole(const Pixels& a, const Pixels& b, const CompareOptions& options,
                std::vector<std::uint8_t>& mask) {
   const int width = a.width, height = a.height;
+  constexpr int kBand = 128;
   const auto rows = [&](int from, int to) {
     return clip({0, from, width, static_cast<std::int64_t>(to - from)}, width, height);
   };
-  const int split = height / 16 * 8;
-  const bool splits = options.threads >= 2 && split >= 64 && options.level != MatchLevel::Layout;
-  if (!splits) {
+  if (options.threads < 2 || height < 2 * kBand || options.level == MatchLevel::Layout) {
     diffArea(a, b, options.level, rows(0, height), mask);
     return;
   }
+  const auto bands = [&](int first) {
+    for (int y = first * kBand; y < height; y += 2 * kBand) {
+      diffArea(a, b, options.level, rows(y, std::min(y + kBand, height)), mask);
+    }
+  };
   std::exception_ptr failure;
-  std::thread lower([&] {
+  std::thread second([&] {
     try {
-      diffArea(a, b, options.level, rows(split, height), mask);
+      bands(1);
     } catch (...) {
       failure = std::current_exception();
     }
@@ -98,8 +104,8 @@ void diffWhole(const Pixels& a, const Pixels& b, const CompareOptions& options,
     ~Joined() { thread.join(); }
   };
   {
-    const Joined joined{lower};
-    diffArea(a, b, options.level, rows(0, split), mask);
+    const Joined joined{second};
+    bands(0);
   }
   if (failure) std::rethrow_exception(failure);
 }
