@@ -165,12 +165,13 @@ SAFFRA_TARGET_AVX2 inline __m256 distance8(const YiqLanes8& a, const YiqLanes8& 
                        _mm256_mul_ps(_mm256_mul_ps(_mm256_set1_ps(0.1957f), dq), dq));
 }
 
-// The Strict scan of one row pair eight pixels at a time: calls far(FarPixel), left to right,
-// for each pixel whose distance is over the Strict limit, and returns the first pixel it did
-// not look at.
-template <class Far>
+// The Strict scan of one row pair eight pixels at a time: for each group of eight with pixels
+// over the Strict limit (bits of `over`), calls settled(first pixel, over), and unless that
+// settled them all, far(FarPixel) for each of them left to right. Returns the first pixel it
+// did not look at.
+template <class Settled, class Far>
 SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t* rb, int width,
-                                     Far&& far) {
+                                     Settled&& settled, Far&& far) {
   const __m256 strict = _mm256_set1_ps(kStrictLimit);
   const __m256i opaque = _mm256_set1_epi32(static_cast<int>(0xff000000u));
   const __m256i near = _mm256_set1_epi8(kNearChannels);
@@ -190,7 +191,7 @@ SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t*
     const YiqLanes8 ya = toYiq8(va, allOpaque), yb = toYiq8(vb, allOpaque);
     const __m256 d = distance8(ya, yb);
     unsigned over = static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(d, strict, _CMP_GT_OQ)));
-    if (!over) continue;
+    if (!over || settled(i, over)) continue;
     alignas(32) float lanes[7][8];
     for (int k = 0; const __m256 v : {ya.y, ya.i, ya.q, yb.y, yb.i, yb.q, d}) {
       _mm256_store_ps(lanes[k++], v);
@@ -451,7 +452,18 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
     int i = 0;
 #if SAFFRA_X86_DISPATCH
     if (avx2) {
-      i = farPixelsAvx2(ra, rb, s.width, visible);
+      // The scan's groups of eight are rows of tiles: once a tile counts as changed, the far
+      // pixels of its later groups count at once.
+      const auto settled = [&](int first, unsigned over) {
+        int& inTile = band[first / kTile];
+        if (shapesOnly || inTile < kMinClusterPixels) return false;
+        const int n = __builtin_popcount(over);
+        inTile += n;
+        count += static_cast<std::size_t>(n);
+        for (; over; over &= over - 1) m[first + __builtin_ctz(over)] = kCandidate;
+        return true;
+      };
+      i = farPixelsAvx2(ra, rb, s.width, settled, visible);
     }
 #endif
 #if defined(__SSE2__)
