@@ -223,6 +223,15 @@ SAFFRA_TARGET_AVX2 bool anyNearAvx2(const __m128i (&rows)[3], const Yiq& target,
 }
 #endif
 
+// The set bits of a 16-bit mask. std::popcount becomes a library call on processors the build
+// does not assume to have the instruction; this stays inline.
+inline int bitCount(unsigned v) {
+  v = v - ((v >> 1) & 0x5555u);
+  v = (v & 0x3333u) + ((v >> 2) & 0x3333u);
+  v = (v + (v >> 4)) & 0x0f0fu;
+  return static_cast<int>((v + (v >> 8)) & 0x1fu);
+}
+
 // True when `target` could be a re-rendering of the pixels of `image` within one pixel of
 // (x, y): one of them is within `limit` of it, or its colour lies between theirs (channel by
 // channel, with a little slack), as a blend of neighbouring glyph and background pixels does.
@@ -582,11 +591,11 @@ Clusters cluster(std::uint8_t* mask, std::size_t maskStride, int width, int heig
       const unsigned high = static_cast<unsigned>(
           _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(v, _mm_set1_epi8(kCounted)), v)));
       if (!high) continue;
-      marked += std::popcount(high);
+      marked += bitCount(high);
       const unsigned candidates =
           static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(kCandidate))));
-      counts[tile(x / kTile, y / kTile)] += std::popcount(candidates & 0xffu);
-      counts[tile(x / kTile + 1, y / kTile)] += std::popcount(candidates >> 8);
+      counts[tile(x / kTile, y / kTile)] += bitCount(candidates & 0xffu);
+      counts[tile(x / kTile + 1, y / kTile)] += bitCount(candidates >> 8);
     }
 #endif
     for (; x < width; ++x) {
@@ -659,7 +668,7 @@ Clusters cluster(std::uint8_t* mask, std::size_t maskStride, int width, int heig
       const unsigned halves[2] = {counted & 0xffu, counted >> 8};
       for (int h = 0; h < 2; ++h) {
         if (!halves[h]) continue;
-        result.counted += std::popcount(halves[h]);
+        result.counted += bitCount(halves[h]);
         Box& b = tileBoxes[h ? k1 : k0];
         addToBox(b, x + h * kTile + std::countr_zero(halves[h]), y);
         addToBox(b, x + h * kTile + 31 - std::countl_zero(halves[h]), y);
