@@ -18,11 +18,11 @@
 // $HOME/.cache/saffra-bench; without node or npm only our engine is timed.
 //
 // Last measured (Release, SAFFRA_BENCH_ITERATIONS=5, --benchmark_min_time=1, 2 cores, AVX-512
-// Xeon): 1170x2532 pairs 11.2x faster than pixelmatch and 4.3x faster than odiff (geometric
-// means), 10.6-20.6 ms per phone pair; the phone shift and anti-aliasing pairs stay at 8.2x and
-// 9.1x of pixelmatch. The two files are inflated by the codec's own inflater and rebuilt
-// together piece by piece (shared rows once, Paeth rows of both side by side); inflating,
-// Paeth rows and the Strict kernel on differing rows are most of what is left.
+// Xeon): 1170x2532 pairs 14.0x faster than pixelmatch and 5.4x faster than odiff (geometric
+// means), each of them 10.8x or more, 7.9-15.1 ms per pair. The two files are inflated by the
+// codec's own inflater and rebuilt together piece by piece (shared rows once, Paeth rows as
+// stretches side by side); inflating, Paeth rows and the Strict kernel's anti-aliasing tests on
+// differing rows are most of what is left.
 #include <sched.h>
 #include <spawn.h>
 #include <sys/resource.h>

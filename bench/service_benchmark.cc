@@ -37,14 +37,17 @@
 //     PhoneSameBytes check  9.0 ms, service 0.70 ms, share 0.08, 111 checks/s
 //     Desktop        check 11.2 ms, service 5.3 ms,  share 0.48,  89 checks/s
 //     Small          check 1.30 ms, service 0.20 ms, share 0.16, 772 checks/s
-// Phone's service time is still over a third of the check. Timers put in the handler for one
-// run (medians per check) show where it goes: decoding the PNG 3.5 ms and comparing 4.8 ms,
-// together 85-90%; reading the body and its base64 0.4 ms, hashing 0.2 ms, SQLite and the
-// image file 0.3 ms. No fresh pixel memory is faulted in per check any more (0 page faults in
-// decode and compare once each worker thread has run a check). Storing a new file adds about
-// 1 ms (its fsync runs beside the comparison; written after it, it added 1.5-2 ms). Below a third
-// needs faster decoding or comparison; the client's own part of a check (PNG, base64 and JSON
-// encoding) is about 7.5 ms.
+// On the current CI machine kind (AVX-512 Xeon), at the start of the next round: Phone check
+// 28.7 ms, service 17.2 ms (share 0.60). After the codec's own inflater, piecewise decoding,
+// the Paeth stretches, the AVX2 Strict kernels and the whole-image pass on two threads:
+//     Phone          check 21.5 ms, service 10.9 ms,  share 0.51,  47 checks/s
+//     PhoneNewBytes  check 21.0 ms, service 10.3 ms,  share 0.49,  48 checks/s
+//     PhoneSameBytes check 10.9 ms, service 0.87 ms,  share 0.08,  92 checks/s
+//     Desktop        check 12.9 ms, service 6.1 ms,   share 0.47,  78 checks/s
+//     Small          check 1.41 ms, service 0.19 ms,  share 0.14, 711 checks/s
+// Timers put in the handler for one run: the upload's decode 4.9 ms (one deflate stream: one
+// core) and the comparison 4.7 ms (5.4 ms on one thread). Below a third for changed images
+// needs the decode and the comparison to overlap, or faster inflating.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
