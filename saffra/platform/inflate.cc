@@ -12,6 +12,7 @@
 
 #include "saffra/platform/bytes.h"
 #include "saffra/platform/cpu.h"
+#include "saffra/platform/deflate_tables.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -53,18 +54,11 @@ inline std::uint32_t valueOf(std::uint32_t e) {
   return e >> 16;
 }
 
-constexpr std::uint16_t kLengthBase[29] = {3,  4,  5,  6,   7,   8,   9,   10,  11, 13,
-                                           15, 17, 19, 23,  27,  31,  35,  43,  51, 59,
-                                           67, 83, 99, 115, 131, 163, 195, 227, 258};
-constexpr std::uint8_t kLengthExtra[29] = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2,
-                                           2, 3, 3, 3, 3, 4, 4, 4, 4, 5, 5, 5, 5, 0};
-constexpr std::uint16_t kDistanceBase[30] = {
-    1,   2,   3,   4,   5,   7,    9,    13,   17,   25,   33,   49,   65,    97,    129,
-    193, 257, 385, 513, 769, 1025, 1537, 2049, 3073, 4097, 6145, 8193, 12289, 16385, 24577};
-constexpr std::uint8_t kDistanceExtra[30] = {0, 0, 0, 0, 1, 1, 2, 2,  3,  3,  4,  4,  5,  5,  6,
-                                             6, 7, 7, 8, 8, 9, 9, 10, 10, 11, 11, 12, 12, 13, 13};
-constexpr std::uint8_t kPrecodeOrder[19] = {16, 17, 18, 0, 8,  7, 9,  6, 10, 5,
-                                            11, 4,  12, 3, 13, 2, 14, 1, 15};
+using deflate::kCodeLengthOrder;
+using deflate::kDistanceBase;
+using deflate::kDistanceExtra;
+using deflate::kLengthBase;
+using deflate::kLengthExtra;
 
 constexpr unsigned kLitlenBits = 11, kDistanceBits = 8, kPrecodeBits = 7;
 // Main table plus room for every subtable the largest alphabet could need.
@@ -303,10 +297,7 @@ class Inflater {
 
   // The Adler-32 checksum follows the last block on the next byte boundary.
   bool checkEnd() {
-    consume(count_ & 7);
-    in_ -= count_ >> 3;
-    bits_ = 0;
-    count_ = 0;
+    alignToByte();
     if (in_ > inEnd_ || inEnd_ - in_ < 4 || out_ != outEnd_) return false;
     return adler_ == bytes::loadBigEndian32(in_);
   }
@@ -340,11 +331,17 @@ class Inflater {
     return e;
   }
 
-  bool stored() {
+  // Drops the bits to the next byte boundary and gives the whole bytes still in the buffer
+  // back to the input.
+  void alignToByte() {
     consume(count_ & 7);
     in_ -= count_ >> 3;
     bits_ = 0;
     count_ = 0;
+  }
+
+  bool stored() {
+    alignToByte();
     if (in_ > inEnd_ || inEnd_ - in_ < 4) return false;
     const unsigned length = in_[0] | unsigned{in_[1]} << 8;
     const unsigned inverse = in_[2] | unsigned{in_[3]} << 8;
@@ -379,7 +376,7 @@ class Inflater {
     std::uint8_t precode[19] = {};
     for (unsigned i = 0; i < precodes; ++i) {
       if (!refill()) return false;
-      precode[kPrecodeOrder[i]] = static_cast<std::uint8_t>(take(3));
+      precode[kCodeLengthOrder[i]] = static_cast<std::uint8_t>(take(3));
     }
     if (!buildTable(
             precode, 19, kPrecodeBits, tables_.precode, std::size_t{1} << kPrecodeBits,

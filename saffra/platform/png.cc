@@ -17,6 +17,7 @@
 
 #include "saffra/platform/base64.h"
 #include "saffra/platform/bytes.h"
+#include "saffra/platform/deflate_tables.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/png_fast.h"
 
@@ -81,16 +82,10 @@ constexpr int kHashBits = 15;
 constexpr int kLitLenSymbols = 286;
 constexpr int kDistSymbols = 30;
 
-constexpr std::uint16_t kLengthBase[29] = {3,  4,  5,  6,   7,   8,   9,   10,  11, 13,
-                                           15, 17, 19, 23,  27,  31,  35,  43,  51, 59,
-                                           67, 83, 99, 115, 131, 163, 195, 227, 258};
-constexpr std::uint8_t kLengthExtra[29] = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2,
-                                           2, 3, 3, 3, 3, 4, 4, 4, 4, 5, 5, 5, 5, 0};
-constexpr std::uint16_t kDistBase[30] = {
-    1,   2,   3,   4,   5,   7,    9,    13,   17,   25,   33,   49,   65,    97,    129,
-    193, 257, 385, 513, 769, 1025, 1537, 2049, 3073, 4097, 6145, 8193, 12289, 16385, 24577};
-constexpr std::uint8_t kDistExtra[30] = {0, 0, 0, 0, 1, 1, 2, 2,  3,  3,  4,  4,  5,  5,  6,
-                                         6, 7, 7, 8, 8, 9, 9, 10, 10, 11, 11, 12, 12, 13, 13};
+using deflate::kDistanceBase;
+using deflate::kDistanceExtra;
+using deflate::kLengthBase;
+using deflate::kLengthExtra;
 
 // Match length (3..258) to its length code minus 257.
 constexpr std::array<std::uint8_t, 259> makeLengthCodes() {
@@ -401,8 +396,8 @@ class BandCompressor {
       writer_.put(litCode[257 + lc] | (std::uint64_t{length - kLengthBase[lc]} << litLen[257 + lc]),
                   litLen[257 + lc] + kLengthExtra[lc]);
       const unsigned dc = distanceCode(distance);
-      writer_.put(distCode[dc] | (std::uint64_t{distance - kDistBase[dc]} << distLen[dc]),
-                  distLen[dc] + kDistExtra[dc]);
+      writer_.put(distCode[dc] | (std::uint64_t{distance - kDistanceBase[dc]} << distLen[dc]),
+                  distLen[dc] + kDistanceExtra[dc]);
     }
     writer_.put(litCode[256], litLen[256]);
     litFreq_.fill(0);
@@ -463,8 +458,7 @@ class BandCompressor {
     std::uint16_t clCode[19] = {};
     buildLengths(freq, 19, 7, clLen);
     buildCodes(clLen, 19, clCode);
-    static constexpr int kOrder[19] = {16, 17, 18, 0, 8,  7, 9,  6, 10, 5,
-                                       11, 4,  12, 3, 13, 2, 14, 1, 15};
+    constexpr const auto& kOrder = deflate::kCodeLengthOrder;
     int nclen = 19;
     while (nclen > 4 && clLen[kOrder[nclen - 1]] == 0) --nclen;
     writer_.put(static_cast<unsigned>(nlit - 257), 5);
