@@ -32,6 +32,12 @@ struct Yiq {
   float y, i, q;
 };
 
+// The YIQ transform's coefficients by magnitude (the signs are in toYiq()), shared by the
+// scalar and the vector conversions so that all of them compute the very same floats.
+constexpr float kY[3] = {0.29889531f, 0.58662247f, 0.11448223f};
+constexpr float kI[3] = {0.59597799f, 0.27417610f, 0.32180189f};
+constexpr float kQ[3] = {0.21147017f, 0.52261711f, 0.31114694f};
+
 // YIQ of a colour blended over white (so transparency reads as the page behind it).
 inline Yiq toYiq(std::uint32_t v) {
   float r = static_cast<float>(v & 255u);
@@ -44,9 +50,8 @@ inline Yiq toYiq(std::uint32_t v) {
     g = 255.0f + (g - 255.0f) * f;
     b = 255.0f + (b - 255.0f) * f;
   }
-  return {r * 0.29889531f + g * 0.58662247f + b * 0.11448223f,
-          r * 0.59597799f - g * 0.27417610f - b * 0.32180189f,
-          r * 0.21147017f - g * 0.52261711f + b * 0.31114694f};
+  return {r * kY[0] + g * kY[1] + b * kY[2], r * kI[0] - g * kI[1] - b * kI[2],
+          r * kQ[0] - g * kQ[1] + b * kQ[2]};
 }
 
 inline float distance(const Yiq& a, const Yiq& b) {
@@ -93,15 +98,13 @@ inline YiqLanes toYiq(__m128i pixels) {
     return _mm_add_ps(white, _mm_mul_ps(_mm_sub_ps(v, white), f));
   };
   const __m128 r = channel(0), g = channel(8), b = channel(16);
-  const auto mix = [&](float kr, float kg, float kb, bool minusG, bool minusB) {
-    const __m128 rr = _mm_mul_ps(r, _mm_set1_ps(kr)), gg = _mm_mul_ps(g, _mm_set1_ps(kg));
-    const __m128 bb = _mm_mul_ps(b, _mm_set1_ps(kb));
+  const auto mix = [&](const float(&k)[3], bool minusG, bool minusB) {
+    const __m128 rr = _mm_mul_ps(r, _mm_set1_ps(k[0])), gg = _mm_mul_ps(g, _mm_set1_ps(k[1]));
+    const __m128 bb = _mm_mul_ps(b, _mm_set1_ps(k[2]));
     const __m128 sum = minusG ? _mm_sub_ps(rr, gg) : _mm_add_ps(rr, gg);
     return minusB ? _mm_sub_ps(sum, bb) : _mm_add_ps(sum, bb);
   };
-  return {mix(0.29889531f, 0.58662247f, 0.11448223f, false, false),
-          mix(0.59597799f, 0.27417610f, 0.32180189f, true, true),
-          mix(0.21147017f, 0.52261711f, 0.31114694f, true, false)};
+  return {mix(kY, false, false), mix(kI, true, true), mix(kQ, true, false)};
 }
 
 // The distances of four pixel pairs, as distance() computes them.
@@ -145,16 +148,14 @@ SAFFRA_TARGET_AVX2 inline YiqLanes8 toYiq8(__m256i pixels, bool opaque) {
     return opaque ? v : _mm256_add_ps(white, _mm256_mul_ps(_mm256_sub_ps(v, white), f));
   };
   const __m256 r = channel(0), g = channel(8), b = channel(16);
-  const auto mix = [&](float kr, float kg, float kb, bool minusG, bool minusB) SAFFRA_TARGET_AVX2 {
-    const __m256 rr = _mm256_mul_ps(r, _mm256_set1_ps(kr)),
-                 gg = _mm256_mul_ps(g, _mm256_set1_ps(kg));
-    const __m256 bb = _mm256_mul_ps(b, _mm256_set1_ps(kb));
+  const auto mix = [&](const float(&k)[3], bool minusG, bool minusB) SAFFRA_TARGET_AVX2 {
+    const __m256 rr = _mm256_mul_ps(r, _mm256_set1_ps(k[0]));
+    const __m256 gg = _mm256_mul_ps(g, _mm256_set1_ps(k[1]));
+    const __m256 bb = _mm256_mul_ps(b, _mm256_set1_ps(k[2]));
     const __m256 sum = minusG ? _mm256_sub_ps(rr, gg) : _mm256_add_ps(rr, gg);
     return minusB ? _mm256_sub_ps(sum, bb) : _mm256_add_ps(sum, bb);
   };
-  return {mix(0.29889531f, 0.58662247f, 0.11448223f, false, false),
-          mix(0.59597799f, 0.27417610f, 0.32180189f, true, true),
-          mix(0.21147017f, 0.52261711f, 0.31114694f, true, false)};
+  return {mix(kY, false, false), mix(kI, true, true), mix(kQ, true, false)};
 }
 
 SAFFRA_TARGET_AVX2 inline __m256 distance8(const YiqLanes8& a, const YiqLanes8& b) {
