@@ -65,6 +65,26 @@ constexpr unsigned kLitlenBits = 11, kDistanceBits = 8, kPrecodeBits = 7;
 constexpr std::size_t kLitlenEntries = (1u << kLitlenBits) + 288 * 16;
 constexpr std::size_t kDistanceEntries = (1u << kDistanceBits) + 32 * 128;
 
+// Finishes reading a code whose main-table entry `e` was looked up from the low bits of `bits`:
+// a link is followed into its subtable, and the code's bits are consumed. Returns the code's
+// entry. (Free-standing so the decoding loop can use it on its own local bit buffer.)
+inline std::uint32_t finishCode(const std::uint32_t* table, std::uint32_t e, unsigned mainBits,
+                                std::uint64_t& bits, unsigned& count) {
+  if (e & kLink) {
+    bits >>= mainBits;
+    count -= mainBits;
+    e = table[valueOf(e) + (bits & ((1u << extraOf(e)) - 1))];
+  }
+  bits >>= bitsOf(e);
+  count -= bitsOf(e);
+  return e;
+}
+// The entry of the next code in `table`, its bits consumed.
+inline std::uint32_t readCode(const std::uint32_t* table, unsigned mainBits, std::uint64_t& bits,
+                              unsigned& count) {
+  return finishCode(table, table[bits & ((1u << mainBits) - 1)], mainBits, bits, count);
+}
+
 inline std::uint32_t reverseBits(std::uint32_t code, unsigned length) {
   std::uint32_t r = 0;
   for (unsigned i = 0; i < length; ++i, code >>= 1) r = r << 1 | (code & 1u);
@@ -320,16 +340,6 @@ class Inflater {
     consume(n);
     return v;
   }
-  // The entry of the next code in `table`, its bits consumed.
-  std::uint32_t decode(const std::uint32_t* table, unsigned mainBits) {
-    std::uint32_t e = table[bits_ & ((1u << mainBits) - 1)];
-    if (e & kLink) {
-      consume(mainBits);
-      e = table[valueOf(e) + (bits_ & ((1u << extraOf(e)) - 1))];
-    }
-    consume(bitsOf(e));
-    return e;
-  }
 
   // Drops the bits to the next byte boundary and gives the whole bytes still in the buffer
   // back to the input.
@@ -387,7 +397,7 @@ class Inflater {
     const unsigned total = litlens + distances;
     for (unsigned i = 0; i < total;) {
       if (!refill()) return false;
-      const std::uint32_t e = decode(tables_.precode, kPrecodeBits);
+      const std::uint32_t e = readCode(tables_.precode, kPrecodeBits, bits_, count_);
       if (!(e & kValue)) return false;
       const unsigned symbol = valueOf(e);
       if (symbol < 16) {
@@ -442,13 +452,7 @@ class Inflater {
       count -= n;
     };
     const auto decode = [&](const std::uint32_t* table, unsigned mainBits) {
-      std::uint32_t e = table[bits & ((1u << mainBits) - 1)];
-      if (e & kLink) {
-        consume(mainBits);
-        e = table[valueOf(e) + (bits & ((1u << extraOf(e)) - 1))];
-      }
-      consume(bitsOf(e));
-      return e;
+      return readCode(table, mainBits, bits, count);
     };
     const auto extra = [&](std::uint32_t e) {
       const unsigned n = extraOf(e);
@@ -467,11 +471,7 @@ class Inflater {
       // the 64 a refill leaves), so the next code is looked up beside the refill.
       std::uint32_t e = litlen[bits & ((1u << kLitlenBits) - 1)];
       refill();
-      if (e & kLink) {
-        consume(kLitlenBits);
-        e = litlen[valueOf(e) + (bits & ((1u << extraOf(e)) - 1))];
-      }
-      consume(bitsOf(e));
+      e = finishCode(litlen, e, kLitlenBits, bits, count);
       const bool room = outEnd - out >= kRoom;
       // Up to three literals per refill (15 bits each at most).
       if (e & kLiteral) {
@@ -500,11 +500,7 @@ class Inflater {
       // The distance code's entry is looked up beside the length's extra bits.
       std::uint32_t d = distances[(bits >> extraOf(e)) & ((1u << kDistanceBits) - 1)];
       const std::size_t length = valueOf(e) + extra(e);
-      if (d & kLink) {
-        consume(kDistanceBits);
-        d = distances[valueOf(d) + (bits & ((1u << extraOf(d)) - 1))];
-      }
-      consume(bitsOf(d));
+      d = finishCode(distances, d, kDistanceBits, bits, count);
       if (!(d & kValue)) break;
       const std::size_t distance = valueOf(d) + extra(d);
       if (distance > static_cast<std::size_t>(out - outStart) ||

@@ -111,9 +111,9 @@ std::vector<std::uint8_t> filteredPng(const std::vector<std::uint8_t>& pixels, s
   return png;
 }
 
-// Every filter type, alone and next to each other (runs of Paeth rows are decoded two at a
-// time), on RGB and RGBA rows of widths around the 4-pixel steps of the row decoder, with the
-// processor's own kernels and with the portable ones.
+// Every filter type, alone and next to each other, on RGB and RGBA rows of widths around the
+// 4-pixel steps of the row decoder and the four Paeth stretches, with the processor's own
+// kernels and with the portable ones.
 TEST(PngFastTest, UndoesEveryFilterOnRgbAndRgbaRowsOfAnyWidth) {
   const std::vector<std::vector<int>> orders = {
       {0}, {1}, {2}, {3}, {4}, {4, 4, 4, 2}, {3, 4, 1, 4, 4, 0, 2, 4}, {2, 3, 4, 4, 1}};
