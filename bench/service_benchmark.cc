@@ -46,8 +46,15 @@
 //     Desktop        check 12.9 ms, service 6.1 ms,   share 0.47,  78 checks/s
 //     Small          check 1.41 ms, service 0.19 ms,  share 0.14, 711 checks/s
 // Timers put in the handler for one run: the upload's decode 4.9 ms (one deflate stream: one
-// core) and the comparison 4.7 ms (5.4 ms on one thread). Below a third for changed images
-// needs the decode and the comparison to overlap, or faster inflating.
+// core) and the comparison 4.7 ms (5.4 ms on one thread). Then the comparison was made to
+// follow the decoding band by band on waiting pool threads (a new thread often started 1-2 ms
+// late here):
+//     Phone          check 19.8-20.2 ms, service 9.3-9.6 ms,  share 0.47-0.48,  50 checks/s
+//     PhoneNewBytes  check 21.0 ms,      service 10.3 ms,     share 0.49,       48 checks/s
+//     PhoneSameBytes check 11.3 ms,      service 0.90 ms,     share 0.08,       89 checks/s
+//     Desktop        check 13.0-14.0 ms, service 5.9-6.2 ms,  share 0.45,       72-77 checks/s
+// Decoding alone takes about 6.3 ms in the handler; with the comparison trailing it on the
+// other core it takes 7.5 ms (shared caches and memory), and the comparison ends 1.5 ms later.
 #include <benchmark/benchmark.h>
 
 #include <chrono>

@@ -1,9 +1,13 @@
 #include "server/matcher.h"
 
 #include <algorithm>
+#include <exception>
+#include <system_error>
 
 #include "server/compare/accessibility.h"
 #include "server/compare/compare.h"
+#include "server/compare/task_pool.h"
+#include "server/pixel_pool.h"
 
 namespace saffra::server {
 
@@ -47,18 +51,76 @@ compare::CompareOptions engineOptions(const MatchSettings& s) {
   return o;
 }
 
-}  // namespace
-
-MatchOutcome matchImages(const Image& baseline, const Image& current,
-                         const MatchSettings& settings) {
-  compare::CompareResult result =
-      compare::compareImages(baseline, current, engineOptions(settings));
+MatchOutcome outcomeOf(compare::CompareResult result) {
   MatchOutcome outcome;
   outcome.matches = result.matches;
   if (!result.matches) {
     outcome.comparison = std::make_shared<const compare::CompareResult>(std::move(result));
   }
   return outcome;
+}
+
+}  // namespace
+
+MatchOutcome matchImages(const Image& baseline, const Image& current,
+                         const MatchSettings& settings) {
+  return outcomeOf(compare::compareImages(baseline, current, engineOptions(settings)));
+}
+
+DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> upload,
+                            const Image& baseline, const MatchSettings& settings,
+                            const std::function<void()>& decoded) {
+  // The comparison runs on a pool thread, a band behind the decoding; once the decoding is
+  // done, this thread waits for it. Whatever happens, the comparison is stopped and waited for
+  // before the rows it reads can go.
+  png::RowProgress progress;
+  std::optional<compare::CompareResult> early;
+  std::shared_ptr<compare::TaskPool::Task> comparing;
+  try {
+    comparing = compare::TaskPool::shared().post([&] {
+      try {
+        if (!progress.waitForStart()) return;
+        compare::CompareOptions options = engineOptions(settings);
+        options.checkpointRows = [&](int rows) {
+          return progress.waitForRows(static_cast<std::size_t>(rows));
+        };
+        early = compare::compareDecoding(baseline, progress.rgba(), progress.width(),
+                                         progress.height(), options);
+      } catch (const compare::ComparisonAbandoned&) {
+        // The fast decoder gave up; the comparison is redone on the general decoder's image.
+      }
+    });
+  } catch (const std::system_error&) {
+    // No thread to spare: the comparison follows the decoding.
+  }
+  std::exception_ptr failure;
+  struct Settled {
+    png::RowProgress& progress;
+    std::shared_ptr<compare::TaskPool::Task>& comparing;
+    std::exception_ptr& failure;
+    ~Settled() {
+      progress.fail();  // releases a comparison waiting for rows that will not come
+      if (!comparing) return;
+      try {
+        // Not yet started (the pool is busy): withdrawn, and the comparison runs below.
+        comparing->finish();
+      } catch (...) {
+        failure = std::current_exception();
+      }
+    }
+  };
+  DecodedMatch match;
+  bool fast = false;
+  {
+    const Settled settled{progress, comparing, failure};
+    match.current = pool.decodePNG(upload, &progress);
+    fast = progress.complete();  // else the general decoder made the image
+    if (decoded) decoded();
+  }
+  if (failure) std::rethrow_exception(failure);
+  match.outcome = fast && early ? outcomeOf(std::move(*early))
+                                : matchImages(baseline, *match.current, settings);
+  return match;
 }
 
 std::shared_ptr<Image> diffImage(const Image& baseline, const MatchOutcome& outcome) {

@@ -4,8 +4,11 @@
 // contrast of the step's accessibility regions.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 
 #include "saffra/platform/image.h"
@@ -17,6 +20,8 @@ struct CompareResult;
 
 namespace saffra::server {
 
+class PixelPool;
+
 /// The verdict of one comparison.
 struct MatchOutcome {
   bool matches = false;
@@ -27,6 +32,20 @@ struct MatchOutcome {
 /// Compares `current` with `baseline` at the settings' match level, honouring its regions.
 MatchOutcome matchImages(const Image& baseline, const Image& current,
                          const MatchSettings& settings);
+
+/// An upload decoded and compared with its baseline.
+struct DecodedMatch {
+  std::shared_ptr<const Image> current;
+  MatchOutcome outcome;
+};
+
+/// Decodes the PNG `upload` into `pool`'s buffers and compares it with `baseline` like
+/// matchImages, the comparison following the decoding band by band on other threads.
+/// `decoded` runs once the upload is known to be a valid image, while the comparison may still
+/// be going on. Throws Exception "InvalidImageException" for an upload that is not a PNG.
+DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> upload,
+                            const Image& baseline, const MatchSettings& settings,
+                            const std::function<void()>& decoded = {});
 
 /// The diff image of a mismatch found by matchImages with this baseline: the baseline faded
 /// with the differences marked; nullptr when the comparison found a match. Made only on request,

@@ -4,6 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <zlib.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "saffra/platform/exception.h"
+#include "server/pixel_pool.h"
 #include "server/service_test_support.h"
 
 namespace saffra::server {
@@ -89,6 +96,53 @@ TEST(MatchSettingsTest, ReadsTheWireFormLeniently) {
   EXPECT_EQ(types, std::vector<AccessibilityRegionType>({AccessibilityRegionType::GraphicalObject,
                                                          AccessibilityRegionType::GraphicalObject,
                                                          AccessibilityRegionType::BoldText}));
+}
+
+// An upload compared while it is decoded gets the verdict and findings of decoding first, also
+// when the fast decoder gives up on it (other kinds of PNG) or it turns out damaged late.
+TEST(MatcherTest, ComparingWhileDecodingGivesTheVerdictOfDecodingFirst) {
+  const std::string pairs = std::string(SAFFRA_CORPUS_DIR) + "/pairs/";
+  const auto baseline = Image::fromPNGFile(pairs + "phone-help-steps-1170x2532.png");
+  auto pool = std::make_shared<PixelPool>(2, 64u << 20);
+  for (const char* kind : {"word", "aa"}) {
+    const auto changed = Image::fromPNGFile(pairs + "phone-help-steps-1170x2532--" + kind + ".png");
+    MatchSettings settings;
+    const MatchOutcome expected = matchImages(*baseline, *changed, settings);
+    const DecodedMatch got = decodeAndMatch(*pool, changed->pngData(), *baseline, settings);
+    EXPECT_EQ(got.current->pixels(), changed->pixels());
+    EXPECT_EQ(got.outcome.matches, expected.matches) << kind;
+    ASSERT_EQ(!got.outcome.comparison, !expected.comparison) << kind;
+    if (expected.comparison) {
+      EXPECT_EQ(got.outcome.comparison->differences, expected.comparison->differences);
+      EXPECT_EQ(got.outcome.comparison->differingPixels, expected.comparison->differingPixels);
+    }
+  }
+
+  // A palette file: the general decoder's image is compared after decoding.
+  const auto icon = Image::fromPNGFile(std::string(SAFFRA_CORPUS_DIR) + "/icon-tile-64x64.png");
+  std::ifstream in(std::string(SAFFRA_CORPUS_DIR) + "/icon-tile-64x64.png", std::ios::binary);
+  const std::vector<std::uint8_t> palette{std::istreambuf_iterator<char>(in), {}};
+  bool called = false;
+  const DecodedMatch same = decodeAndMatch(*pool, palette, *icon, {}, [&] { called = true; });
+  EXPECT_TRUE(same.outcome.matches);
+  EXPECT_TRUE(called);
+
+  // Damage near the end of the pixel data (checksums of the chunk kept right): most rows are
+  // decoded, and compared, before the decoding fails.
+  std::vector<std::uint8_t> damaged = baseline->pngData();
+  const std::size_t idat = 33, length = std::size_t{damaged[idat]} << 24 |
+                                        std::size_t{damaged[idat + 1]} << 16 |
+                                        std::size_t{damaged[idat + 2]} << 8 | damaged[idat + 3];
+  ASSERT_EQ(std::string(damaged.begin() + idat + 4, damaged.begin() + idat + 8), "IDAT");
+  for (std::size_t k = 12; k < 40; ++k) damaged[idat + 8 + length - k] ^= 0x5A;
+  const std::uint32_t crc =
+      static_cast<std::uint32_t>(crc32(0, &damaged[idat + 4], static_cast<uInt>(length + 4)));
+  for (int b = 0; b < 4; ++b) {
+    damaged[idat + 8 + length + b] = static_cast<std::uint8_t>(crc >> (24 - 8 * b));
+  }
+  called = false;
+  EXPECT_THROW(decodeAndMatch(*pool, damaged, *baseline, {}, [&] { called = true; }), Exception);
+  EXPECT_FALSE(called);
 }
 
 }  // namespace

@@ -52,7 +52,8 @@ std::size_t PixelPool::bytes() const {
   return bytes_;
 }
 
-std::shared_ptr<const Image> PixelPool::decodePNG(std::span<const std::uint8_t> png) {
+std::shared_ptr<const Image> PixelPool::decodePNG(std::span<const std::uint8_t> png,
+                                                  png::RowProgress* progress) {
   // The IHDR's size, when there is one, picks a buffer that needs no growing.
   std::size_t expected = 0;
   if (png.size() >= 24) {
@@ -64,8 +65,13 @@ std::shared_ptr<const Image> PixelPool::decodePNG(std::span<const std::uint8_t> 
   }
   std::vector<std::uint8_t> buffer = take(expected);
   std::size_t width = 0, height = 0;
-  if (!png::decodeCommonInto(png.data(), png.size(), buffer, width, height)) {
-    give(std::move(buffer));
+  if (!png::decodeCommonInto(png.data(), png.size(), buffer, width, height, progress)) {
+    // Readers of rows published before the fast decoder gave up may still be reading them.
+    if (progress) {
+      progress->keep(std::move(buffer));
+    } else {
+      give(std::move(buffer));
+    }
     return Image::fromPNGData(png.data(), png.size());
   }
   std::weak_ptr<PixelPool> pool = weak_from_this();

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "saffra/platform/image.h"
+#include "saffra/platform/png_fast.h"
 
 namespace saffra::server {
 
@@ -37,8 +38,11 @@ class PixelPool : public std::enable_shared_from_this<PixelPool> {
 
   /// Decodes PNG bytes into a pooled buffer; the image hands its buffer back when the last
   /// reference to it goes. PNGs of the common kind (8-bit RGB or RGBA) are decoded straight
-  /// into the buffer, others by the general decoder. Throws like Image::fromPNGData.
-  std::shared_ptr<const Image> decodePNG(std::span<const std::uint8_t> png);
+  /// into the buffer, publishing rows to `progress` when given; others (and those the fast
+  /// decoder gives up on, whose buffer then stays with `progress`) by the general decoder.
+  /// Throws like Image::fromPNGData.
+  std::shared_ptr<const Image> decodePNG(std::span<const std::uint8_t> png,
+                                         png::RowProgress* progress = nullptr);
 
  private:
   const std::size_t maxBuffers_;

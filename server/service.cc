@@ -424,8 +424,20 @@ struct Service::Impl {
     try {
       return uploadPixels->decodePNG(png);
     } catch (const Exception& e) {
-      throw RequestError(400, "screenshot64 is not a valid PNG image: " + e.reason());
+      throw invalidUpload(e);
     }
+  }
+  /// The same, compared with `baseline` as it is decoded.
+  DecodedMatch decodeUpload(const std::vector<std::uint8_t>& png, const Image& baseline,
+                            const MatchSettings& settings, const std::function<void()>& decoded) {
+    try {
+      return decodeAndMatch(*uploadPixels, png, baseline, settings, decoded);
+    } catch (const Exception& e) {
+      throw invalidUpload(e);
+    }
+  }
+  static RequestError invalidUpload(const Exception& e) {
+    return RequestError(400, "screenshot64 is not a valid PNG image: " + e.reason());
   }
 
   /// A stored image, decoded; baselines are compared again at every run of their test, so
@@ -495,18 +507,23 @@ struct Service::Impl {
     if (sameAsBaseline) {
       outcome.matches = true;
     } else {
-      current = decodeUpload(png);
       if (baseline) {
-        if (!ignoreMatch && !ignoreMismatch && !store->hasImage(imageId)) {
+        // The comparison follows the decoding; once the upload is known to be a valid image,
+        // its file is written while the comparison finishes.
+        const auto write = [&] {
+          if (ignoreMatch || ignoreMismatch || store->hasImage(imageId)) return;
           try {
             written = std::async(std::launch::async, [&] { return store->putImage(png, imageId); });
           } catch (const std::system_error&) {
             // No thread to spare: the file is written after the comparison instead.
           }
-        }
+        };
         baselinePixels = storedImage(baseline->image);
-        outcome = matchImages(*baselinePixels, *current, settings);
+        DecodedMatch match = decodeUpload(png, *baselinePixels, settings, write);
+        current = std::move(match.current);
+        outcome = std::move(match.outcome);
       } else {
+        current = decodeUpload(png);
         // Steps of a new test become its proposed baseline; a step beyond an existing baseline
         // is new and needs approval.
         outcome.matches = session->isNew;

@@ -24,6 +24,54 @@ namespace saffra::png {
 
 static_assert(std::endian::native == std::endian::little, "pixels are packed little-endian");
 
+void RowProgress::begin(const std::uint8_t* rgba, std::size_t width, std::size_t height) {
+  {
+    std::lock_guard lock(mutex_);
+    rgba_ = rgba, width_ = width, height_ = height;
+    started_ = true;
+  }
+  changed_.notify_all();
+}
+
+void RowProgress::publish(std::size_t rows) {
+  bool wake = false;
+  {
+    std::lock_guard lock(mutex_);
+    rows_ = std::max(rows_, rows);
+    wake = rows_ >= wanted_;
+  }
+  if (wake) changed_.notify_all();
+}
+
+void RowProgress::fail() {
+  {
+    std::lock_guard lock(mutex_);
+    failed_ = true;
+  }
+  changed_.notify_all();
+}
+
+bool RowProgress::complete() {
+  std::lock_guard lock(mutex_);
+  return started_ && !failed_ && rows_ >= height_;
+}
+
+bool RowProgress::waitForStart() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return started_ || failed_; });
+  return started_ && !failed_;
+}
+
+bool RowProgress::waitForRows(std::size_t rows) {
+  std::unique_lock lock(mutex_);
+  while (rows_ < rows && !failed_) {
+    wanted_ = std::min(wanted_, rows);
+    changed_.wait(lock);
+    wanted_ = SIZE_MAX;  // a reader still short of its rows sets it again
+  }
+  return rows_ >= rows;
+}
+
 #ifdef SAFFRA_HAVE_LIBDEFLATE
 
 namespace {
@@ -733,16 +781,19 @@ bool rowsDone(bool ok, DecodedPixels& out) {
   return ok;
 }
 
-// Inflates and rebuilds all rows of one image into `out`.
-bool decodeAlone(const Common& png, std::vector<std::uint8_t>& raw, DecodedPixels& out) {
+// Inflates and rebuilds all rows of one image into `out`, publishing them to `progress`.
+bool decodeAlone(const Common& png, std::vector<std::uint8_t>& raw, DecodedPixels& out,
+                 RowProgress* progress = nullptr) {
   Inflation inflation(png, raw);
   const auto run = [&](const auto& rows) {
+    if (progress) progress->begin(out.rgba.data(), out.width, out.height);
     std::size_t done = 0;
     while (!inflation.stream.finished()) {
       if (!inflation.advance(done + inflation.rowsPerPiece())) return false;
       const std::size_t ready = inflation.rowsReady();
       if (!decodeRows(rows, done, ready)) return false;
       done = ready;
+      if (progress) progress->publish(done);
     }
     return true;
   };
@@ -788,15 +839,17 @@ std::shared_ptr<Image> decodeCommon(const std::uint8_t* data, std::size_t size, 
 }
 
 bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& rgba,
-                      std::size_t& width, std::size_t& height) {
+                      std::size_t& width, std::size_t& height, RowProgress* progress) {
   static thread_local std::vector<std::uint8_t> compressed, raw;
   Common png{{}, compressed};
-  if (!readCommon(data, size, png)) return false;
   DecodedPixels out{rgba};
-  const bool ok = decodeAlone(png, raw, out);
+  const bool ok = readCommon(data, size, png) && decodeAlone(png, raw, out, progress);
   releaseIfLarge(raw);
   releaseIfLarge(compressed);
-  if (!ok) return false;
+  if (!ok) {
+    if (progress) progress->fail();
+    return false;
+  }
   width = out.width;
   height = out.height;
   return true;
@@ -825,7 +878,8 @@ std::shared_ptr<Image> decodeCommon(const std::uint8_t*, std::size_t, double) {
 }
 
 bool decodeCommonInto(const std::uint8_t*, std::size_t, std::vector<std::uint8_t>&, std::size_t&,
-                      std::size_t&) {
+                      std::size_t&, RowProgress* progress) {
+  if (progress) progress->fail();
   return false;
 }
 

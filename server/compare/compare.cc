@@ -1,17 +1,19 @@
 #include "server/compare/compare.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <thread>
+#include <system_error>
 
 #include "saffra/platform/png_fast.h"
 #include "server/compare/accessibility.h"
 #include "server/compare/pixel_levels.h"
+#include "server/compare/task_pool.h"
 
 namespace saffra::compare {
 
@@ -70,44 +72,73 @@ void diffArea(const Pixels& a, const Pixels& b, MatchLevel level, const Clip& c,
   }
 }
 
-// The pass over the whole image at the step's level. With two threads the rows are dealt out
-// in bands of a multiple of the Strict kernel's 8-row tiles (every other band to the second
-// thread, so both get their share of a change wherever it is), and each band sees the very
-// tiles it would see in one pass; both threads read (never write) each other's pixels as
-// neighbours.
+// Waits until the checkpoint's rows [0, rows) are there (they always are unless the checkpoint
+// is still being decoded); a decoding that failed abandons the comparison.
+void awaitRows(const CompareOptions& options, int rows) {
+  if (options.checkpointRows && !options.checkpointRows(rows)) throw ComparisonAbandoned();
+}
+
+// The pass over the whole image at the step's level, in bands of a multiple of the Strict
+// kernel's 8-row tiles taken in order by one or two threads. Each band sees the very tiles it
+// would see in one pass, so the result does not depend on which thread took which band; both
+// threads read (never write) each other's pixels as neighbours. A band is compared once the
+// checkpoint's rows reach a little past it (neighbour reads go two rows beyond an area).
 void diffWhole(const Pixels& a, const Pixels& b, const CompareOptions& options,
                std::vector<std::uint8_t>& mask) {
   const int width = a.width, height = a.height;
-  constexpr int kBand = 128;
+  constexpr int kBand = 128, kReach = 8;
   const auto rows = [&](int from, int to) {
     return clip({0, from, width, static_cast<std::int64_t>(to - from)}, width, height);
   };
-  if (options.threads < 2 || height < 2 * kBand || options.level == MatchLevel::Layout) {
+  if (height < 2 * kBand || options.level == MatchLevel::Layout) {
+    awaitRows(options, height);
     diffArea(a, b, options.level, rows(0, height), mask);
     return;
   }
-  const auto bands = [&](int first) {
-    for (int y = first * kBand; y < height; y += 2 * kBand) {
-      diffArea(a, b, options.level, rows(y, std::min(y + kBand, height)), mask);
+  std::atomic<int> next{0};
+  const auto bands = [&] {
+    for (int y = next.fetch_add(kBand); y < height; y = next.fetch_add(kBand)) {
+      const int end = std::min(y + kBand, height);
+      awaitRows(options, std::min(end + kReach, height));
+      diffArea(a, b, options.level, rows(y, end), mask);
     }
   };
-  std::exception_ptr failure;
-  std::thread second([&] {
-    try {
-      bands(1);
-    } catch (...) {
-      failure = std::current_exception();
-    }
-  });
-  struct Joined {
-    std::thread& thread;
-    ~Joined() { thread.join(); }
-  };
-  {
-    const Joined joined{second};
-    bands(0);
+  if (options.threads < 2) {
+    bands();
+    return;
   }
-  if (failure) std::rethrow_exception(failure);
+  // The helper comes from a pool of waiting threads, and does nothing if it starts only after
+  // this thread has taken every band. While the checkpoint is still being decoded, one thread
+  // keeps up with the decoding, and a second would only take the decoder's core: the helper
+  // joins in once the decoding is done.
+  std::shared_ptr<TaskPool::Task> helper;
+  try {
+    helper = TaskPool::shared().post([&] {
+      try {
+        awaitRows(options, height);
+        bands();
+      } catch (...) {
+        next = height;  // the other thread stops at its next band
+        throw;
+      }
+    });
+  } catch (const std::system_error&) {
+    // No thread to spare: this thread takes every band.
+  }
+  try {
+    bands();
+  } catch (...) {
+    next = height;
+    if (helper) {
+      try {
+        helper->finish();
+      } catch (...) {
+        // The first failure is the one reported.
+      }
+    }
+    throw;
+  }
+  if (helper) helper->finish();
 }
 
 // The area a floating region's content may occupy in the checkpoint.
@@ -314,6 +345,7 @@ namespace {
 CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
                            const CompareOptions& options) {
   CompareResult result;
+  if (!options.accessibilityRegions.empty()) awaitRows(options, checkpoint.height);
   for (const AccessibilityRegion& region : options.accessibilityRegions) {
     result.accessibility.push_back(
         detail::checkContrast(checkpoint, region, options.accessibilityLevel));
@@ -338,6 +370,7 @@ CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
   static thread_local std::vector<std::uint8_t> mask;
   mask.assign(width * height, 0);
   diffWhole(baseline, checkpoint, options, mask);
+  awaitRows(options, checkpoint.height);  // the rest reads anywhere
   const std::pair<const std::vector<PixelRect>*, MatchLevel> regionLevels[] = {
       {&options.layoutRegions, MatchLevel::Layout},
       {&options.contentRegions, MatchLevel::Content},
@@ -396,6 +429,13 @@ CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
 CompareResult compareImages(const Image& baseline, const Image& checkpoint,
                             const CompareOptions& options) {
   return compareViews(view(baseline), view(checkpoint), options);
+}
+
+CompareResult compareDecoding(const Image& baseline, const std::uint8_t* checkpointRgba,
+                              std::size_t width, std::size_t height,
+                              const CompareOptions& options) {
+  return compareViews(view(baseline),
+                      {checkpointRgba, static_cast<int>(width), static_cast<int>(height)}, options);
 }
 
 CompareResult comparePNG(const std::vector<std::uint8_t>& baselinePNG,

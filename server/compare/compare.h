@@ -45,6 +45,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -122,10 +124,14 @@ struct CompareOptions {
   std::vector<AccessibilityRegion> accessibilityRegions;
   /// Keep the per-pixel difference mask of a mismatch in the result (for makeDiffImage).
   bool keepMask = true;
-  /// Threads for the pass over the whole image at Exact, Strict or Content: with 2, the lower
-  /// half of the rows is compared on a second thread (same result; the rest stays on the
-  /// caller's thread). 1 compares on the caller's thread alone.
+  /// Threads for the pass over the whole image at Exact, Strict or Content: with 2, bands of
+  /// rows are shared with a second thread (same result; the rest stays on the caller's
+  /// thread). 1 compares on the caller's thread alone.
   unsigned threads = 1;
+  /// For a checkpoint that is still being decoded (compareDecoding): called, from either
+  /// thread, before the checkpoint's rows [0, rows) are read; returns once they are final, or
+  /// false to abandon the comparison.
+  std::function<bool(int rows)> checkpointRows;
 
   /// Reads an image match settings object as the client sends it ("matchLevel", "Ignore",
   /// "Layout", "Strict", "Content", "Floating", "accessibility", "accessibilityLevel"; regions
@@ -172,9 +178,21 @@ inline constexpr int kEdgeContrast = 48;
 inline constexpr int kLayoutJoinX = 8;
 inline constexpr int kLayoutJoinY = 3;
 
+/// Thrown when CompareOptions::checkpointRows abandons a comparison.
+class ComparisonAbandoned : public std::exception {
+ public:
+  const char* what() const noexcept override { return "the checkpoint's decoding failed"; }
+};
+
 /// Compares `checkpoint` with `baseline`.
 CompareResult compareImages(const Image& baseline, const Image& checkpoint,
                             const CompareOptions& options = {});
+
+/// Compares a checkpoint that is still being decoded into `checkpointRgba` (width x height RGBA)
+/// with `baseline`, reading its rows only as options.checkpointRows allows. Throws
+/// ComparisonAbandoned when that gives up.
+CompareResult compareDecoding(const Image& baseline, const std::uint8_t* checkpointRgba,
+                              std::size_t width, std::size_t height, const CompareOptions& options);
 
 /// Decodes two PNG files' bytes and compares them (the service's usual path). Throws
 /// Exception "InvalidImageException" for data that is not PNG.

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "saffra/platform/cpu.h"
@@ -115,6 +117,50 @@ TEST_P(CorpusPairs, TwoThreadsGiveTheResultOfOne) {
       EXPECT_EQ(two.differingPixels, one.differingPixels) << kind;
       EXPECT_EQ(two.differences, one.differences) << kind;
       EXPECT_TRUE(two.mask == one.mask) << kind;
+    }
+  }
+}
+
+// A checkpoint still being decoded: rows are handed over only when asked for, and until then
+// hold the inverse of their pixels, so a read ahead of the decoding changes the result. The
+// comparison must equal the one of the whole image, and a decoding that fails abandons it.
+TEST_P(CorpusPairs, ComparingWhileDecodingReadsOnlyFinishedRows) {
+  const std::string base = GetParam();
+  const auto baseline = Image::fromPNGFile((kPairs / (base + ".png")).string());
+  for (const char* kind : {"shift", "aa"}) {
+    const auto other = Image::fromPNGFile((kPairs / (base + "--" + kind + ".png")).string());
+    const std::size_t rowBytes = other->width() * 4;
+    for (const MatchLevel level : {MatchLevel::Strict, MatchLevel::Content, MatchLevel::Layout}) {
+      CompareOptions options;
+      options.level = level;
+      options.threads = 2;
+      const CompareResult whole = compareImages(*baseline, *other, options);
+
+      std::vector<std::uint8_t> decoding(other->pixels().size());
+      for (std::size_t i = 0; i < decoding.size(); ++i) decoding[i] = ~other->pixels()[i];
+      std::mutex mutex;
+      std::size_t handedOver = 0;
+      options.checkpointRows = [&](int rows) {
+        std::lock_guard lock(mutex);
+        const std::size_t wanted = static_cast<std::size_t>(rows);
+        if (wanted > handedOver) {
+          std::memcpy(&decoding[handedOver * rowBytes], other->data() + handedOver * rowBytes,
+                      (wanted - handedOver) * rowBytes);
+          handedOver = wanted;
+        }
+        return true;
+      };
+      const CompareResult pieced =
+          compareDecoding(*baseline, decoding.data(), other->width(), other->height(), options);
+      EXPECT_EQ(pieced.matches, whole.matches) << kind;
+      EXPECT_EQ(pieced.differingPixels, whole.differingPixels) << kind;
+      EXPECT_EQ(pieced.differences, whole.differences) << kind;
+      EXPECT_TRUE(pieced.mask == whole.mask) << kind;
+
+      options.checkpointRows = [&](int rows) { return rows <= 300; };
+      EXPECT_THROW(
+          compareDecoding(*baseline, other->data(), other->width(), other->height(), options),
+          ComparisonAbandoned);
     }
   }
 }

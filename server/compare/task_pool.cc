@@ -1,0 +1,87 @@
+#include "server/compare/task_pool.h"
+
+#include <algorithm>
+#include <system_error>
+
+namespace saffra::compare {
+
+bool TaskPool::Task::finish() {
+  std::unique_lock lock(mutex_);
+  if (state_ == State::Queued) {
+    state_ = State::Withdrawn;
+    return false;
+  }
+  done_.wait(lock, [&] { return state_ == State::Done; });
+  if (failure_) std::rethrow_exception(failure_);
+  return true;
+}
+
+TaskPool::TaskPool(std::size_t threads) {
+  for (std::size_t i = 0; i < threads; ++i) {
+    try {
+      threads_.emplace_back([this] { serve(); });
+    } catch (const std::system_error&) {
+      break;  // fewer threads; post refuses when there are none
+    }
+  }
+}
+
+TaskPool::~TaskPool() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  posted_.notify_all();
+  for (std::thread& t : threads_) t.join();
+}
+
+std::shared_ptr<TaskPool::Task> TaskPool::post(std::function<void()> work) {
+  if (threads_.empty()) {
+    throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
+                            "no pool thread");
+  }
+  auto task = std::make_shared<Task>();
+  task->work_ = std::move(work);
+  {
+    std::lock_guard lock(mutex_);
+    queue_.push_back(task);
+  }
+  posted_.notify_one();
+  return task;
+}
+
+void TaskPool::serve() {
+  for (;;) {
+    std::shared_ptr<Task> task;
+    {
+      std::unique_lock lock(mutex_);
+      posted_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
+      if (queue_.empty()) return;  // stopping, nothing left
+      task = std::move(queue_.front());
+      queue_.pop_front();
+    }
+    {
+      std::lock_guard lock(task->mutex_);
+      if (task->state_ == Task::State::Withdrawn) continue;
+      task->state_ = Task::State::Running;
+    }
+    try {
+      task->work_();
+    } catch (...) {
+      task->failure_ = std::current_exception();
+    }
+    {
+      std::lock_guard lock(task->mutex_);
+      task->state_ = Task::State::Done;
+      task->work_ = nullptr;
+    }
+    task->done_.notify_all();
+  }
+}
+
+TaskPool& TaskPool::shared() {
+  static TaskPool pool(std::clamp<std::size_t>(std::thread::hardware_concurrency(), 2, 8));
+  return pool;
+}
+
+}  // namespace saffra::compare
