@@ -251,16 +251,36 @@ std::uint32_t distanceEntry(unsigned symbol) {
 // The state of the bit reader and the output while a stream is inflated.
 class Inflater {
  public:
-  Inflater(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize)
-      : in_(in), inEnd_(in + inSize), out_(out), outStart_(out), outEnd_(out + outSize) {}
+  // Output goes to `out`, which holds `capacity` bytes (and the slack after them) of the
+  // `outSize` the stream must fill; with less room than that, bytes are moved back to its start
+  // as the stream goes on (see slide).
+  Inflater(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t capacity,
+           std::size_t outSize)
+      : in_(in),
+        inEnd_(in + inSize),
+        out_(out),
+        outStart_(out),
+        capacity_(std::min(capacity, outSize)),
+        total_(outSize),
+        outEnd_(out + capacity_) {}
 
   // Inflates until at least `target` bytes of output are final or the stream has ended (and
   // then checks its end). False on damage of any kind, from then on.
   bool advance(std::size_t target) {
     if (failed_) return false;
-    if (!advanceTo(outStart_ + std::min(target, static_cast<std::size_t>(outEnd_ - outStart_)))) {
-      failed_ = true;
+    target = std::max(std::min(target, total_), produced());
+    if (total_ - offset_ > capacity_ && target > produced()) {
+      // Room for a stored block (64 KiB) or a step of a block (261 bytes) begun below target.
+      constexpr std::size_t kMargin = kMinCapacity - 32768;
+      if (target - offset_ + kMargin > capacity_) slide();
+      if (total_ - offset_ > capacity_) {
+        target = std::min(target, offset_ + capacity_ - kMargin);
+        // A buffer too small for what its caller keeps is refused rather than left unmoving.
+        if (target <= produced()) failed_ = true;
+      }
     }
+    if (failed_) return false;
+    if (!advanceTo(outStart_ + (target - offset_), target == total_)) failed_ = true;
     // The checksum runs over each piece while it is still in the caches.
     adler_ = adler32(adler_, adlerDone_, static_cast<std::size_t>(out_ - adlerDone_));
     adlerDone_ = out_;
@@ -270,11 +290,28 @@ class Inflater {
     }
     return !failed_;
   }
-  std::size_t produced() const { return static_cast<std::size_t>(out_ - outStart_); }
+  std::size_t produced() const { return offset_ + static_cast<std::size_t>(out_ - outStart_); }
   bool finished() const { return finished_; }
+  std::size_t offset() const { return offset_; }
+  void release(std::size_t position) { released_ = std::max(released_, position); }
 
  private:
-  bool advanceTo(const std::uint8_t* target) {
+  // Moves the output the stream may still refer to (its last 32 KiB) and what the caller has
+  // not released to the start of the buffer.
+  void slide() {
+    const std::size_t produced = this->produced();
+    const std::size_t keepFrom =
+        std::max(offset_, std::min(released_, produced - std::min<std::size_t>(produced, 32768)));
+    const std::size_t shift = keepFrom - offset_;
+    if (shift == 0) return;
+    std::memmove(outStart_, outStart_ + shift, produced - keepFrom);
+    offset_ = keepFrom;
+    out_ -= shift;
+    adlerDone_ -= shift;
+    outEnd_ = outStart_ + std::min(capacity_, total_ - offset_);
+  }
+
+  bool advanceTo(const std::uint8_t* target, bool toEnd) {
     if (!started_) {
       started_ = true;
       if (inEnd_ - in_ < 2) return false;
@@ -285,7 +322,7 @@ class Inflater {
       }
       in_ += 2;
     }
-    while (!ended_ && (out_ < target || target == outEnd_)) {
+    while (!ended_ && (out_ < target || toEnd)) {
       if (!inBlock_) {
         if (lastBlock_) {
           ended_ = true;
@@ -302,7 +339,7 @@ class Inflater {
         if (type == 3 || !(type == 1 ? fixedTables() : dynamicTables())) return false;
         inBlock_ = true;
       }
-      switch (huffman(target == outEnd_ ? nullptr : target)) {
+      switch (huffman(toEnd ? nullptr : target)) {
         case Block::kDamaged:
           return false;
         case Block::kEnded:
@@ -318,7 +355,7 @@ class Inflater {
   // The Adler-32 checksum follows the last block on the next byte boundary.
   bool checkEnd() {
     alignToByte();
-    if (in_ > inEnd_ || inEnd_ - in_ < 4 || out_ != outEnd_) return false;
+    if (in_ > inEnd_ || inEnd_ - in_ < 4 || produced() != total_) return false;
     return adler_ == bytes::loadBigEndian32(in_);
   }
 
@@ -521,7 +558,11 @@ class Inflater {
   const std::uint8_t* const inEnd_;
   std::uint8_t* out_;
   std::uint8_t* const outStart_;
-  std::uint8_t* const outEnd_;
+  const std::size_t capacity_, total_;
+  // Where the buffer may be written up to now: the end of the output, or of the buffer.
+  std::uint8_t* outEnd_;
+  std::size_t offset_ = 0;    // bytes of output moved out of the buffer
+  std::size_t released_ = 0;  // the caller needs no byte before this one any more
   std::uint64_t bits_ = 0;
   unsigned count_ = 0;  // valid bits in bits_ (the bits above them are the bytes that follow)
   const bool ssse3_ = cpu::hasSsse3();
@@ -540,7 +581,16 @@ struct Stream::State : Inflater {
 };
 
 Stream::Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize)
-    : state_(std::make_unique<State>(in, inSize, out, outSize)) {}
+    : state_(std::make_unique<State>(in, inSize, out, outSize, outSize)) {}
+Stream::Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* buffer,
+               std::size_t capacity, std::size_t outSize)
+    : state_(std::make_unique<State>(in, inSize, buffer, capacity, outSize)) {}
+std::size_t Stream::offset() const {
+  return state_->offset();
+}
+void Stream::release(std::size_t position) {
+  state_->release(position);
+}
 Stream::~Stream() = default;
 bool Stream::advance(std::size_t target) {
   return state_->advance(target);
@@ -553,7 +603,7 @@ bool Stream::finished() const {
 }
 
 bool zlib(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize) {
-  Inflater inflater(in, inSize, out, outSize);
+  Inflater inflater(in, inSize, out, outSize, outSize);
   return inflater.advance(outSize) && inflater.finished();
 }
 

@@ -19,6 +19,9 @@ namespace saffra::inflate {
 constexpr std::size_t kInputPadding = 16;
 /// Bytes the caller must leave writable after the `outSize` bytes of output (scratch only).
 constexpr std::size_t kOutputSlack = 32;
+/// Room a reused output buffer needs beyond what its caller keeps and asks for: the 32 KiB a
+/// match may reach back, a whole stored block and a step of a coded one.
+constexpr std::size_t kMinCapacity = 32768 + 65536 + 512;
 
 /// Inflates the zlib stream `in[0, inSize)` into exactly `outSize` bytes at `out`. True when
 /// the stream is well formed, holds exactly that many bytes and its Adler-32 checksum matches;
@@ -33,6 +36,13 @@ bool zlib(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::si
 class Stream {
  public:
   Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize);
+  /// The same through a buffer of `capacity` bytes (plus kOutputSlack) that is used again from
+  /// its start as the stream goes on, so a long stream is inflated while its output stays in
+  /// the caches: stream byte i is at buffer[i - offset()] while it is there. The buffer keeps
+  /// the bytes the caller has not released and the last 32 KiB; an advance always makes
+  /// progress when `capacity` is at least kMinCapacity more than the caller keeps and asks for.
+  Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* buffer, std::size_t capacity,
+         std::size_t outSize);
   ~Stream();
   Stream(const Stream&) = delete;
   Stream& operator=(const Stream&) = delete;
@@ -40,6 +50,10 @@ class Stream {
   /// False once the stream shows damage of any kind (and from then on).
   bool advance(std::size_t target);
   std::size_t produced() const;
+  /// The stream position of the buffer's first byte (0 unless the buffer is used again).
+  std::size_t offset() const;
+  /// The caller needs no byte before stream position `position` any more.
+  void release(std::size_t position);
   /// True once the whole stream is inflated, exactly filled the output and its checksum matched.
   bool finished() const;
 

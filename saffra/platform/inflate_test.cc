@@ -171,5 +171,61 @@ TEST(InflateTest, InflatesPieceByPieceLikeAllAtOnce) {
   EXPECT_FALSE(s.advance(data.size()));
 }
 
+// Through a small buffer used again and again, the stream gives the same bytes: stored blocks
+// of 64 KiB, far matches and any step size, with the caller keeping a varying tail. A matching
+// checksum is still required at the end.
+TEST(InflateTest, InflatesThroughAReusedBuffer) {
+  const Bytes data = mixedData(1500000, 11);
+  std::mt19937 random(7);
+  for (const int level : {0, 1, 6, 9}) {
+    const Bytes stream = compress(data, level);
+    Bytes padded(stream);
+    padded.resize(stream.size() + kInputPadding, 0);
+    for (const std::size_t step : {1000ul, 50000ul}) {
+      const std::size_t capacity = kMinCapacity + 4 * step;
+      Bytes buffer(capacity + kOutputSlack);
+      Stream s(padded.data(), stream.size(), buffer.data(), capacity, data.size());
+      std::size_t checked = 0;
+      while (!s.finished()) {
+        ASSERT_TRUE(s.advance(checked + 1 + random() % step)) << level << " " << step;
+        // Everything not yet released is still in the buffer, where the offset says.
+        ASSERT_LE(s.offset(), checked);
+        ASSERT_TRUE(std::equal(buffer.begin() + (checked - s.offset()),
+                               buffer.begin() + (s.produced() - s.offset()),
+                               data.begin() + checked))
+            << level << " " << step;
+        // Keep a few bytes of the last piece, as a reader holding a partial row does.
+        const std::size_t keep = std::min<std::size_t>(random() % step, s.produced() - checked);
+        s.release(s.produced() - keep);
+        checked = s.produced() - keep;
+      }
+      EXPECT_EQ(s.produced(), data.size());
+      EXPECT_GT(s.offset(), 0u);
+    }
+    Bytes damaged = padded;
+    damaged[stream.size() - 1] ^= 1;  // the checksum
+    Bytes buffer(kMinCapacity + 20000 + kOutputSlack);
+    Stream s(damaged.data(), stream.size(), buffer.data(), kMinCapacity + 20000, data.size());
+    bool failed = false;
+    while (!failed && !s.finished()) {
+      s.release(s.produced());
+      failed = !s.advance(s.produced() + 10000);
+    }
+    EXPECT_TRUE(failed) << level;
+  }
+  // A buffer with no room beyond what the stream must keep fails instead of standing still.
+  const Bytes stream = compress(data, 6);
+  Bytes padded(stream);
+  padded.resize(stream.size() + kInputPadding, 0);
+  Bytes buffer(kMinCapacity + kOutputSlack);
+  Stream s(padded.data(), stream.size(), buffer.data(), kMinCapacity, data.size());
+  bool failed = false;
+  for (int k = 0; k < 1000 && !failed; ++k) {
+    s.release(s.produced());
+    failed = !s.advance(s.produced() + 10000);
+  }
+  EXPECT_TRUE(failed);
+}
+
 }  // namespace
 }  // namespace saffra::inflate

@@ -559,10 +559,11 @@ struct Rows {
   const std::uint8_t* raw;
   std::uint8_t* rgba;
   std::size_t width, height;
+  std::size_t rawOffset = 0;  // the position in the inflated rows of raw[0]
 
   std::size_t rawRow() const { return width * Bpp + 1; }
   std::size_t outRow() const { return width * 4; }
-  const std::uint8_t* filtered(std::size_t y) const { return raw + y * rawRow(); }
+  const std::uint8_t* filtered(std::size_t y) const { return raw + (y * rawRow() - rawOffset); }
   std::uint8_t type(std::size_t y) const { return filtered(y)[0]; }
   std::uint8_t* out(std::size_t y) const { return rgba + y * outRow(); }
   // A Paeth row with a row above: one step of a chain through every pixel.
@@ -736,24 +737,34 @@ constexpr std::size_t kPiece = std::size_t{48} << 10;
 constexpr std::size_t kSlack = 32;  // spare bytes after the inflated and the rebuilt rows
 static_assert(kSlack >= inflate::kOutputSlack);
 
-// The inflation of one PNG's rows into `raw`.
+// The inflation of one PNG's rows into `raw`. With `reuse`, `raw` is a buffer of a few hundred
+// KiB used again from its start (the caller rebuilds rows as they come and releases them), so
+// the inflated rows never leave the processor's caches; else it holds every row.
 struct Inflation {
   const Common& png;
   std::vector<std::uint8_t>& raw;
   inflate::Stream stream;
 
-  Inflation(const Common& p, std::vector<std::uint8_t>& r)
+  Inflation(const Common& p, std::vector<std::uint8_t>& r, bool reuse = false)
       : png(p),
-        raw(sized(r, p)),
-        stream(p.compressed.data(), p.compressedSize, r.data(), p.rawSize()) {}
-  static std::vector<std::uint8_t>& sized(std::vector<std::uint8_t>& r, const Common& p) {
-    r.resize(p.rawSize() + kSlack);
+        raw(sized(r, capacity(p, reuse))),
+        stream(p.compressed.data(), p.compressedSize, r.data(), capacity(p, reuse), p.rawSize()) {}
+  static std::size_t capacity(const Common& p, bool reuse) {
+    if (!reuse) return p.rawSize();
+    const std::size_t step = std::max(kPiece, p.rawRow());
+    return std::min(p.rawSize(),
+                    std::max(std::size_t{512} << 10, inflate::kMinCapacity + 4 * step));
+  }
+  static std::vector<std::uint8_t>& sized(std::vector<std::uint8_t>& r, std::size_t capacity) {
+    r.resize(capacity + kSlack);
     return r;
   }
   // Inflates at least the rows before `rows` (or all); false on damage.
   bool advance(std::size_t rows) {
     return stream.finished() || stream.advance(rows * png.rawRow());
   }
+  // The caller needs no row before `rows` any more.
+  void release(std::size_t rows) { stream.release(rows * png.rawRow()); }
   // Rows inflated whole.
   std::size_t rowsReady() const {
     return stream.finished() ? png.header.height : stream.produced() / png.rawRow();
@@ -784,15 +795,17 @@ bool rowsDone(bool ok, DecodedPixels& out) {
 // Inflates and rebuilds all rows of one image into `out`, publishing them to `progress`.
 bool decodeAlone(const Common& png, std::vector<std::uint8_t>& raw, DecodedPixels& out,
                  RowProgress* progress = nullptr) {
-  Inflation inflation(png, raw);
-  const auto run = [&](const auto& rows) {
+  Inflation inflation(png, raw, true);
+  const auto run = [&](auto rows) {
     if (progress) progress->begin(out.rgba.data(), out.width, out.height);
     std::size_t done = 0;
     while (!inflation.stream.finished()) {
       if (!inflation.advance(done + inflation.rowsPerPiece())) return false;
       const std::size_t ready = inflation.rowsReady();
+      rows.rawOffset = inflation.stream.offset();
       if (!decodeRows(rows, done, ready)) return false;
       done = ready;
+      inflation.release(done);
       if (progress) progress->publish(done);
     }
     return true;
