@@ -55,6 +55,15 @@
 //     Desktop        check 13.0-14.0 ms, service 5.9-6.2 ms,  share 0.45,       72-77 checks/s
 // Decoding alone takes about 6.3 ms in the handler; with the comparison trailing it on the
 // other core it takes 7.5 ms (shared caches and memory), and the comparison ends 1.5 ms later.
+// Then a single file's rows were inflated through a reused 512 KiB buffer (A/B, interleaved:
+// Phone service 9.5 -> 8.9 ms, Desktop 5.9 -> 5.5 ms); at the end of that round:
+//     Phone          check 19.4-20.0 ms, service 8.8-9.2 ms,  share 0.45-0.46,  50 checks/s
+//     PhoneNewBytes  check 20.6 ms,      service 9.4 ms,      share 0.46,       49 checks/s
+//     PhoneSameBytes check 11.5 ms,      service 0.90 ms,     share 0.08,       87 checks/s
+//     Desktop        check 12.4-13.5 ms, service 5.3-5.6 ms,  share 0.42,       74-81 checks/s
+// In the handler: base64 0.5 ms, hashing 0.26 ms, SQLite about 0.4 ms, decoding and comparing
+// 7.9 ms. The two cores slow each other down (shared caches and memory): under a third would
+// need about half the decoding and comparing work, not more overlap.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
