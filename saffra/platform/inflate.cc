@@ -255,8 +255,9 @@ class Inflater {
   // `outSize` the stream must fill; with less room than that, bytes are moved back to its start
   // as the stream goes on (see slide).
   Inflater(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t capacity,
-           std::size_t outSize)
-      : in_(in),
+           std::size_t outSize, Framing framing = Framing::Zlib)
+      : framing_(framing),
+        in_(in),
         inEnd_(in + inSize),
         out_(out),
         outStart_(out),
@@ -292,6 +293,7 @@ class Inflater {
   }
   std::size_t produced() const { return offset_ + static_cast<std::size_t>(out_ - outStart_); }
   bool finished() const { return finished_; }
+  std::uint32_t adler() const { return adler_; }
   std::size_t offset() const { return offset_; }
   void release(std::size_t position) { released_ = std::max(released_, position); }
 
@@ -312,6 +314,7 @@ class Inflater {
   }
 
   bool advanceTo(const std::uint8_t* target, bool toEnd) {
+    if (!started_ && framing_ != Framing::Zlib) started_ = true;
     if (!started_) {
       started_ = true;
       if (inEnd_ - in_ < 2) return false;
@@ -324,12 +327,14 @@ class Inflater {
     }
     while (!ended_ && (out_ < target || toEnd)) {
       if (!inBlock_) {
-        if (lastBlock_) {
+        // A band that is not the last ends right after a stored block, where its input ends.
+        if (lastBlock_ || (framing_ == Framing::Band && count_ == 0 && in_ == inEnd_)) {
           ended_ = true;
           break;
         }
         if (!refill()) return false;
         lastBlock_ = bits_ & 1;
+        if (lastBlock_ && framing_ == Framing::Band) return false;
         const unsigned type = (bits_ >> 1) & 3;
         consume(3);
         if (type == 0) {
@@ -355,6 +360,7 @@ class Inflater {
   // The Adler-32 checksum follows the last block on the next byte boundary.
   bool checkEnd() {
     alignToByte();
+    if (framing_ != Framing::Zlib) return in_ == inEnd_ && produced() == total_;
     if (in_ > inEnd_ || inEnd_ - in_ < 4 || produced() != total_) return false;
     return adler_ == bytes::loadBigEndian32(in_);
   }
@@ -554,6 +560,7 @@ class Inflater {
     return result;
   }
 
+  const Framing framing_;
   const std::uint8_t* in_;
   const std::uint8_t* const inEnd_;
   std::uint8_t* out_;
@@ -583,8 +590,8 @@ struct Stream::State : Inflater {
 Stream::Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize)
     : state_(std::make_unique<State>(in, inSize, out, outSize, outSize)) {}
 Stream::Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* buffer,
-               std::size_t capacity, std::size_t outSize)
-    : state_(std::make_unique<State>(in, inSize, buffer, capacity, outSize)) {}
+               std::size_t capacity, std::size_t outSize, Framing framing)
+    : state_(std::make_unique<State>(in, inSize, buffer, capacity, outSize, framing)) {}
 std::size_t Stream::offset() const {
   return state_->offset();
 }
@@ -600,6 +607,9 @@ std::size_t Stream::produced() const {
 }
 bool Stream::finished() const {
   return state_->finished();
+}
+std::uint32_t Stream::adler() const {
+  return state_->adler();
 }
 
 bool zlib(const std::uint8_t* in, std::size_t inSize, std::uint8_t* out, std::size_t outSize) {

@@ -23,6 +23,19 @@ constexpr std::size_t kOutputSlack = 32;
 /// match may reach back, a whole stored block and a step of a coded one.
 constexpr std::size_t kMinCapacity = 32768 + 65536 + 512;
 
+/// What a Stream's input is.
+enum class Framing {
+  /// A whole zlib stream: header, deflate blocks, Adler-32.
+  Zlib,
+  /// The deflate blocks of one band of a longer stream, cut where a band ends: no header, no
+  /// reference to any byte before the band, and the band ends on a byte boundary right after a
+  /// stored block that is not the stream's last block.
+  Band,
+  /// The same for the stream's last band, which ends with the last block (on the next byte
+  /// boundary). The Adler-32 that follows is the caller's to check.
+  LastBand,
+};
+
 /// Inflates the zlib stream `in[0, inSize)` into exactly `outSize` bytes at `out`. True when
 /// the stream is well formed, holds exactly that many bytes and its Adler-32 checksum matches;
 /// false for anything else (damage of any kind, a preset dictionary, more or less output), in
@@ -42,7 +55,7 @@ class Stream {
   /// the bytes the caller has not released and the last 32 KiB; an advance always makes
   /// progress when `capacity` is at least kMinCapacity more than the caller keeps and asks for.
   Stream(const std::uint8_t* in, std::size_t inSize, std::uint8_t* buffer, std::size_t capacity,
-         std::size_t outSize);
+         std::size_t outSize, Framing framing = Framing::Zlib);
   ~Stream();
   Stream(const Stream&) = delete;
   Stream& operator=(const Stream&) = delete;
@@ -54,8 +67,11 @@ class Stream {
   std::size_t offset() const;
   /// The caller needs no byte before stream position `position` any more.
   void release(std::size_t position);
-  /// True once the whole stream is inflated, exactly filled the output and its checksum matched.
+  /// True once the whole stream is inflated, exactly filled the output and its checksum matched
+  /// (a band: ended where its input ends, as its framing requires).
   bool finished() const;
+  /// The Adler-32 checksum of the output produced so far.
+  std::uint32_t adler() const;
 
  private:
   struct State;

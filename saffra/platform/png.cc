@@ -81,6 +81,11 @@ constexpr std::size_t kBlockSymbols = std::size_t{1} << 15;
 constexpr int kHashBits = 15;
 constexpr int kLitLenSymbols = 286;
 constexpr int kDistSymbols = 30;
+// Images are compressed in independent bands of about this many bytes of scanlines (at least
+// kMinBandRows rows): small enough to share out over cores and to skip where two files agree,
+// large enough that restarting the matcher costs little.
+constexpr std::size_t kBandBytes = std::size_t{256} << 10;
+constexpr std::size_t kMinBandRows = 16;
 
 using deflate::kDistanceBase;
 using deflate::kDistanceExtra;
@@ -252,6 +257,8 @@ class BitWriter {
     buffer_ = 0;
   }
   void putByte(std::uint8_t b) { out_[pos_++] = b; }
+  /// Bytes written so far (after alignToByte: all of them).
+  std::size_t position() const { return pos_; }
   void finish() {
     alignToByte();
     out_.resize(pos_);
@@ -267,25 +274,25 @@ class BitWriter {
 // ---------------------------------------------------------------------------------------------
 // Compressing one band of rows
 
-// Compresses rows [y0, y1) of a contiguous RGBA image as unfiltered PNG scanlines into raw
-// deflate blocks, and computes their Adler-32. Matches may reach back into rows before the band,
-// which the decoder has already produced.
+// Compresses bands of rows of a contiguous RGBA image, one after another, as unfiltered PNG
+// scanlines into raw deflate blocks, and computes their Adler-32. Each band stands alone: its
+// matches reach no row before it, and each band but the last of the image ends on a byte
+// boundary with an empty stored block, so a decoder can inflate every band on its own.
 class BandCompressor {
  public:
   BandCompressor(const std::uint8_t* pixels, std::size_t width)
       : pixels_(pixels), rowBytes_(width * 4) {}
 
-  void compress(std::size_t y0, std::size_t y1, bool lastBand) {
-    symbols_.resize(kBlockSymbols);
+  /// Compresses rows [y0, y1) after the bands compressed before; returns the band's bytes.
+  std::size_t compress(std::size_t y0, std::size_t y1, bool lastBand) {
+    if (symbols_.empty()) symbols_.resize(kBlockSymbols);
+    // The hash table is kept from band to band: entries of rows before y0 count as empty.
+    if (table_.empty()) table_.assign(std::size_t{1} << kHashBits, Entry{0, kNoRow});
+    const std::size_t bandStart = writer_.position();
     const std::size_t R = rowBytes_;
     const std::size_t L = R + 1;  // a scanline with its filter byte
     const bool aboveInWindow = L <= kWindow;
-    struct Entry {
-      std::uint32_t pos;  // offset in pixels_
-      std::uint32_t row;
-    };
-    constexpr std::uint32_t kNoRow = 0xFFFFFFFFu;
-    std::vector<Entry> table(std::size_t{1} << kHashBits, Entry{0, kNoRow});
+    std::vector<Entry>& table = table_;
     static constexpr std::uint8_t kFilterNone = 0;
 
     for (std::size_t y = y0; y < y1; ++y) {
@@ -305,7 +312,7 @@ class BandCompressor {
             bestLen = matchLength(p, p - 4, maxLen);
             bestDist = 4;
           }
-          if (bestLen < maxLen && y > 0 && aboveInWindow && load32(p - R) == current) {
+          if (bestLen < maxLen && y > y0 && aboveInWindow && load32(p - R) == current) {
             unsigned len = matchLength(p, p - R, maxLen);
             if (len > bestLen) {
               bestLen = len;
@@ -315,7 +322,7 @@ class BandCompressor {
           const std::uint32_t h = (current * 2654435761u) >> (32 - kHashBits);
           const Entry candidate = table[h];
           table[h] = Entry{static_cast<std::uint32_t>(y * R + i), static_cast<std::uint32_t>(y)};
-          if (bestLen < maxLen && candidate.row != kNoRow) {
+          if (bestLen < maxLen && candidate.row != kNoRow && candidate.row >= y0) {
             const std::size_t from = candidate.pos;
             const std::size_t cy = candidate.row;
             // Distance in the scanline stream, where each row carries one more byte.
@@ -346,9 +353,17 @@ class BandCompressor {
       writer_.put(0, 3);
       writer_.alignToByte();
       for (std::uint8_t b : {0x00, 0x00, 0xFF, 0xFF}) writer_.putByte(b);
+    } else {
+      writer_.alignToByte();
     }
+    return writer_.position() - bandStart;
+  }
+
+  /// Ends the output after the last band and lets the working memory go.
+  void finish() {
     writer_.finish();
     symbols_ = {};
+    table_ = {};
   }
 
   std::vector<std::uint8_t>& output() { return out_; }
@@ -474,8 +489,15 @@ class BandCompressor {
     }
   }
 
+  struct Entry {
+    std::uint32_t pos;  // offset in pixels_
+    std::uint32_t row;
+  };
+  static constexpr std::uint32_t kNoRow = 0xFFFFFFFFu;
+
   const std::uint8_t* pixels_;
   std::size_t rowBytes_;
+  std::vector<Entry> table_;
   std::vector<std::uint8_t> out_;
   BitWriter writer_{out_};
   std::vector<std::uint32_t> symbols_;
@@ -494,32 +516,46 @@ void putChunk(std::vector<std::uint8_t>& out, const char* type, const std::uint8
   bytes::appendBigEndian32(out, crc32Update(0, out.data() + start, size + 4));
 }
 
-unsigned bandCount(std::size_t width, std::size_t height, unsigned threads) {
+// Rows of each independently compressed band: about kBandBytes of scanlines, whole rows.
+std::size_t rowsPerBand(std::size_t width) {
+  return std::max<std::size_t>(kMinBandRows, (kBandBytes + width * 4) / (width * 4 + 1));
+}
+
+unsigned threadCount(std::size_t width, std::size_t height, std::size_t bands, unsigned threads) {
   if (threads == 0) {
     if (width * height < 256 * 1024) return 1;
     threads = std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
   }
-  return static_cast<unsigned>(std::min<std::size_t>(threads, height));
+  return static_cast<unsigned>(std::min<std::size_t>(threads, bands));
 }
 
 // Encodes a contiguous image (stride = width * 4).
 std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t width,
                                            std::size_t height, unsigned threads) {
-  const unsigned bands = bandCount(width, height, threads);
-  std::vector<std::unique_ptr<BandCompressor>> parts;
-  for (unsigned k = 0; k < bands; ++k)
-    parts.push_back(std::make_unique<BandCompressor>(rgba, width));
-  std::vector<std::exception_ptr> errors(bands);
+  const std::size_t bandRows = rowsPerBand(width);
+  const std::size_t bands = (height + bandRows - 1) / bandRows;
+  const unsigned parts = threadCount(width, height, bands, threads);
+  // Part k compresses bands [first(k), first(k + 1)), one after another.
+  const auto first = [&](unsigned k) { return bands * k / parts; };
+  std::vector<std::unique_ptr<BandCompressor>> compressors;
+  for (unsigned k = 0; k < parts; ++k)
+    compressors.push_back(std::make_unique<BandCompressor>(rgba, width));
+  std::vector<std::size_t> bandBytes(bands);
+  std::vector<std::exception_ptr> errors(parts);
   auto run = [&](unsigned k) {
     try {
-      parts[k]->compress(height * k / bands, height * (k + 1) / bands, k + 1 == bands);
+      for (std::size_t band = first(k); band < first(k + 1); ++band) {
+        bandBytes[band] = compressors[k]->compress(
+            band * bandRows, std::min(height, (band + 1) * bandRows), band + 1 == bands);
+      }
+      compressors[k]->finish();
     } catch (...) {
       errors[k] = std::current_exception();
     }
   };
   std::vector<std::thread> workers;
   std::vector<unsigned> inline_;
-  for (unsigned k = 1; k < bands; ++k) {
+  for (unsigned k = 1; k < parts; ++k) {
     try {
       workers.emplace_back(run, k);
     } catch (...) {
@@ -533,19 +569,19 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
     if (e) std::rethrow_exception(e);
   }
 
-  std::uint32_t adler = parts[0]->adler();
+  std::uint32_t adler = compressors[0]->adler();
   std::size_t compressed = 0;
-  for (unsigned k = 0; k < bands; ++k) {
-    compressed += parts[k]->output().size();
+  for (unsigned k = 0; k < parts; ++k) {
+    compressed += compressors[k]->output().size();
     if (k > 0) {
-      std::size_t rows = height * (k + 1) / bands - height * k / bands;
-      adler = static_cast<std::uint32_t>(
-          adler32_combine(adler, parts[k]->adler(), static_cast<z_off_t>(rows * (width * 4 + 1))));
+      const std::size_t rows = std::min(height, first(k + 1) * bandRows) - first(k) * bandRows;
+      adler = static_cast<std::uint32_t>(adler32_combine(
+          adler, compressors[k]->adler(), static_cast<z_off_t>(rows * (width * 4 + 1))));
     }
   }
 
   std::vector<std::uint8_t> out;
-  out.reserve(8 + 25 + 12 + 2 + compressed + 4 + 12);
+  out.reserve(8 + 25 + 12 + 12 + 8 * bands + 2 + compressed + 4 + 12);
   static constexpr std::uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
   out.insert(out.end(), kSignature, kSignature + 8);
   std::uint8_t ihdr[13];
@@ -559,6 +595,19 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
   ihdr[11] = 0;  // adaptive filtering (each row says "none")
   ihdr[12] = 0;  // not interlaced
   putChunk(out, "IHDR", ihdr, sizeof ihdr);
+  if (bands > 1) {
+    // Where each band starts, for decoders that inflate bands on several cores or compare
+    // them with another file's (see kBandChunkType).
+    std::vector<std::uint8_t> index;
+    index.reserve(8 * bands);
+    for (std::size_t band = 0; band < bands; ++band) {
+      bytes::appendBigEndian32(
+          index,
+          static_cast<std::uint32_t>(std::min(height, (band + 1) * bandRows) - band * bandRows));
+      bytes::appendBigEndian32(index, static_cast<std::uint32_t>(bandBytes[band]));
+    }
+    putChunk(out, kBandChunkType, index.data(), index.size());
+  }
 
   // One IDAT chunk: zlib header (32K window, fastest), the bands, Adler-32.
   bytes::appendBigEndian32(out, static_cast<std::uint32_t>(2 + compressed + 4));
@@ -566,7 +615,7 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
   for (char c : {'I', 'D', 'A', 'T'}) out.push_back(static_cast<std::uint8_t>(c));
   out.push_back(0x78);
   out.push_back(0x01);
-  for (auto& part : parts) {
+  for (auto& part : compressors) {
     out.insert(out.end(), part->output().begin(), part->output().end());
     part->output() = {};
   }

@@ -1,6 +1,9 @@
 #include "saffra/platform/png_fast.h"
 
+#include <zlib.h>
+
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstdlib>
 #include <cstring>
@@ -24,10 +27,12 @@ namespace saffra::png {
 
 static_assert(std::endian::native == std::endian::little, "pixels are packed little-endian");
 
-void RowProgress::begin(const std::uint8_t* rgba, std::size_t width, std::size_t height) {
+void RowProgress::begin(const std::uint8_t* rgba, std::size_t width, std::size_t height,
+                        std::vector<std::uint8_t> sameRows) {
   {
     std::lock_guard lock(mutex_);
     rgba_ = rgba, width_ = width, height_ = height;
+    sameRows_ = std::move(sameRows);
     started_ = true;
   }
   changed_.notify_all();
@@ -560,12 +565,17 @@ struct Rows {
   std::uint8_t* rgba;
   std::size_t width, height;
   std::size_t rawOffset = 0;  // the position in the inflated rows of raw[0]
+  // Where the last row is rebuilt instead, when what follows it is not this decoding's to
+  // overwrite (see the note on reads and writes above).
+  std::uint8_t* lastRow = nullptr;
 
   std::size_t rawRow() const { return width * Bpp + 1; }
   std::size_t outRow() const { return width * 4; }
   const std::uint8_t* filtered(std::size_t y) const { return raw + (y * rawRow() - rawOffset); }
   std::uint8_t type(std::size_t y) const { return filtered(y)[0]; }
-  std::uint8_t* out(std::size_t y) const { return rgba + y * outRow(); }
+  std::uint8_t* out(std::size_t y) const {
+    return lastRow && y + 1 == height ? lastRow : rgba + y * outRow();
+  }
   // A Paeth row with a row above: one step of a chain through every pixel.
   bool isPaeth(std::size_t y) const { return y > 0 && y < height && type(y) == 4; }
 
@@ -677,10 +687,14 @@ struct Header {
 
 // A PNG of the common kind, its chunks read: the header and the compressed rows.
 struct Common {
+  explicit Common(std::vector<std::uint8_t>& buffer) : compressed(buffer) {}
+
   Header header;
   // The IDAT chunks' bytes, then the padding the inflater reads past them.
   std::vector<std::uint8_t>& compressed;
   std::size_t compressedSize = 0;
+  // The body of the file's band list (kBandChunkType), if it has one.
+  std::span<const std::uint8_t> bandList;
 
   std::size_t rawRow() const { return header.width * header.bpp + 1; }
   std::size_t rawSize() const { return header.height * rawRow(); }
@@ -695,6 +709,7 @@ bool readCommon(const std::uint8_t* data, std::size_t size, Common& png) {
   std::vector<std::uint8_t>& compressed = png.compressed;
   compressed.clear();
   bool ended = false;
+  png.bandList = {};
   for (std::size_t at = 8; at + 12 <= size && !ended;) {
     const std::size_t length = bytes::loadBigEndian32(data + at);
     if (length > size - at - 12) return false;
@@ -721,6 +736,8 @@ bool readCommon(const std::uint8_t* data, std::size_t size, Common& png) {
       return false;  // a transparency key (or an unexpected palette): the general decoder
     } else if (std::memcmp(type, "IEND", 4) == 0) {
       ended = true;
+    } else if (std::memcmp(type, kBandChunkType, 4) == 0) {
+      png.bandList = {body, length};
     }
     at += 12 + length;
   }
@@ -737,22 +754,28 @@ constexpr std::size_t kPiece = std::size_t{48} << 10;
 constexpr std::size_t kSlack = 32;  // spare bytes after the inflated and the rebuilt rows
 static_assert(kSlack >= inflate::kOutputSlack);
 
-// The inflation of one PNG's rows into `raw`. With `reuse`, `raw` is a buffer of a few hundred
-// KiB used again from its start (the caller rebuilds rows as they come and releases them), so
-// the inflated rows never leave the processor's caches; else it holds every row.
+// The inflation of `height` rows of `rawRow` bytes into `raw`: one PNG's rows, or a band of
+// them. With `reuse`, `raw` is a buffer of a few hundred KiB used again from its start (the
+// caller rebuilds rows as they come and releases them), so the inflated rows never leave the
+// processor's caches; else it holds every row.
 struct Inflation {
-  const Common& png;
+  std::size_t rawRow, height;
   std::vector<std::uint8_t>& raw;
   inflate::Stream stream;
 
   Inflation(const Common& p, std::vector<std::uint8_t>& r, bool reuse = false)
-      : png(p),
-        raw(sized(r, capacity(p, reuse))),
-        stream(p.compressed.data(), p.compressedSize, r.data(), capacity(p, reuse), p.rawSize()) {}
-  static std::size_t capacity(const Common& p, bool reuse) {
-    if (!reuse) return p.rawSize();
-    const std::size_t step = std::max(kPiece, p.rawRow());
-    return std::min(p.rawSize(),
+      : Inflation(p.compressed.data(), p.compressedSize, p.rawRow(), p.header.height, r, reuse,
+                  inflate::Framing::Zlib) {}
+  Inflation(const std::uint8_t* in, std::size_t inSize, std::size_t rowBytes, std::size_t rows,
+            std::vector<std::uint8_t>& r, bool reuse, inflate::Framing framing)
+      : rawRow(rowBytes),
+        height(rows),
+        raw(sized(r, capacity(rowBytes, rows, reuse))),
+        stream(in, inSize, r.data(), capacity(rowBytes, rows, reuse), rowBytes * rows, framing) {}
+  static std::size_t capacity(std::size_t rawRow, std::size_t rows, bool reuse) {
+    if (!reuse) return rawRow * rows;
+    const std::size_t step = std::max(kPiece, rawRow);
+    return std::min(rawRow * rows,
                     std::max(std::size_t{512} << 10, inflate::kMinCapacity + 4 * step));
   }
   static std::vector<std::uint8_t>& sized(std::vector<std::uint8_t>& r, std::size_t capacity) {
@@ -760,17 +783,32 @@ struct Inflation {
     return r;
   }
   // Inflates at least the rows before `rows` (or all); false on damage.
-  bool advance(std::size_t rows) {
-    return stream.finished() || stream.advance(rows * png.rawRow());
-  }
+  bool advance(std::size_t rows) { return stream.finished() || stream.advance(rows * rawRow); }
   // The caller needs no row before `rows` any more.
-  void release(std::size_t rows) { stream.release(rows * png.rawRow()); }
+  void release(std::size_t rows) { stream.release(rows * rawRow); }
   // Rows inflated whole.
-  std::size_t rowsReady() const {
-    return stream.finished() ? png.header.height : stream.produced() / png.rawRow();
-  }
-  std::size_t rowsPerPiece() const { return std::max<std::size_t>(1, kPiece / png.rawRow()); }
+  std::size_t rowsReady() const { return stream.finished() ? height : stream.produced() / rawRow; }
+  std::size_t rowsPerPiece() const { return std::max<std::size_t>(1, kPiece / rawRow); }
 };
+
+// Inflates and rebuilds every row of `rows` piece by piece, calling `piece(rowsDone)` after
+// each. A band that stands alone (`standalone`) must not filter its first row against the
+// row above, which belongs to another band.
+template <std::size_t Bpp, class Piece>
+bool inflateAndRebuild(Inflation& inflation, Rows<Bpp> rows, bool standalone, Piece piece) {
+  std::size_t done = 0;
+  while (!inflation.stream.finished()) {
+    if (!inflation.advance(done + inflation.rowsPerPiece())) return false;
+    const std::size_t ready = inflation.rowsReady();
+    rows.rawOffset = inflation.stream.offset();
+    if (standalone && done == 0 && ready > 0 && rows.type(0) > 1) return false;
+    if (!decodeRows(rows, done, ready)) return false;
+    done = ready;
+    inflation.release(done);
+    piece(done);
+  }
+  return true;
+}
 
 // The inflated rows go to buffers each thread keeps, so large images cost no fresh memory;
 // unusually large ones are let go afterwards.
@@ -798,17 +836,9 @@ bool decodeAlone(const Common& png, std::vector<std::uint8_t>& raw, DecodedPixel
   Inflation inflation(png, raw, true);
   const auto run = [&](auto rows) {
     if (progress) progress->begin(out.rgba.data(), out.width, out.height);
-    std::size_t done = 0;
-    while (!inflation.stream.finished()) {
-      if (!inflation.advance(done + inflation.rowsPerPiece())) return false;
-      const std::size_t ready = inflation.rowsReady();
-      rows.rawOffset = inflation.stream.offset();
-      if (!decodeRows(rows, done, ready)) return false;
-      done = ready;
-      inflation.release(done);
+    return inflateAndRebuild(inflation, rows, false, [&](std::size_t done) {
       if (progress) progress->publish(done);
-    }
-    return true;
+    });
   };
   const Header& h = png.header;
   return rowsDone(h.bpp == 4 ? run(rowsOf<4>(raw, out, h)) : run(rowsOf<3>(raw, out, h)), out);
@@ -854,7 +884,7 @@ std::shared_ptr<Image> decodeCommon(const std::uint8_t* data, std::size_t size, 
 bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& rgba,
                       std::size_t& width, std::size_t& height, RowProgress* progress) {
   static thread_local std::vector<std::uint8_t> compressed, raw;
-  Common png{{}, compressed};
+  Common png{compressed};
   DecodedPixels out{rgba};
   const bool ok = readCommon(data, size, png) && decodeAlone(png, raw, out, progress);
   releaseIfLarge(raw);
@@ -871,7 +901,7 @@ bool decodeCommonInto(const std::uint8_t* data, std::size_t size, std::vector<st
 bool decodeCommonPairInto(std::span<const std::uint8_t> first, std::span<const std::uint8_t> second,
                           DecodedPixels& a, DecodedPixels& b, std::vector<std::uint8_t>& sameRows) {
   static thread_local std::vector<std::uint8_t> compressedA, compressedB, rawA, rawB;
-  Common pngA{{}, compressedA}, pngB{{}, compressedB};
+  Common pngA{compressedA}, pngB{compressedB};
   if (!readCommon(first.data(), first.size(), pngA) ||
       !readCommon(second.data(), second.size(), pngB)) {
     return false;
@@ -882,6 +912,207 @@ bool decodeCommonPairInto(std::span<const std::uint8_t> first, std::span<const s
                       : decodeTogether(pngA, rawA, a, pngB, rawB, b, sameRows.data());
   for (auto* buffer : {&rawA, &rawB, &compressedA, &compressedB}) releaseIfLarge(*buffer);
   return ok;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Files compressed in bands
+
+struct BandIndex {
+  struct Band {
+    std::size_t firstRow = 0, rows = 0;
+    std::size_t offset = 0, size = 0;  // the band's deflate blocks in `compressed`
+    std::uint32_t adler = 1;           // of the band's inflated rows
+  };
+  Header header;
+  std::vector<std::uint8_t> compressed;  // the IDAT chunks' bytes
+  std::vector<Band> bands;
+};
+
+struct BandedDecoder::State {
+  std::vector<std::uint8_t> compressed;
+  Common png{compressed};
+  std::vector<BandIndex::Band> bands;
+  std::uint8_t* rgba = nullptr;
+  RowProgress* progress = nullptr;
+  std::shared_ptr<const BandIndex> reference;
+  const std::uint8_t* referenceRgba = nullptr;
+  std::vector<std::uint8_t> copied;  // per band: 1 where it is the reference's band
+
+  std::atomic<std::size_t> next{0};
+  std::atomic<bool> failed{false};
+  std::mutex mutex;                // guards what follows
+  std::vector<std::uint8_t> done;  // per band
+  std::size_t doneBefore = 0;      // bands [0, doneBefore) are all done
+  std::shared_ptr<const BandIndex> index;
+
+  // Reads the band list: bands of at least one row and one byte that cover every row and
+  // every byte between the zlib header and the Adler-32.
+  bool readBands() {
+    const std::span<const std::uint8_t> list = png.bandList;
+    if (list.size() < 16 || list.size() % 8 != 0) return false;
+    std::size_t row = 0, offset = 2;
+    for (std::size_t at = 0; at < list.size(); at += 8) {
+      BandIndex::Band band;
+      band.firstRow = row;
+      band.rows = bytes::loadBigEndian32(list.data() + at);
+      band.offset = offset;
+      band.size = bytes::loadBigEndian32(list.data() + at + 4);
+      if (band.rows == 0 || band.size == 0 || band.rows > png.header.height - row ||
+          band.size > png.compressedSize - offset) {
+        return false;
+      }
+      row += band.rows;
+      offset += band.size;
+      bands.push_back(band);
+    }
+    return row == png.header.height && png.compressedSize >= 6 && offset == png.compressedSize - 4;
+  }
+
+  // Band k's bytes and place are those of the reference's band k, which were decoded alone.
+  bool sameAsReference(std::size_t k) const {
+    if (!reference || !referenceRgba) return false;
+    const BandIndex& r = *reference;
+    if (r.header.width != png.header.width || r.header.height != png.header.height ||
+        r.header.bpp != png.header.bpp || r.bands.size() != bands.size()) {
+      return false;
+    }
+    const BandIndex::Band &a = bands[k], &b = r.bands[k];
+    return a.firstRow == b.firstRow && a.rows == b.rows && a.size == b.size &&
+           std::memcmp(compressed.data() + a.offset, r.compressed.data() + b.offset, a.size) == 0;
+  }
+
+  template <std::size_t Bpp>
+  bool inflateBand(BandIndex::Band& band) {
+    static thread_local std::vector<std::uint8_t> raw, last;
+    const Header& h = png.header;
+    const auto framing =
+        &band == &bands.back() ? inflate::Framing::LastBand : inflate::Framing::Band;
+    Inflation inflation(compressed.data() + band.offset, band.size, png.rawRow(), band.rows, raw,
+                        true, framing);
+    // The band's last row is rebuilt aside: rebuilding writes a little past a row's end, into
+    // the next band's first row, which another thread may have rebuilt already.
+    last.resize(h.width * 4 + kSlack);
+    const std::size_t outRow = h.width * 4;
+    Rows<Bpp> rows{raw.data(), rgba + band.firstRow * outRow, h.width, band.rows};
+    rows.lastRow = last.data();
+    const bool ok = inflateAndRebuild(inflation, rows, true, [](std::size_t) {});
+    if (ok) {
+      std::memcpy(rgba + (band.firstRow + band.rows - 1) * outRow, last.data(), outRow);
+      band.adler = inflation.stream.adler();
+    }
+    releaseIfLarge(raw);
+    return ok;
+  }
+
+  bool decodeBand(std::size_t k) {
+    BandIndex::Band& band = bands[k];
+    if (copied[k]) {
+      const std::size_t outRow = png.header.width * 4;
+      std::memcpy(rgba + band.firstRow * outRow, referenceRgba + band.firstRow * outRow,
+                  band.rows * outRow);
+      band.adler = reference->bands[k].adler;
+      return true;
+    }
+    return png.header.bpp == 4 ? inflateBand<4>(band) : inflateBand<3>(band);
+  }
+
+  void bandDone(std::size_t k) {
+    std::size_t rows = 0;
+    {
+      std::lock_guard lock(mutex);
+      done[k] = 1;
+      if (k != doneBefore) return;
+      while (doneBefore < bands.size() && done[doneBefore]) ++doneBefore;
+      rows = doneBefore < bands.size() ? bands[doneBefore].firstRow : png.header.height;
+    }
+    if (progress) progress->publish(rows);
+  }
+};
+
+BandedDecoder::BandedDecoder() : state_(std::make_unique<State>()) {}
+BandedDecoder::~BandedDecoder() = default;
+
+bool BandedDecoder::open(std::span<const std::uint8_t> file, std::vector<std::uint8_t>& rgba,
+                         RowProgress* progress, std::shared_ptr<const BandIndex> reference,
+                         const std::uint8_t* referenceRgba) {
+  State& s = *state_;
+  if (!readCommon(file.data(), file.size(), s.png) || s.png.bandList.empty() || !s.readBands()) {
+    return false;
+  }
+  // The zlib header: deflate, a window of at most 32 KiB, no preset dictionary.
+  const unsigned cmf = s.compressed[0], flg = s.compressed[1];
+  if ((cmf & 15) != 8 || (cmf >> 4) > 7 || (flg & 0x20) || (cmf * 256 + flg) % 31 != 0) {
+    return false;
+  }
+  const Header& h = s.png.header;
+  rgba.resize(h.width * h.height * 4);
+  s.rgba = rgba.data();
+  s.progress = progress;
+  s.reference = std::move(reference);
+  s.referenceRgba = referenceRgba;
+  s.done.assign(s.bands.size(), 0);
+  s.copied.assign(s.bands.size(), 0);
+  std::vector<std::uint8_t> sameRows;
+  for (std::size_t k = 0; k < s.bands.size(); ++k) {
+    if (!s.sameAsReference(k)) continue;
+    s.copied[k] = 1;
+    sameRows.resize(h.height, 0);
+    std::memset(sameRows.data() + s.bands[k].firstRow, 1, s.bands[k].rows);
+  }
+  if (progress) progress->begin(s.rgba, h.width, h.height, std::move(sameRows));
+  return true;
+}
+
+std::size_t BandedDecoder::width() const {
+  return state_->png.header.width;
+}
+std::size_t BandedDecoder::height() const {
+  return state_->png.header.height;
+}
+
+bool BandedDecoder::work() {
+  State& s = *state_;
+  try {
+    for (std::size_t k = s.next++; k < s.bands.size() && !s.failed; k = s.next++) {
+      if (!s.decodeBand(k)) {
+        s.failed = true;
+        break;
+      }
+      s.bandDone(k);
+    }
+  } catch (...) {
+    s.failed = true;  // no memory for a band's buffers
+  }
+  return !s.failed;
+}
+
+bool BandedDecoder::finish() {
+  State& s = *state_;
+  bool ok = !s.failed && s.doneBefore == s.bands.size();
+  if (ok) {
+    // The stream's checksum from the bands' ones.
+    std::uint32_t adler = s.bands[0].adler;
+    for (std::size_t k = 1; k < s.bands.size(); ++k) {
+      adler = static_cast<std::uint32_t>(adler32_combine(
+          adler, s.bands[k].adler, static_cast<z_off_t>(s.bands[k].rows * s.png.rawRow())));
+    }
+    ok = adler == bytes::loadBigEndian32(s.compressed.data() + s.png.compressedSize - 4);
+  }
+  if (!ok) {
+    if (s.progress) s.progress->fail();
+    return false;
+  }
+  auto index = std::make_shared<BandIndex>();
+  index->header = s.png.header;
+  s.compressed.resize(s.png.compressedSize);
+  index->compressed = std::move(s.compressed);
+  index->bands = std::move(s.bands);
+  s.index = std::move(index);
+  return true;
+}
+
+std::shared_ptr<const BandIndex> BandedDecoder::index() const {
+  return state_->index;
 }
 
 #else
@@ -899,6 +1130,30 @@ bool decodeCommonInto(const std::uint8_t*, std::size_t, std::vector<std::uint8_t
 bool decodeCommonPairInto(std::span<const std::uint8_t>, std::span<const std::uint8_t>,
                           DecodedPixels&, DecodedPixels&, std::vector<std::uint8_t>&) {
   return false;
+}
+
+struct BandIndex {};
+struct BandedDecoder::State {};
+BandedDecoder::BandedDecoder() : state_(std::make_unique<State>()) {}
+BandedDecoder::~BandedDecoder() = default;
+bool BandedDecoder::open(std::span<const std::uint8_t>, std::vector<std::uint8_t>&, RowProgress*,
+                         std::shared_ptr<const BandIndex>, const std::uint8_t*) {
+  return false;
+}
+std::size_t BandedDecoder::width() const {
+  return 0;
+}
+std::size_t BandedDecoder::height() const {
+  return 0;
+}
+bool BandedDecoder::work() {
+  return false;
+}
+bool BandedDecoder::finish() {
+  return false;
+}
+std::shared_ptr<const BandIndex> BandedDecoder::index() const {
+  return nullptr;
 }
 
 #endif

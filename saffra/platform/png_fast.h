@@ -25,8 +25,11 @@ class RowProgress {
   RowProgress& operator=(const RowProgress&) = delete;
 
   // The decoder's side.
-  /// The output buffer (RGBA, rows width * 4 bytes apart) is in place.
-  void begin(const std::uint8_t* rgba, std::size_t width, std::size_t height);
+  /// The output buffer (RGBA, rows width * 4 bytes apart) is in place. `sameRows`, when not
+  /// empty, holds one byte per row: 1 where the row is known to hold the very pixels of the
+  /// same row of the image the decoding was given as its reference.
+  void begin(const std::uint8_t* rgba, std::size_t width, std::size_t height,
+             std::vector<std::uint8_t> sameRows = {});
   /// Rows [0, rows) are final.
   void publish(std::size_t rows);
   /// No more rows will come (harmless after the last row).
@@ -42,6 +45,8 @@ class RowProgress {
   /// Waits until rows [0, rows) are final; false when the decoding failed first.
   bool waitForRows(std::size_t rows);
   const std::uint8_t* rgba() const { return rgba_; }
+  /// One byte per row as given to begin, or nullptr when nothing is known.
+  const std::uint8_t* sameRows() const { return sameRows_.empty() ? nullptr : sameRows_.data(); }
   std::size_t width() const { return width_; }
   std::size_t height() const { return height_; }
 
@@ -54,6 +59,7 @@ class RowProgress {
   std::size_t wanted_ = SIZE_MAX;
   const std::uint8_t* rgba_ = nullptr;
   std::size_t width_ = 0, height_ = 0;
+  std::vector<std::uint8_t> sameRows_;
   std::vector<std::uint8_t> kept_;
 };
 
@@ -82,5 +88,54 @@ struct DecodedPixels {
 /// would decode.
 bool decodeCommonPairInto(std::span<const std::uint8_t> first, std::span<const std::uint8_t> second,
                           DecodedPixels& a, DecodedPixels& b, std::vector<std::uint8_t>& sameRows);
+
+/// The chunk in which the codec's encoder lists the bands its rows were compressed in ("sfRB":
+/// ancillary, private, and not safe to copy, as it describes the image data). Its body holds,
+/// band after band from the top, the band's rows and the bytes of its deflate blocks, each a
+/// 32-bit big-endian number; the first band's blocks follow the zlib header, the last band's
+/// are followed by the Adler-32. Each band's blocks refer to no byte before the band, the first
+/// row of each band is filtered with None or Sub, and every band but the last ends on a byte
+/// boundary right after a stored block. Decoders that do not know the chunk skip it.
+inline constexpr char kBandChunkType[] = "sfRB";
+
+/// What decoding a banded file learnt of it (its bands, their bytes and checksums), kept beside
+/// its pixels so that a later file can be decoded against it (see BandedDecoder).
+struct BandIndex;
+
+/// Decodes a file of the common kind whose rows were compressed in bands (kBandChunkType) on
+/// as many threads as its caller lends it: each call of work() decodes bands nobody has taken
+/// until none is left, and rows are published to the progress as the bands above them are done.
+/// Given a reference (an earlier file's index and pixels), a band whose compressed bytes are
+/// the reference's is copied from its pixels instead of decoded; the result is the same either
+/// way, and only the reference must have been decoded to prove its bands stand alone.
+class BandedDecoder {
+ public:
+  BandedDecoder();
+  ~BandedDecoder();
+  BandedDecoder(const BandedDecoder&) = delete;
+  BandedDecoder& operator=(const BandedDecoder&) = delete;
+
+  /// Reads the file's chunks and sizes `rgba` for its pixels; `png`, `rgba` and the reference
+  /// must stay until finish(). False when the file is not of the common kind or lists no bands
+  /// (or lists them wrongly): the caller then decodes it as a whole, and `progress` is untouched.
+  bool open(std::span<const std::uint8_t> png, std::vector<std::uint8_t>& rgba,
+            RowProgress* progress = nullptr, std::shared_ptr<const BandIndex> reference = {},
+            const std::uint8_t* referenceRgba = nullptr);
+  std::size_t width() const;
+  std::size_t height() const;
+  /// Decodes bands until none is left; any number of threads may call it at once. False once
+  /// any band has failed.
+  bool work();
+  /// Once every work() has returned: true when every band was decoded and the stream's checksum
+  /// matches, false (failing the progress) otherwise. A file refused here may still be valid
+  /// (bands that are not what its index says): the caller then decodes it as a whole.
+  bool finish();
+  /// The file's bands, for decoding later files against (after a finish() that returned true).
+  std::shared_ptr<const BandIndex> index() const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 }  // namespace saffra::png

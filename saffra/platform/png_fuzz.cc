@@ -4,6 +4,8 @@
 //   byte 0 = 1: a PNG file; when the fast decoder accepts it, libspng must give the same pixels.
 //   byte 0 = 2: two PNG files (after the first's 2-byte little-endian length) decoded together;
 //               each must come out as it does alone, and rows reported equal must be equal.
+//   Files that list bands are also decoded band by band (the second against the first): what
+//   that accepts must come out as decoding the file whole does.
 // Nothing may crash, read or write out of bounds, or hang.
 #include <spng.h>
 #include <zlib.h>
@@ -11,7 +13,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <span>
+#include <thread>
 #include <vector>
 
 #include "saffra/platform/inflate.h"
@@ -60,9 +64,26 @@ bool decodeAlone(std::span<const std::uint8_t> png, Bytes& rgba) {
   return saffra::png::decodeCommonInto(png.data(), png.size(), rgba, width, height);
 }
 
+// Decodes a file band by band (on two threads), against a reference when given.
+bool decodeBanded(std::span<const std::uint8_t> png, Bytes& rgba,
+                  std::shared_ptr<const saffra::png::BandIndex>* index = nullptr,
+                  const std::shared_ptr<const saffra::png::BandIndex>& reference = nullptr,
+                  const std::uint8_t* referenceRgba = nullptr) {
+  saffra::png::BandedDecoder decoder;
+  if (!decoder.open(png, rgba, nullptr, reference, referenceRgba)) return false;
+  std::thread helper([&] { decoder.work(); });
+  decoder.work();
+  helper.join();
+  if (!decoder.finish()) return false;
+  if (index) *index = decoder.index();
+  return true;
+}
+
 void fuzzPng(std::span<const std::uint8_t> png) {
-  Bytes ours, theirs;
-  if (!decodeAlone(png, ours)) return;
+  Bytes ours, theirs, banded;
+  const bool whole = decodeAlone(png, ours);
+  if (decodeBanded(png, banded)) check(whole && banded == ours);
+  if (!whole) return;
   check(decodeWithSpng(png, theirs) && ours == theirs);
 }
 
@@ -72,6 +93,13 @@ void fuzzPair(const std::uint8_t* data, std::size_t size) {
       std::min<std::size_t>(data[0] | std::size_t{data[1]} << 8, size - 2);
   const std::span<const std::uint8_t> first(data + 2, firstSize);
   const std::span<const std::uint8_t> second(data + 2 + firstSize, size - 2 - firstSize);
+  std::shared_ptr<const saffra::png::BandIndex> index;
+  Bytes referencePixels, bandedB;
+  if (decodeBanded(first, referencePixels, &index) &&
+      decodeBanded(second, bandedB, nullptr, index, referencePixels.data())) {
+    Bytes wholeB;
+    check(decodeAlone(second, wholeB) && wholeB == bandedB);
+  }
   Bytes pixelsA, pixelsB, same;
   saffra::png::DecodedPixels a{pixelsA}, b{pixelsB};
   if (!saffra::png::decodeCommonPairInto(first, second, a, b, same)) return;
