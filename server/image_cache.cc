@@ -10,17 +10,17 @@ std::size_t sizeOf(const Image& image) {
 
 }  // namespace
 
-std::shared_ptr<const Image> ImageCache::find(const std::string& id) {
+DecodedImage ImageCache::findDecoded(const std::string& id) {
   std::lock_guard lock(mutex_);
   auto found = index_.find(id);
-  if (found == index_.end()) return nullptr;
+  if (found == index_.end()) return {};
   entries_.splice(entries_.begin(), entries_, found->second);
-  return found->second->image;
+  return found->second->decoded;
 }
 
-void ImageCache::insert(const std::string& id, std::shared_ptr<const Image> image) {
-  if (!image) return;
-  const std::size_t size = sizeOf(*image);
+void ImageCache::insert(const std::string& id, DecodedImage image) {
+  if (!image.image) return;
+  const std::size_t size = sizeOf(*image.image);
   std::lock_guard lock(mutex_);
   if (auto found = index_.find(id); found != index_.end()) eraseLocked(found->second);
   if (size > capacity_) return;
@@ -36,7 +36,7 @@ std::size_t ImageCache::bytes() const {
 }
 
 void ImageCache::eraseLocked(std::list<Entry>::iterator entry) {
-  bytes_ -= sizeOf(*entry->image);
+  bytes_ -= sizeOf(*entry->decoded.image);
   index_.erase(entry->id);
   entries_.erase(entry);
 }

@@ -68,8 +68,9 @@ MatchOutcome matchImages(const Image& baseline, const Image& current,
 }
 
 DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> upload,
-                            const Image& baseline, const MatchSettings& settings,
+                            const DecodedImage& reference, const MatchSettings& settings,
                             const std::function<void()>& decoded) {
+  const Image& baseline = *reference.image;
   // The comparison runs on a pool thread, a band behind the decoding; once the decoding is
   // done, this thread waits for it. Whatever happens, the comparison is stopped and waited for
   // before the rows it reads can go.
@@ -85,7 +86,7 @@ DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> uploa
           return progress.waitForRows(static_cast<std::size_t>(rows));
         };
         early = compare::compareDecoding(baseline, progress.rgba(), progress.width(),
-                                         progress.height(), options);
+                                         progress.height(), options, progress.sameRows());
       } catch (const compare::ComparisonAbandoned&) {
         // The fast decoder gave up; the comparison is redone on the general decoder's image.
       }
@@ -113,7 +114,7 @@ DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> uploa
   bool fast = false;
   {
     const Settled settled{progress, comparing, failure};
-    match.current = pool.decodePNG(upload, &progress);
+    match.current = pool.decode(upload, &progress, &reference).image;
     fast = progress.complete();  // else the general decoder made the image
     if (decoded) decoded();
   }

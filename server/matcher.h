@@ -12,6 +12,7 @@
 #include <string>
 
 #include "saffra/platform/image.h"
+#include "server/image_cache.h"
 #include "server/match_settings.h"
 
 namespace saffra::compare {
@@ -40,11 +41,13 @@ struct DecodedMatch {
 };
 
 /// Decodes the PNG `upload` into `pool`'s buffers and compares it with `baseline` like
-/// matchImages, the comparison following the decoding band by band on other threads.
-/// `decoded` runs once the upload is known to be a valid image, while the comparison may still
-/// be going on. Throws Exception "InvalidImageException" for an upload that is not a PNG.
+/// matchImages, the comparison following the decoding band by band on other threads. Bands of
+/// the upload that are the baseline file's very bytes are copied from the baseline and not
+/// compared. `decoded` runs once the upload is known to be a valid image, while the comparison
+/// may still be going on. Throws Exception "InvalidImageException" for an upload that is not a
+/// PNG.
 DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> upload,
-                            const Image& baseline, const MatchSettings& settings,
+                            const DecodedImage& baseline, const MatchSettings& settings,
                             const std::function<void()>& decoded = {});
 
 /// The diff image of a mismatch found by matchImages with this baseline: the baseline faded

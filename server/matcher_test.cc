@@ -98,23 +98,33 @@ TEST(MatchSettingsTest, ReadsTheWireFormLeniently) {
                                                          AccessibilityRegionType::BoldText}));
 }
 
-// An upload compared while it is decoded gets the verdict and findings of decoding first, also
-// when the fast decoder gives up on it (other kinds of PNG) or it turns out damaged late.
+// An upload compared while it is decoded gets the verdict and findings of decoding first: with
+// a baseline whose file's bands it shares (copied, not compared) or not, also when the fast
+// decoder gives up on it (other kinds of PNG) or it turns out damaged late.
 TEST(MatcherTest, ComparingWhileDecodingGivesTheVerdictOfDecodingFirst) {
   const std::string pairs = std::string(SAFFRA_CORPUS_DIR) + "/pairs/";
   const auto baseline = Image::fromPNGFile(pairs + "phone-help-steps-1170x2532.png");
   auto pool = std::make_shared<PixelPool>(2, 64u << 20);
-  for (const char* kind : {"word", "aa"}) {
-    const auto changed = Image::fromPNGFile(pairs + "phone-help-steps-1170x2532--" + kind + ".png");
-    MatchSettings settings;
-    const MatchOutcome expected = matchImages(*baseline, *changed, settings);
-    const DecodedMatch got = decodeAndMatch(*pool, changed->pngData(), *baseline, settings);
-    EXPECT_EQ(got.current->pixels(), changed->pixels());
-    EXPECT_EQ(got.outcome.matches, expected.matches) << kind;
-    ASSERT_EQ(!got.outcome.comparison, !expected.comparison) << kind;
-    if (expected.comparison) {
-      EXPECT_EQ(got.outcome.comparison->differences, expected.comparison->differences);
-      EXPECT_EQ(got.outcome.comparison->differingPixels, expected.comparison->differingPixels);
+  const DecodedImage plain{baseline, nullptr};
+  const DecodedImage banded = pool->decode(baseline->pngData());
+  ASSERT_TRUE(banded.bands);
+  EXPECT_EQ(banded.image->pixels(), baseline->pixels());
+  for (const DecodedImage* reference : {&plain, &banded}) {
+    for (const char* kind : {"word", "aa", "shift"}) {
+      SCOPED_TRACE(kind);
+      const auto changed =
+          Image::fromPNGFile(pairs + "phone-help-steps-1170x2532--" + kind + ".png");
+      MatchSettings settings;
+      const MatchOutcome expected = matchImages(*baseline, *changed, settings);
+      const DecodedMatch got = decodeAndMatch(*pool, changed->pngData(), *reference, settings);
+      EXPECT_EQ(got.current->pixels(), changed->pixels());
+      EXPECT_EQ(got.outcome.matches, expected.matches);
+      ASSERT_EQ(!got.outcome.comparison, !expected.comparison);
+      if (expected.comparison) {
+        EXPECT_EQ(got.outcome.comparison->differences, expected.comparison->differences);
+        EXPECT_EQ(got.outcome.comparison->differingPixels, expected.comparison->differingPixels);
+        EXPECT_EQ(got.outcome.comparison->mask, expected.comparison->mask);
+      }
     }
   }
 
@@ -123,26 +133,35 @@ TEST(MatcherTest, ComparingWhileDecodingGivesTheVerdictOfDecodingFirst) {
   std::ifstream in(std::string(SAFFRA_CORPUS_DIR) + "/icon-tile-64x64.png", std::ios::binary);
   const std::vector<std::uint8_t> palette{std::istreambuf_iterator<char>(in), {}};
   bool called = false;
-  const DecodedMatch same = decodeAndMatch(*pool, palette, *icon, {}, [&] { called = true; });
+  const DecodedMatch same =
+      decodeAndMatch(*pool, palette, DecodedImage{icon, nullptr}, {}, [&] { called = true; });
   EXPECT_TRUE(same.outcome.matches);
   EXPECT_TRUE(called);
 
   // Damage near the end of the pixel data (checksums of the chunk kept right): most rows are
   // decoded, and compared, before the decoding fails.
   std::vector<std::uint8_t> damaged = baseline->pngData();
-  const std::size_t idat = 33, length = std::size_t{damaged[idat]} << 24 |
-                                        std::size_t{damaged[idat + 1]} << 16 |
-                                        std::size_t{damaged[idat + 2]} << 8 | damaged[idat + 3];
-  ASSERT_EQ(std::string(damaged.begin() + idat + 4, damaged.begin() + idat + 8), "IDAT");
+  const auto lengthAt = [&](std::size_t at) {
+    return std::size_t{damaged[at]} << 24 | std::size_t{damaged[at + 1]} << 16 |
+           std::size_t{damaged[at + 2]} << 8 | damaged[at + 3];
+  };
+  std::size_t idat = 8;
+  while (std::string(damaged.begin() + idat + 4, damaged.begin() + idat + 8) != "IDAT") {
+    idat += 12 + lengthAt(idat);
+    ASSERT_LT(idat, damaged.size());
+  }
+  const std::size_t length = lengthAt(idat);
   for (std::size_t k = 12; k < 40; ++k) damaged[idat + 8 + length - k] ^= 0x5A;
   const std::uint32_t crc =
       static_cast<std::uint32_t>(crc32(0, &damaged[idat + 4], static_cast<uInt>(length + 4)));
   for (int b = 0; b < 4; ++b) {
     damaged[idat + 8 + length + b] = static_cast<std::uint8_t>(crc >> (24 - 8 * b));
   }
-  called = false;
-  EXPECT_THROW(decodeAndMatch(*pool, damaged, *baseline, {}, [&] { called = true; }), Exception);
-  EXPECT_FALSE(called);
+  for (const DecodedImage* reference : {&plain, &banded}) {
+    called = false;
+    EXPECT_THROW(decodeAndMatch(*pool, damaged, *reference, {}, [&] { called = true; }), Exception);
+    EXPECT_FALSE(called);
+  }
 }
 
 }  // namespace

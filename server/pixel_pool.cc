@@ -1,8 +1,10 @@
 #include "server/pixel_pool.h"
 
 #include <algorithm>
+#include <system_error>
 
 #include "saffra/platform/png_fast.h"
+#include "server/compare/task_pool.h"
 
 namespace saffra::server {
 
@@ -52,8 +54,8 @@ std::size_t PixelPool::bytes() const {
   return bytes_;
 }
 
-std::shared_ptr<const Image> PixelPool::decodePNG(std::span<const std::uint8_t> png,
-                                                  png::RowProgress* progress) {
+DecodedImage PixelPool::decode(std::span<const std::uint8_t> png, png::RowProgress* progress,
+                               const DecodedImage* reference) {
   // The IHDR's size, when there is one, picks a buffer that needs no growing.
   std::size_t expected = 0;
   if (png.size() >= 24) {
@@ -64,16 +66,47 @@ std::shared_ptr<const Image> PixelPool::decodePNG(std::span<const std::uint8_t> 
     expected = std::min(word(16) * word(20), Image::kMaxPixels) * 4;
   }
   std::vector<std::uint8_t> buffer = take(expected);
-  std::size_t width = 0, height = 0;
-  if (!png::decodeCommonInto(png.data(), png.size(), buffer, width, height, progress)) {
-    // Readers of rows published before the fast decoder gave up may still be reading them.
+  // Readers of rows published before a decoder gave up may still be reading them.
+  const auto letGo = [&] {
     if (progress) {
       progress->keep(std::move(buffer));
     } else {
       give(std::move(buffer));
     }
-    return Image::fromPNGData(png.data(), png.size());
+  };
+
+  png::BandedDecoder banded;
+  const bool referenced = reference && reference->image && reference->bands;
+  if (banded.open(png, buffer, progress, referenced ? reference->bands : nullptr,
+                  referenced ? reference->image->data() : nullptr)) {
+    std::shared_ptr<compare::TaskPool::Task> helper;
+    try {
+      helper = compare::TaskPool::shared().post([&] { banded.work(); });
+    } catch (const std::system_error&) {
+      // No thread to spare: this thread decodes every band.
+    }
+    banded.work();
+    if (helper) helper->finish();  // withdrawn if it has not started
+    if (banded.finish()) {
+      return {pooledImage(banded.width(), banded.height(), std::move(buffer)), banded.index()};
+    }
+    // Bands that are not what the file's list says: the file is decoded again as a whole,
+    // without the progress, which has given up.
+    letGo();
+    buffer = take(expected);
+    progress = nullptr;
   }
+
+  std::size_t width = 0, height = 0;
+  if (!png::decodeCommonInto(png.data(), png.size(), buffer, width, height, progress)) {
+    letGo();
+    return {Image::fromPNGData(png.data(), png.size()), nullptr};
+  }
+  return {pooledImage(width, height, std::move(buffer)), nullptr};
+}
+
+std::shared_ptr<const Image> PixelPool::pooledImage(std::size_t width, std::size_t height,
+                                                    std::vector<std::uint8_t> buffer) {
   std::weak_ptr<PixelPool> pool = weak_from_this();
   return std::shared_ptr<Image>(new Image(width, height, std::move(buffer)), [pool](Image* done) {
     std::unique_ptr<Image> owned(done);

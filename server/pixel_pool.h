@@ -12,6 +12,7 @@
 
 #include "saffra/platform/image.h"
 #include "saffra/platform/png_fast.h"
+#include "server/image_cache.h"
 
 namespace saffra::server {
 
@@ -42,9 +43,20 @@ class PixelPool : public std::enable_shared_from_this<PixelPool> {
   /// decoder gives up on, whose buffer then stays with `progress`) by the general decoder.
   /// Throws like Image::fromPNGData.
   std::shared_ptr<const Image> decodePNG(std::span<const std::uint8_t> png,
-                                         png::RowProgress* progress = nullptr);
+                                         png::RowProgress* progress = nullptr) {
+    return decode(png, progress).image;
+  }
+  /// The same, with what it learnt of the file's bands. A file compressed in bands is decoded
+  /// on this thread and a pool thread; bands it shares with `reference` (an earlier decoding)
+  /// are copied from it, and the progress says which rows those are.
+  DecodedImage decode(std::span<const std::uint8_t> png, png::RowProgress* progress = nullptr,
+                      const DecodedImage* reference = nullptr);
 
  private:
+  /// The image of a decoding into `buffer`, which goes back to the pool with the image.
+  std::shared_ptr<const Image> pooledImage(std::size_t width, std::size_t height,
+                                           std::vector<std::uint8_t> buffer);
+
   const std::size_t maxBuffers_;
   const std::size_t maxBytes_;
   mutable std::mutex mutex_;

@@ -428,7 +428,7 @@ struct Service::Impl {
     }
   }
   /// The same, compared with `baseline` as it is decoded.
-  DecodedMatch decodeUpload(const std::vector<std::uint8_t>& png, const Image& baseline,
+  DecodedMatch decodeUpload(const std::vector<std::uint8_t>& png, const DecodedImage& baseline,
                             const MatchSettings& settings, const std::function<void()>& decoded) {
     try {
       return decodeAndMatch(*uploadPixels, png, baseline, settings, decoded);
@@ -440,15 +440,15 @@ struct Service::Impl {
     return RequestError(400, "screenshot64 is not a valid PNG image: " + e.reason());
   }
 
-  /// A stored image, decoded; baselines are compared again at every run of their test, so
-  /// decoded ones are kept.
-  std::shared_ptr<const Image> storedImage(const std::string& id) {
-    if (std::shared_ptr<const Image> kept = decodedImages.find(id)) return kept;
+  /// A stored image, decoded, with its bands; baselines are compared again at every run of
+  /// their test, so decoded ones are kept.
+  DecodedImage storedImage(const std::string& id) {
+    if (DecodedImage kept = decodedImages.findDecoded(id); kept.image) return kept;
     std::optional<std::vector<std::uint8_t>> bytes = store->readImage(id);
     if (!bytes) throw StoreError("stored image " + id + " is missing");
-    std::shared_ptr<const Image> image;
+    DecodedImage image;
     try {
-      image = Image::fromPNGData(*bytes);
+      image = uploadPixels->decode(*bytes);
     } catch (const Exception& e) {
       throw StoreError("stored image " + id + " is unreadable: " + e.reason());
     }
@@ -503,7 +503,8 @@ struct Service::Impl {
     // A step recorded whatever its verdict has a new upload written (and flushed to disk) while
     // the comparison runs; the file is complete before the step's row refers to it.
     std::future<std::string> written;
-    std::shared_ptr<const Image> current, baselinePixels;
+    std::shared_ptr<const Image> current;
+    DecodedImage baselinePixels;
     if (sameAsBaseline) {
       outcome.matches = true;
     } else {
@@ -519,7 +520,7 @@ struct Service::Impl {
           }
         };
         baselinePixels = storedImage(baseline->image);
-        DecodedMatch match = decodeUpload(png, *baselinePixels, settings, write);
+        DecodedMatch match = decodeUpload(png, baselinePixels, settings, write);
         current = std::move(match.current);
         outcome = std::move(match.outcome);
       } else {
@@ -538,14 +539,15 @@ struct Service::Impl {
     const bool record = outcome.matches ? !ignoreMatch : !ignoreMismatch;
     if (record) {
       step.currentImage = written.valid() ? written.get() : store->putImage(png, imageId);
-      if (baselinePixels) {
-        if (std::shared_ptr<Image> diff = diffImage(*baselinePixels, outcome)) {
+      if (baselinePixels.image) {
+        if (std::shared_ptr<Image> diff = diffImage(*baselinePixels.image, outcome)) {
           step.diffImage = store->putImage(diff->pngData());
         }
       }
       if (!settings.accessibility.empty()) {
-        const Image& pixels = current ? *current : *storedImage(baseline->image);
-        if (auto verdict = checkAccessibility(pixels, settings)) {
+        const std::shared_ptr<const Image> pixels =
+            current ? current : storedImage(baseline->image).image;
+        if (auto verdict = checkAccessibility(*pixels, settings)) {
           step.accessibilityPassed = verdict->passed;
           step.accessibilityLevel = verdict->level;
         }

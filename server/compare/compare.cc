@@ -432,10 +432,11 @@ CompareResult compareImages(const Image& baseline, const Image& checkpoint,
 }
 
 CompareResult compareDecoding(const Image& baseline, const std::uint8_t* checkpointRgba,
-                              std::size_t width, std::size_t height,
-                              const CompareOptions& options) {
+                              std::size_t width, std::size_t height, const CompareOptions& options,
+                              const std::uint8_t* sameRows) {
   return compareViews(view(baseline),
-                      {checkpointRgba, static_cast<int>(width), static_cast<int>(height)}, options);
+                      {checkpointRgba, static_cast<int>(width), static_cast<int>(height), sameRows},
+                      options);
 }
 
 CompareResult comparePNG(const std::vector<std::uint8_t>& baselinePNG,

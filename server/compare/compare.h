@@ -189,10 +189,12 @@ CompareResult compareImages(const Image& baseline, const Image& checkpoint,
                             const CompareOptions& options = {});
 
 /// Compares a checkpoint that is still being decoded into `checkpointRgba` (width x height RGBA)
-/// with `baseline`, reading its rows only as options.checkpointRows allows. Throws
-/// ComparisonAbandoned when that gives up.
+/// with `baseline`, reading its rows only as options.checkpointRows allows. `sameRows`, when
+/// given, holds a byte per row, non-zero where the row is known to hold the baseline's very
+/// pixels (it is then not compared). Throws ComparisonAbandoned when the decoding gives up.
 CompareResult compareDecoding(const Image& baseline, const std::uint8_t* checkpointRgba,
-                              std::size_t width, std::size_t height, const CompareOptions& options);
+                              std::size_t width, std::size_t height, const CompareOptions& options,
+                              const std::uint8_t* sameRows = nullptr);
 
 /// Decodes two PNG files' bytes and compares them (the service's usual path). Throws
 /// Exception "InvalidImageException" for data that is not PNG.

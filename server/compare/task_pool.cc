@@ -80,7 +80,7 @@ void TaskPool::serve() {
 }
 
 TaskPool& TaskPool::shared() {
-  static TaskPool pool(std::clamp<std::size_t>(std::thread::hardware_concurrency(), 2, 8));
+  static TaskPool pool(std::clamp<std::size_t>(std::thread::hardware_concurrency(), 4, 8));
   return pool;
 }
 

@@ -44,8 +44,8 @@ class TaskPool {
   /// Queues `work`. Throws std::system_error when no pool thread could be started.
   std::shared_ptr<Task> post(std::function<void()> work);
 
-  /// The process's pool: at least two threads, more on larger machines (at most eight),
-  /// started on first use.
+  /// The process's pool: one thread per core, at least four (a comparison's threads wait for
+  /// rows while a decoding's helper works beside them) and at most eight, started on first use.
   static TaskPool& shared();
 
  private:
