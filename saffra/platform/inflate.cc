@@ -317,12 +317,7 @@ class Inflater {
     if (!started_ && framing_ != Framing::Zlib) started_ = true;
     if (!started_) {
       started_ = true;
-      if (inEnd_ - in_ < 2) return false;
-      const unsigned cmf = in_[0], flg = in_[1];
-      // Deflate, a window of at most 32 KiB, no preset dictionary, a valid header check.
-      if ((cmf & 15) != 8 || (cmf >> 4) > 7 || (flg & 0x20) || (cmf * 256 + flg) % 31 != 0) {
-        return false;
-      }
+      if (!zlibHeaderAccepted(in_, static_cast<std::size_t>(inEnd_ - in_))) return false;
       in_ += 2;
     }
     while (!ended_ && (out_ < target || toEnd)) {
@@ -582,6 +577,12 @@ class Inflater {
 };
 
 }  // namespace
+
+bool zlibHeaderAccepted(const std::uint8_t* in, std::size_t inSize) {
+  if (inSize < 2) return false;
+  const unsigned cmf = in[0], flg = in[1];
+  return (cmf & 15) == 8 && (cmf >> 4) <= 7 && !(flg & 0x20) && (cmf * 256 + flg) % 31 == 0;
+}
 
 struct Stream::State : Inflater {
   using Inflater::Inflater;

@@ -36,6 +36,10 @@ enum class Framing {
   LastBand,
 };
 
+/// True when `in` starts with a zlib header this inflater accepts: deflate, a window of at most
+/// 32 KiB, no preset dictionary, a valid check value.
+bool zlibHeaderAccepted(const std::uint8_t* in, std::size_t inSize);
+
 /// Inflates the zlib stream `in[0, inSize)` into exactly `outSize` bytes at `out`. True when
 /// the stream is well formed, holds exactly that many bytes and its Adler-32 checksum matches;
 /// false for anything else (damage of any kind, a preset dictionary, more or less output), in

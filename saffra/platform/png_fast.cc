@@ -1039,11 +1039,7 @@ bool BandedDecoder::open(std::span<const std::uint8_t> file, std::vector<std::ui
   if (!readCommon(file.data(), file.size(), s.png) || s.png.bandList.empty() || !s.readBands()) {
     return false;
   }
-  // The zlib header: deflate, a window of at most 32 KiB, no preset dictionary.
-  const unsigned cmf = s.compressed[0], flg = s.compressed[1];
-  if ((cmf & 15) != 8 || (cmf >> 4) > 7 || (flg & 0x20) || (cmf * 256 + flg) % 31 != 0) {
-    return false;
-  }
+  if (!inflate::zlibHeaderAccepted(s.compressed.data(), s.png.compressedSize)) return false;
   const Header& h = s.png.header;
   rgba.resize(h.width * h.height * 4);
   s.rgba = rgba.data();
