@@ -289,5 +289,69 @@ TEST(PngBandsTest, RefusesDamageAndBandsThatDoNotStandAlone) {
   EXPECT_EQ(out, source.pixels());
 }
 
+// Another encoder's bands (zlib with a full flush between them) are decoded band by band when
+// they keep the rules; a band whose first row is filtered against the row above (in the band
+// before) is refused, though the file decodes whole.
+TEST(PngBandsTest, DecodesOtherEncodersBandsThatKeepTheRules) {
+  const std::size_t width = 64, height = 50, split = 20;
+  Image source(width, height);
+  for (std::size_t i = 0; i < source.pixels().size(); ++i) {
+    source.mutableData()[i] = static_cast<std::uint8_t>(i * 13 / 7 + i / 256);
+  }
+  const auto bandedPng = [&](int filter) {
+    std::vector<std::uint8_t> raw;
+    const std::size_t row = width * 4;
+    for (std::size_t y = 0; y < height; ++y) {
+      raw.push_back(static_cast<std::uint8_t>(filter));
+      for (std::size_t i = 0; i < row; ++i) {
+        const int x = source.data()[y * row + i];
+        const int a = i >= 4 ? source.data()[y * row + i - 4] : 0;
+        const int b = y > 0 ? source.data()[(y - 1) * row + i] : 0;
+        raw.push_back(static_cast<std::uint8_t>(x - (filter == 1 ? a : b)));
+      }
+    }
+    std::vector<std::uint8_t> stream(compressBound(raw.size()) + 64);
+    z_stream z{};
+    deflateInit(&z, 6);
+    z.next_out = stream.data();
+    z.avail_out = static_cast<uInt>(stream.size());
+    z.next_in = raw.data();
+    z.avail_in = static_cast<uInt>(split * (row + 1));
+    deflate(&z, Z_FULL_FLUSH);  // the band ends on a byte boundary, with nothing to refer back to
+    const std::size_t firstBytes = z.total_out - 2;
+    z.avail_in = static_cast<uInt>(raw.size() - split * (row + 1));
+    EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
+    stream.resize(z.total_out);
+    deflateEnd(&z);
+
+    std::vector<Chunk> chunks = chunksOf(source.pngData());
+    find(chunks, "IDAT")->body = stream;
+    std::vector<std::uint8_t>& list =
+        find(chunks, kBandChunkType)
+            ? find(chunks, kBandChunkType)->body
+            : chunks.insert(chunks.begin() + 1, {kBandChunkType, {}})->body;
+    list.clear();
+    for (const std::size_t v :
+         {split, firstBytes, height - split, stream.size() - 6 - firstBytes}) {
+      for (int shift = 24; shift >= 0; shift -= 8)
+        list.push_back(static_cast<std::uint8_t>(v >> shift));
+    }
+    return pngOf(chunks);
+  };
+
+  std::vector<std::uint8_t> rgba;
+  const std::vector<std::uint8_t> sub = bandedPng(1);
+  EXPECT_TRUE(decodeBanded(sub, rgba, 2).ok);
+  EXPECT_EQ(rgba, source.pixels());
+
+  const std::vector<std::uint8_t> up = bandedPng(2);
+  const Decoded d = decodeBanded(up, rgba, 2);
+  EXPECT_TRUE(d.opened);
+  EXPECT_FALSE(d.ok);
+  std::size_t w = 0, h = 0;
+  ASSERT_TRUE(decodeCommonInto(up.data(), up.size(), rgba, w, h));
+  EXPECT_EQ(rgba, source.pixels());
+}
+
 }  // namespace
 }  // namespace saffra::png
