@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -75,6 +76,34 @@ std::vector<Band> bandsOf(const std::vector<std::uint8_t>& png) {
     bands.push_back({load32(&list->body[at]), load32(&list->body[at + 4])});
   }
   return bands;
+}
+
+// An image's scanlines, every row filtered with None (0), Sub (1) or Up (2).
+std::vector<std::uint8_t> scanlines(const Image& image, int filter) {
+  std::vector<std::uint8_t> raw;
+  const std::size_t row = image.width() * 4;
+  const std::uint8_t* p = image.data();
+  for (std::size_t y = 0; y < image.height(); ++y) {
+    raw.push_back(static_cast<std::uint8_t>(filter));
+    for (std::size_t i = 0; i < row; ++i) {
+      const int a = i >= 4 ? p[y * row + i - 4] : 0;
+      const int b = y > 0 ? p[(y - 1) * row + i] : 0;
+      raw.push_back(static_cast<std::uint8_t>(p[y * row + i] - (filter == 1   ? a
+                                                                : filter == 2 ? b
+                                                                              : 0)));
+    }
+  }
+  return raw;
+}
+
+// A band list's body: rows and bytes of each band.
+std::vector<std::uint8_t> bandList(std::initializer_list<std::size_t> rowsAndBytes) {
+  std::vector<std::uint8_t> list;
+  for (const std::size_t v : rowsAndBytes) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      list.push_back(static_cast<std::uint8_t>(v >> shift));
+  }
+  return list;
 }
 
 std::shared_ptr<Image> screenshot(const char* name) {
@@ -260,11 +289,7 @@ TEST(PngBandsTest, RefusesDamageAndBandsThatDoNotStandAlone) {
 
   // The same rows compressed by zlib as one stream, listed as if cut into bands: the cuts are
   // not where blocks end, or matches reach across them.
-  std::vector<std::uint8_t> raw;
-  for (std::size_t y = 0; y < source.height(); ++y) {
-    raw.push_back(0);
-    raw.insert(raw.end(), source.data() + y * 1200, source.data() + (y + 1) * 1200);
-  }
+  const std::vector<std::uint8_t> raw = scanlines(source, 0);
   uLongf size = compressBound(raw.size());
   std::vector<std::uint8_t> zlibbed(size);
   compress2(zlibbed.data(), &size, raw.data(), raw.size(), 6);
@@ -272,13 +297,7 @@ TEST(PngBandsTest, RefusesDamageAndBandsThatDoNotStandAlone) {
   const std::size_t deflated = size - 6;
   std::vector<Chunk> chunks = chunksOf(png);
   find(chunks, "IDAT")->body = zlibbed;
-  std::vector<std::uint8_t>& list = find(chunks, kBandChunkType)->body;
-  list = {0, 0, 1, 94, 0, 0, 0, 0, 0, 0, 1, 94, 0, 0, 0, 0};  // 350 rows each
-  for (int k = 0; k < 2; ++k) {
-    const auto bytes = static_cast<std::uint32_t>(k == 0 ? deflated / 2 : deflated - deflated / 2);
-    for (int i = 0; i < 4; ++i)
-      list[k * 8 + 4 + i] = static_cast<std::uint8_t>(bytes >> (24 - 8 * i));
-  }
+  find(chunks, kBandChunkType)->body = bandList({350, deflated / 2, 350, deflated - deflated / 2});
   const std::vector<std::uint8_t> crossing = pngOf(chunks);
   std::vector<std::uint8_t> out;
   const Decoded d = decodeBanded(crossing, out, 2);
@@ -299,17 +318,8 @@ TEST(PngBandsTest, DecodesOtherEncodersBandsThatKeepTheRules) {
     source.mutableData()[i] = static_cast<std::uint8_t>(i * 13 / 7 + i / 256);
   }
   const auto bandedPng = [&](int filter) {
-    std::vector<std::uint8_t> raw;
+    std::vector<std::uint8_t> raw = scanlines(source, filter);
     const std::size_t row = width * 4;
-    for (std::size_t y = 0; y < height; ++y) {
-      raw.push_back(static_cast<std::uint8_t>(filter));
-      for (std::size_t i = 0; i < row; ++i) {
-        const int x = source.data()[y * row + i];
-        const int a = i >= 4 ? source.data()[y * row + i - 4] : 0;
-        const int b = y > 0 ? source.data()[(y - 1) * row + i] : 0;
-        raw.push_back(static_cast<std::uint8_t>(x - (filter == 1 ? a : b)));
-      }
-    }
     std::vector<std::uint8_t> stream(compressBound(raw.size()) + 64);
     z_stream z{};
     deflateInit(&z, 6);
@@ -326,16 +336,8 @@ TEST(PngBandsTest, DecodesOtherEncodersBandsThatKeepTheRules) {
 
     std::vector<Chunk> chunks = chunksOf(source.pngData());
     find(chunks, "IDAT")->body = stream;
-    std::vector<std::uint8_t>& list =
-        find(chunks, kBandChunkType)
-            ? find(chunks, kBandChunkType)->body
-            : chunks.insert(chunks.begin() + 1, {kBandChunkType, {}})->body;
-    list.clear();
-    for (const std::size_t v :
-         {split, firstBytes, height - split, stream.size() - 6 - firstBytes}) {
-      for (int shift = 24; shift >= 0; shift -= 8)
-        list.push_back(static_cast<std::uint8_t>(v >> shift));
-    }
+    chunks.insert(chunks.begin() + 1, {kBandChunkType, bandList({split, firstBytes, height - split,
+                                                                 stream.size() - 6 - firstBytes})});
     return pngOf(chunks);
   };
 
