@@ -697,7 +697,6 @@ struct Common {
   std::span<const std::uint8_t> bandList;
 
   std::size_t rawRow() const { return header.width * header.bpp + 1; }
-  std::size_t rawSize() const { return header.height * rawRow(); }
 };
 
 // Reads the chunks of a PNG of the common kind. False for any other kind of file, or any
