@@ -14,6 +14,9 @@
 #include <system_error>
 #include <thread>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
 #include <httplib.h>
 
 #include "saffra/images/logger.h"
@@ -923,6 +926,7 @@ struct Service::Impl {
     http.set_socket_options([](socket_t sock) {
       int yes = 1;
       setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+      setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     });
   }
 

@@ -1,6 +1,13 @@
 // The protocol end to end against an in-process service on a loopback port.
 #include "server/service.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <thread>
 
@@ -314,6 +321,36 @@ TEST(ServiceRestart, DataSurvivesARestart) {
   std::string target = url.substr(url.find('/', prefix.size()));
   Reply image = second.send("GET", target + "?apiKey=" + kApiKey);
   EXPECT_EQ(std::vector<std::uint8_t>(image.raw.begin(), image.raw.end()), kMarked);
+}
+
+// The service's end of a kept-alive connection sends at once: with Nagle's algorithm a reply's
+// body, written after its headers, waits for the client's delayed acknowledgement (40 ms per
+// request).
+TEST(ServiceConnections, AcceptedConnectionsSendWithoutDelay) {
+  TempFolder folder;
+  Harness harness(folder.path());
+  httplib::Client client("127.0.0.1", harness.port());
+  client.set_keep_alive(true);
+  ASSERT_TRUE(client.Get("/api/sessions/running/none?apiKey=" + std::string(kApiKey)));
+  int checked = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int fd = std::atoi(entry.path().filename().c_str());
+    sockaddr_in local{};
+    socklen_t size = sizeof local;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0 ||
+        local.sin_family != AF_INET || ntohs(local.sin_port) != harness.port()) {
+      continue;
+    }
+    int listening = 0, noDelay = 0;
+    socklen_t length = sizeof listening;
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length), 0);
+    if (listening) continue;
+    length = sizeof noDelay;
+    ASSERT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &length), 0);
+    EXPECT_NE(noDelay, 0);
+    ++checked;
+  }
+  EXPECT_EQ(checked, 1);
 }
 
 TEST(ServiceConcurrency, ClientsRunSessionsAtOnce) {
