@@ -3,7 +3,52 @@
 #include <algorithm>
 #include <system_error>
 
+#if defined(__linux__)
+#include <sched.h>
+#endif
+
 namespace saffra::compare {
+
+namespace {
+
+// The processor the calling thread runs on, or -1 where that cannot be told.
+int currentProcessor() {
+#if defined(__linux__)
+  return sched_getcpu();
+#else
+  return -1;
+#endif
+}
+
+// Runs `work` on another processor than `avoid` where the thread may run elsewhere. A thread
+// woken by a busy one is often placed on the waker's processor while another one sits idle
+// (the scheduler expects the waker to sleep soon), and the two then share one core for
+// milliseconds; moving off it at once wakes the idle processor instead.
+template <class Work>
+void runAwayFrom(int avoid, Work&& work) {
+#if defined(__linux__)
+  cpu_set_t allowed;
+  if (avoid >= 0 && avoid < CPU_SETSIZE && currentProcessor() == avoid &&
+      sched_getaffinity(0, sizeof allowed, &allowed) == 0 && CPU_COUNT(&allowed) > 1 &&
+      CPU_ISSET(avoid, &allowed)) {
+    cpu_set_t elsewhere = allowed;
+    CPU_CLR(avoid, &elsewhere);
+    if (sched_setaffinity(0, sizeof elsewhere, &elsewhere) == 0) {
+      struct Restore {
+        const cpu_set_t& allowed;
+        ~Restore() { sched_setaffinity(0, sizeof allowed, &allowed); }
+      } restore{allowed};
+      work();
+      return;
+    }
+  }
+#else
+  (void)avoid;
+#endif
+  work();
+}
+
+}  // namespace
 
 bool TaskPool::Task::finish() {
   std::unique_lock lock(mutex_);
@@ -42,6 +87,7 @@ std::shared_ptr<TaskPool::Task> TaskPool::post(std::function<void()> work) {
   }
   auto task = std::make_shared<Task>();
   task->work_ = std::move(work);
+  task->poster_ = currentProcessor();
   {
     std::lock_guard lock(mutex_);
     queue_.push_back(task);
@@ -66,7 +112,7 @@ void TaskPool::serve() {
       task->state_ = Task::State::Running;
     }
     try {
-      task->work_();
+      runAwayFrom(task->poster_, task->work_);
     } catch (...) {
       task->failure_ = std::current_exception();
     }

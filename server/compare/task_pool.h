@@ -16,7 +16,8 @@
 namespace saffra::compare {
 
 /// Threads that run posted work in order. Work that has not started can be withdrawn, so a
-/// caller that can do the work itself never waits behind a busy pool.
+/// caller that can do the work itself never waits behind a busy pool. Work runs on another
+/// processor than the thread that posted it, where the process may use another (on Linux).
 class TaskPool {
  public:
   /// One piece of posted work.
@@ -34,6 +35,8 @@ class TaskPool {
     std::condition_variable done_;
     State state_ = State::Queued;
     std::exception_ptr failure_;
+    // The processor of the thread that posted the work (-1 when unknown).
+    int poster_ = -1;
   };
 
   explicit TaskPool(std::size_t threads);

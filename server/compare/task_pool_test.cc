@@ -3,8 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <stdexcept>
+#include <thread>
+#include <vector>
+
+#if defined(__linux__)
+#include <sched.h>
+#endif
 
 namespace saffra::compare {
 namespace {
@@ -51,6 +58,40 @@ TEST(TaskPoolTest, QueuedWorkCanBeWithdrawn) {
   EXPECT_FALSE(withdrawnRan);
   EXPECT_TRUE(lastRan);
 }
+
+#if defined(__linux__)
+// Work runs on another processor than the busy thread that posted it: a helper woken beside
+// its poster shares one core with it while another sits idle. The poster goes idle between
+// posts, as a service does between checks, which is when the scheduler does that.
+TEST(TaskPoolTest, WorkRunsAwayFromItsBusyPoster) {
+  cpu_set_t allowed;
+  ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
+  if (CPU_COUNT(&allowed) < 2) GTEST_SKIP() << "a single processor";
+  int pinned = 0;
+  while (!CPU_ISSET(pinned, &allowed)) ++pinned;
+  TaskPool pool(2);
+  std::vector<int> ranOn;
+  std::thread poster([&] {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(pinned, &one);
+    if (sched_setaffinity(0, sizeof one, &one) != 0) return;
+    for (int i = 0; i < 40; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      std::atomic<int> processor{-1};
+      auto task = pool.post([&] { processor = sched_getcpu(); });
+      while (processor < 0) {
+        // Busy, as a thread decoding beside its helper is.
+      }
+      task->finish();
+      ranOn.push_back(processor);
+    }
+  });
+  poster.join();
+  ASSERT_EQ(ranOn.size(), 40u);
+  for (int processor : ranOn) EXPECT_NE(processor, pinned);
+}
+#endif
 
 }  // namespace
 }  // namespace saffra::compare
