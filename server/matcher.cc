@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <exception>
+#include <mutex>
+#include <optional>
 #include <system_error>
 
 #include "server/compare/accessibility.h"
@@ -71,22 +73,32 @@ DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> uploa
                             const DecodedImage& reference, const MatchSettings& settings,
                             const std::function<void()>& decoded) {
   const Image& baseline = *reference.image;
-  // The comparison runs on a pool thread, a band behind the decoding; once the decoding is
-  // done, this thread waits for it. Whatever happens, the comparison is stopped and waited for
-  // before the rows it reads can go.
   png::RowProgress progress;
+  compare::CompareOptions options = engineOptions(settings);
+  options.checkpointRows = [&](int rows) {
+    return progress.waitForRows(static_cast<std::size_t>(rows));
+  };
+  // The comparison of the upload's rows, made once the decoder has placed them.
+  std::optional<compare::Comparison> comparison;
+  std::once_flag made;
+  const auto comparisonOfRows = [&]() -> compare::Comparison& {
+    std::call_once(made, [&] {
+      comparison.emplace(baseline, progress.rgba(), progress.width(), progress.height(), options,
+                         progress.sameRows());
+    });
+    return *comparison;
+  };
+  // A file decoded band by band is compared by the threads that decode it, each comparing the
+  // rows that are final after each band it decoded; a file decoded on one thread is compared by
+  // a pool thread a band of rows behind. Whatever happens, that thread is stopped and waited
+  // for before the rows it reads can go.
   std::optional<compare::CompareResult> early;
-  std::shared_ptr<compare::TaskPool::Task> comparing;
+  std::shared_ptr<compare::TaskPool::Task> following;
   try {
-    comparing = compare::TaskPool::shared().post([&] {
+    following = compare::TaskPool::shared().post([&] {
       try {
-        if (!progress.waitForStart()) return;
-        compare::CompareOptions options = engineOptions(settings);
-        options.checkpointRows = [&](int rows) {
-          return progress.waitForRows(static_cast<std::size_t>(rows));
-        };
-        early = compare::compareDecoding(baseline, progress.rgba(), progress.width(),
-                                         progress.height(), options, progress.sameRows());
+        if (!progress.waitForStart() || progress.inBands()) return;
+        early = comparisonOfRows().finish();
       } catch (const compare::ComparisonAbandoned&) {
         // The fast decoder gave up; the comparison is redone on the general decoder's image.
       }
@@ -97,14 +109,14 @@ DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> uploa
   std::exception_ptr failure;
   struct Settled {
     png::RowProgress& progress;
-    std::shared_ptr<compare::TaskPool::Task>& comparing;
+    std::shared_ptr<compare::TaskPool::Task>& following;
     std::exception_ptr& failure;
     ~Settled() {
       progress.fail();  // releases a comparison waiting for rows that will not come
-      if (!comparing) return;
+      if (!following) return;
       try {
         // Not yet started (the pool is busy): withdrawn, and the comparison runs below.
-        comparing->finish();
+        following->finish();
       } catch (...) {
         failure = std::current_exception();
       }
@@ -113,12 +125,15 @@ DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> uploa
   DecodedMatch match;
   bool fast = false;
   {
-    const Settled settled{progress, comparing, failure};
-    match.current = pool.decode(upload, &progress, &reference).image;
+    const Settled settled{progress, following, failure};
+    match.current = pool.decode(upload, &progress, &reference,
+                                [&] { comparisonOfRows().diffReady(progress.rows()); })
+                        .image;
     fast = progress.complete();  // else the general decoder made the image
     if (decoded) decoded();
   }
   if (failure) std::rethrow_exception(failure);
+  if (fast && !early && progress.inBands()) early = comparisonOfRows().finish();
   match.outcome = fast && early ? outcomeOf(std::move(*early))
                                 : matchImages(baseline, *match.current, settings);
   return match;

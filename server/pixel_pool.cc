@@ -55,7 +55,8 @@ std::size_t PixelPool::bytes() const {
 }
 
 DecodedImage PixelPool::decode(std::span<const std::uint8_t> png, png::RowProgress* progress,
-                               const DecodedImage* reference) {
+                               const DecodedImage* reference,
+                               const std::function<void()>& afterBand) {
   // The IHDR's size, when there is one, picks a buffer that needs no growing.
   std::size_t expected = 0;
   if (png.size() >= 24) {
@@ -81,11 +82,11 @@ DecodedImage PixelPool::decode(std::span<const std::uint8_t> png, png::RowProgre
                   referenced ? reference->image->data() : nullptr)) {
     std::shared_ptr<compare::TaskPool::Task> helper;
     try {
-      helper = compare::TaskPool::shared().post([&] { banded.work(); });
+      helper = compare::TaskPool::shared().post([&] { banded.work(afterBand); });
     } catch (const std::system_error&) {
       // No thread to spare: this thread decodes every band.
     }
-    banded.work();
+    banded.work(afterBand);
     if (helper) helper->finish();  // withdrawn if it has not started
     if (banded.finish()) {
       return {pooledImage(banded.width(), banded.height(), std::move(buffer)), banded.index()};

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -47,10 +48,12 @@ class PixelPool : public std::enable_shared_from_this<PixelPool> {
     return decode(png, progress).image;
   }
   /// The same, with what it learnt of the file's bands. A file compressed in bands is decoded
-  /// on this thread and a pool thread; bands it shares with `reference` (an earlier decoding)
-  /// are copied from it, and the progress says which rows those are.
+  /// on this thread and a pool thread, each of which runs `afterBand` after every band it
+  /// published; bands it shares with `reference` (an earlier decoding) are copied from it, and
+  /// the progress says which rows those are.
   DecodedImage decode(std::span<const std::uint8_t> png, png::RowProgress* progress = nullptr,
-                      const DecodedImage* reference = nullptr);
+                      const DecodedImage* reference = nullptr,
+                      const std::function<void()>& afterBand = {});
 
  private:
   /// The image of a decoding into `buffer`, which goes back to the pool with the image.

@@ -28,11 +28,12 @@ namespace saffra::png {
 static_assert(std::endian::native == std::endian::little, "pixels are packed little-endian");
 
 void RowProgress::begin(const std::uint8_t* rgba, std::size_t width, std::size_t height,
-                        std::vector<std::uint8_t> sameRows) {
+                        std::vector<std::uint8_t> sameRows, bool inBands) {
   {
     std::lock_guard lock(mutex_);
     rgba_ = rgba, width_ = width, height_ = height;
     sameRows_ = std::move(sameRows);
+    inBands_ = inBands;
     started_ = true;
   }
   changed_.notify_all();
@@ -75,6 +76,11 @@ bool RowProgress::waitForRows(std::size_t rows) {
     wanted_ = SIZE_MAX;  // a reader still short of its rows sets it again
   }
   return rows_ >= rows;
+}
+
+std::size_t RowProgress::rows() {
+  std::lock_guard lock(mutex_);
+  return failed_ ? 0 : rows_;
 }
 
 #ifdef SAFFRA_HAVE_LIBDEFLATE
@@ -1054,7 +1060,7 @@ bool BandedDecoder::open(std::span<const std::uint8_t> file, std::vector<std::ui
     sameRows.resize(h.height, 0);
     std::memset(sameRows.data() + s.bands[k].firstRow, 1, s.bands[k].rows);
   }
-  if (progress) progress->begin(s.rgba, h.width, h.height, std::move(sameRows));
+  if (progress) progress->begin(s.rgba, h.width, h.height, std::move(sameRows), true);
   return true;
 }
 
@@ -1065,7 +1071,7 @@ std::size_t BandedDecoder::height() const {
   return state_->png.header.height;
 }
 
-bool BandedDecoder::work() {
+bool BandedDecoder::work(const std::function<void()>& afterBand) {
   State& s = *state_;
   try {
     for (std::size_t k = s.next++; k < s.bands.size() && !s.failed; k = s.next++) {
@@ -1074,6 +1080,7 @@ bool BandedDecoder::work() {
         break;
       }
       s.bandDone(k);
+      if (afterBand) afterBand();
     }
   } catch (...) {
     s.failed = true;  // no memory for a band's buffers
@@ -1141,7 +1148,7 @@ std::size_t BandedDecoder::width() const {
 std::size_t BandedDecoder::height() const {
   return 0;
 }
-bool BandedDecoder::work() {
+bool BandedDecoder::work(const std::function<void()>&) {
   return false;
 }
 bool BandedDecoder::finish() {

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -27,9 +28,10 @@ class RowProgress {
   // The decoder's side.
   /// The output buffer (RGBA, rows width * 4 bytes apart) is in place. `sameRows`, when not
   /// empty, holds one byte per row: 1 where the row is known to hold the very pixels of the
-  /// same row of the image the decoding was given as its reference.
+  /// same row of the image the decoding was given as its reference. `inBands`: the rows come
+  /// band by band from the threads that call BandedDecoder::work.
   void begin(const std::uint8_t* rgba, std::size_t width, std::size_t height,
-             std::vector<std::uint8_t> sameRows = {});
+             std::vector<std::uint8_t> sameRows = {}, bool inBands = false);
   /// Rows [0, rows) are final.
   void publish(std::size_t rows);
   /// No more rows will come (harmless after the last row).
@@ -44,6 +46,10 @@ class RowProgress {
   bool waitForStart();
   /// Waits until rows [0, rows) are final; false when the decoding failed first.
   bool waitForRows(std::size_t rows);
+  /// How many rows are final now (none once the decoding has failed); does not wait.
+  std::size_t rows();
+  /// As given to begin: whether the decoding threads themselves take the rows band by band.
+  bool inBands() const { return inBands_; }
   const std::uint8_t* rgba() const { return rgba_; }
   /// One byte per row as given to begin, or nullptr when nothing is known.
   const std::uint8_t* sameRows() const { return sameRows_.empty() ? nullptr : sameRows_.data(); }
@@ -53,7 +59,7 @@ class RowProgress {
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
-  bool started_ = false, failed_ = false;
+  bool started_ = false, failed_ = false, inBands_ = false;
   std::size_t rows_ = 0;
   // The fewest rows a waiting reader needs: publishing wakes readers only when they can go on.
   std::size_t wanted_ = SIZE_MAX;
@@ -124,8 +130,9 @@ class BandedDecoder {
   std::size_t width() const;
   std::size_t height() const;
   /// Decodes bands until none is left; any number of threads may call it at once. False once
-  /// any band has failed.
-  bool work();
+  /// any band has failed. `afterBand`, when given, runs on the calling thread after each band
+  /// it decoded and published (work on the rows done so far, in the cores' caches).
+  bool work(const std::function<void()>& afterBand = {});
   /// Once every work() has returned: true when every band was decoded and the stream's checksum
   /// matches, false (failing the progress) otherwise. A file refused here may still be valid
   /// (bands that are not what its index says): the caller then decodes it as a whole.

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <system_error>
 
 #include "saffra/platform/png_fast.h"
@@ -46,29 +47,26 @@ void clearMask(std::vector<std::uint8_t>& mask, std::size_t stride, const Clip& 
   for (int y = c.y0; y < c.y1; ++y) std::memset(&mask[y * stride + c.x0], 0, c.width());
 }
 
-// Marks the differences of one area at `level` (None marks nothing).
-void diffArea(const Pixels& a, const Pixels& b, MatchLevel level, const Clip& c,
-              std::vector<std::uint8_t>& mask) {
-  if (c.isEmpty()) return;
+// Marks the differences of one area at `level` (None marks nothing). Returns the number of
+// pixels marked kCounted or kCandidate: none means cluster() has nothing to do there.
+std::size_t diffArea(const Pixels& a, const Pixels& b, MatchLevel level, const Clip& c,
+                     std::vector<std::uint8_t>& mask) {
+  if (c.isEmpty()) return 0;
   const std::size_t stride = a.width;
   const Span s{
       &a, &b, c.x0, c.y0, c.x0, c.y0, c.width(), c.height(), &mask[c.y0 * stride + c.x0], stride};
   switch (level) {
     case MatchLevel::None:
-      break;
+      return 0;
     case MatchLevel::Exact:
-      detail::diffExact(s);
-      break;
+      return detail::diffExact(s);
     case MatchLevel::Layout:
-      detail::diffLayout(s);
-      break;
+      return detail::diffLayout(s);
     case MatchLevel::Content:
-      detail::diffStrict(s, true);
-      break;
+      return detail::diffStrict(s, true);
     case MatchLevel::Strict:
     default:
-      detail::diffStrict(s, false);
-      break;
+      return detail::diffStrict(s, false);
   }
 }
 
@@ -76,69 +74,6 @@ void diffArea(const Pixels& a, const Pixels& b, MatchLevel level, const Clip& c,
 // is still being decoded); a decoding that failed abandons the comparison.
 void awaitRows(const CompareOptions& options, int rows) {
   if (options.checkpointRows && !options.checkpointRows(rows)) throw ComparisonAbandoned();
-}
-
-// The pass over the whole image at the step's level, in bands of a multiple of the Strict
-// kernel's 8-row tiles taken in order by one or two threads. Each band sees the very tiles it
-// would see in one pass, so the result does not depend on which thread took which band; both
-// threads read (never write) each other's pixels as neighbours. A band is compared once the
-// checkpoint's rows reach a little past it (neighbour reads go two rows beyond an area).
-void diffWhole(const Pixels& a, const Pixels& b, const CompareOptions& options,
-               std::vector<std::uint8_t>& mask) {
-  const int width = a.width, height = a.height;
-  constexpr int kBand = 128, kReach = 8;
-  const auto rows = [&](int from, int to) {
-    return clip({0, from, width, static_cast<std::int64_t>(to - from)}, width, height);
-  };
-  if (height < 2 * kBand || options.level == MatchLevel::Layout) {
-    awaitRows(options, height);
-    diffArea(a, b, options.level, rows(0, height), mask);
-    return;
-  }
-  std::atomic<int> next{0};
-  const auto bands = [&] {
-    for (int y = next.fetch_add(kBand); y < height; y = next.fetch_add(kBand)) {
-      const int end = std::min(y + kBand, height);
-      awaitRows(options, std::min(end + kReach, height));
-      diffArea(a, b, options.level, rows(y, end), mask);
-    }
-  };
-  if (options.threads < 2) {
-    bands();
-    return;
-  }
-  // The helper comes from a pool of waiting threads, and does nothing if it starts only after
-  // this thread has taken every band. While the checkpoint is still being decoded, one thread
-  // keeps up with the decoding, and a second would only take the decoder's core: the helper
-  // joins in once the decoding is done.
-  std::shared_ptr<TaskPool::Task> helper;
-  try {
-    helper = TaskPool::shared().post([&] {
-      try {
-        awaitRows(options, height);
-        bands();
-      } catch (...) {
-        next = height;  // the other thread stops at its next band
-        throw;
-      }
-    });
-  } catch (const std::system_error&) {
-    // No thread to spare: this thread takes every band.
-  }
-  try {
-    bands();
-  } catch (...) {
-    next = height;
-    if (helper) {
-      try {
-        helper->finish();
-      } catch (...) {
-        // The first failure is the one reported.
-      }
-    }
-    throw;
-  }
-  if (helper) helper->finish();
 }
 
 // The area a floating region's content may occupy in the checkpoint.
@@ -341,19 +276,159 @@ CompareOptions CompareOptions::fromJson(const Json& settings) {
 
 namespace {
 
-// The comparison proper, on pixels that may live in an Image or in a decoding buffer.
-CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
-                           const CompareOptions& options) {
-  CompareResult result;
-  if (!options.accessibilityRegions.empty()) awaitRows(options, checkpoint.height);
-  for (const AccessibilityRegion& region : options.accessibilityRegions) {
-    result.accessibility.push_back(
-        detail::checkContrast(checkpoint, region, options.accessibilityLevel));
+// Mask buffers kept between comparisons: fresh memory for every comparison would cost more in
+// page faults than the comparison itself. A few are kept, each up to kKeptBuffer.
+class SpareMasks {
+ public:
+  static std::vector<std::uint8_t> take() {
+    std::lock_guard lock(mutex());
+    std::vector<std::vector<std::uint8_t>>& spare = buffers();
+    if (spare.empty()) return {};
+    std::vector<std::uint8_t> buffer = std::move(spare.back());
+    spare.pop_back();
+    return buffer;
   }
-  const std::size_t width = baseline.width, height = baseline.height;
-  if (baseline.width != checkpoint.width || baseline.height != checkpoint.height) {
-    const std::size_t w = std::max(baseline.width, checkpoint.width);
-    const std::size_t h = std::max(baseline.height, checkpoint.height);
+  static void give(std::vector<std::uint8_t> buffer) {
+    if (buffer.capacity() == 0 || buffer.capacity() > kKeptBuffer) return;
+    std::lock_guard lock(mutex());
+    if (buffers().size() < kKept) buffers().push_back(std::move(buffer));
+  }
+
+ private:
+  static constexpr std::size_t kKept = 4;
+  static std::mutex& mutex() {
+    static std::mutex m;
+    return m;
+  }
+  static std::vector<std::vector<std::uint8_t>>& buffers() {
+    static std::vector<std::vector<std::uint8_t>> b;
+    return b;
+  }
+};
+
+}  // namespace
+
+// The pass over the whole image at the step's level goes in bands of a multiple of the Strict
+// kernel's 8-row tiles, taken in order by whichever threads come: each band sees the very tiles
+// it would see in one pass, so the result does not depend on which thread took which band, and
+// threads read (never write) each other's pixels as neighbours. A band is compared once the
+// checkpoint's rows reach a little past it (neighbour reads go two rows beyond an area). Each
+// band clears its own part of the mask, while those rows are in cache anyway.
+struct Comparison::State {
+  static constexpr int kBand = 64, kReach = 8;
+
+  Pixels a, b;
+  CompareOptions options;
+  std::vector<std::uint8_t> mask = SpareMasks::take();
+  // Whether the whole-image pass goes in bands (else it is one area, compared in finish()).
+  bool inBands = false;
+  std::atomic<int> next{0};
+  // For each band, whether the pass marked any of its pixels (each written by the thread that
+  // compared the band, read once every band is done).
+  std::vector<std::uint8_t> bandMarked;
+
+  State(const Pixels& baseline, const Pixels& checkpoint, CompareOptions o)
+      : a(baseline), b(checkpoint), options(std::move(o)) {
+    // Neighbour reads stay inside these sizes; the pixel buffers hold width * height pixels.
+    static_assert(Image::kMaxDimension < (1u << 30));
+    const bool compared = a.width == b.width && a.height == b.height &&
+                          options.level != MatchLevel::None && a.width > 0 && a.height > 0;
+    if (!compared) return;
+    mask.resize(static_cast<std::size_t>(a.width) * a.height);
+    inBands = a.height >= 2 * kBand && options.level != MatchLevel::Layout;
+    bandMarked.assign(static_cast<std::size_t>((a.height + kBand - 1) / kBand), 0);
+  }
+  ~State() { SpareMasks::give(std::move(mask)); }
+
+  Clip rows(int from, int to) const {
+    return clip({0, from, a.width, static_cast<std::int64_t>(to - from)}, a.width, a.height);
+  }
+  void diffBand(int y) {
+    const Clip c = rows(y, std::min(y + kBand, a.height));
+    clearMask(mask, a.width, c);
+    bandMarked[static_cast<std::size_t>(y / kBand)] = diffArea(a, b, options.level, c, mask) > 0;
+  }
+  // The rows [from, to) that hold every pixel the whole-image pass marked (from a multiple of
+  // the 8-row tiles, so clustering them alone sees the same tiles); empty when none.
+  std::pair<int, int> markedRows() const {
+    std::pair<int, int> found{0, 0};
+    for (std::size_t k = 0; k < bandMarked.size(); ++k) {
+      if (!bandMarked[k]) continue;
+      const int y = static_cast<int>(k) * kBand;
+      if (found.second == 0) found.first = y;
+      found.second = std::min(y + kBand, a.height);
+    }
+    return found;
+  }
+  void diffReady(int finalRows) {
+    int y = next.load();
+    while (y < a.height && std::min(y + kBand + kReach, a.height) <= finalRows) {
+      if (next.compare_exchange_weak(y, y + kBand)) {
+        diffBand(y);
+        y = next.load();
+      }
+    }
+  }
+  // Takes bands until none is left, waiting for their rows.
+  void diffBands() {
+    for (int y = next.fetch_add(kBand); y < a.height; y = next.fetch_add(kBand)) {
+      awaitRows(options, std::min(y + kBand + kReach, a.height));
+      diffBand(y);
+    }
+  }
+  void diffRemaining();
+  CompareResult finish();
+};
+
+void Comparison::State::diffRemaining() {
+  if (options.threads < 2 || a.height - next.load() < 2 * kBand) {
+    diffBands();
+    return;
+  }
+  // The helper comes from a pool of waiting threads, and does nothing if it starts only after
+  // this thread has taken every band. While the checkpoint is still being decoded, one thread
+  // keeps up with the decoding, and a second would only take the decoder's core: the helper
+  // joins in once the decoding is done.
+  std::shared_ptr<TaskPool::Task> helper;
+  try {
+    helper = TaskPool::shared().post([&] {
+      try {
+        awaitRows(options, a.height);
+        diffBands();
+      } catch (...) {
+        next = a.height;  // the other thread stops at its next band
+        throw;
+      }
+    });
+  } catch (const std::system_error&) {
+    // No thread to spare: this thread takes every band.
+  }
+  try {
+    diffBands();
+  } catch (...) {
+    next = a.height;
+    if (helper) {
+      try {
+        helper->finish();
+      } catch (...) {
+        // The first failure is the one reported.
+      }
+    }
+    throw;
+  }
+  if (helper) helper->finish();
+}
+
+CompareResult Comparison::State::finish() {
+  CompareResult result;
+  if (!options.accessibilityRegions.empty()) awaitRows(options, b.height);
+  for (const AccessibilityRegion& region : options.accessibilityRegions) {
+    result.accessibility.push_back(detail::checkContrast(b, region, options.accessibilityLevel));
+  }
+  const std::size_t width = a.width, height = a.height;
+  if (a.width != b.width || a.height != b.height) {
+    const std::size_t w = std::max(a.width, b.width);
+    const std::size_t h = std::max(a.height, b.height);
     result.matches = false;
     result.sizesDiffer = true;
     result.differingPixels = w * h;
@@ -362,15 +437,22 @@ CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
     return result;
   }
   if (options.level == MatchLevel::None || width == 0 || height == 0) return result;
-  // Neighbour reads stay inside these sizes; the pixel buffers hold width * height pixels.
-  static_assert(Image::kMaxDimension < (1u << 30));
-
-  // The mask lives in a buffer each thread keeps: fresh memory for every comparison would cost
-  // more in page faults than the comparison itself.
-  static thread_local std::vector<std::uint8_t> mask;
-  mask.assign(width * height, 0);
-  diffWhole(baseline, checkpoint, options, mask);
-  awaitRows(options, checkpoint.height);  // the rest reads anywhere
+  // The rows in which clustering has work: those of the whole-image pass's marks, or all of
+  // them once regions compare their areas again.
+  std::pair<int, int> marked{0, a.height};
+  if (inBands) {
+    diffRemaining();
+    marked = markedRows();
+  } else {
+    awaitRows(options, b.height);
+    std::fill(mask.begin(), mask.end(), 0);
+    if (diffArea(a, b, options.level, rows(0, a.height), mask) == 0) marked = {0, 0};
+  }
+  awaitRows(options, b.height);  // the rest reads anywhere
+  if (!options.layoutRegions.empty() || !options.contentRegions.empty() ||
+      !options.strictRegions.empty()) {
+    marked = {0, a.height};
+  }
   const std::pair<const std::vector<PixelRect>*, MatchLevel> regionLevels[] = {
       {&options.layoutRegions, MatchLevel::Layout},
       {&options.contentRegions, MatchLevel::Content},
@@ -380,7 +462,7 @@ CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
       const Clip c = clip(r, width, height);
       if (c.isEmpty()) continue;
       clearMask(mask, width, c);
-      diffArea(baseline, checkpoint, level, c, mask);
+      diffArea(a, b, level, c, mask);
     }
   }
   for (const FloatingRegion& f : options.floatingRegions) {
@@ -388,18 +470,27 @@ CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
   }
   for (const PixelRect& r : options.ignoreRegions) clearMask(mask, width, clip(r, width, height));
 
-  detail::Clusters clusters =
-      detail::cluster(mask.data(), width, static_cast<int>(width), static_cast<int>(height), 0, 0);
-  result.differingPixels = clusters.counted;
-  result.differences = std::move(clusters.boxes);
+  if (marked.first < marked.second) {
+    detail::Clusters clusters =
+        detail::cluster(&mask[static_cast<std::size_t>(marked.first) * width], width,
+                        static_cast<int>(width), marked.second - marked.first, 0, marked.first);
+    result.differingPixels = clusters.counted;
+    result.differences = std::move(clusters.boxes);
+  }
 
   for (const FloatingRegion& f : options.floatingRegions) {
     const Clip region = clip(f.rect, width, height);
-    if (region.isEmpty() || floatingFound(baseline, checkpoint, f, region)) continue;
+    if (region.isEmpty() || floatingFound(a, b, f, region)) continue;
     // Not found: the region's own differences at Strict count, and the region is one box.
-    const Span s{&baseline,      &checkpoint,     region.x0,
-                 region.y0,      region.x0,       region.y0,
-                 region.width(), region.height(), &mask[region.y0 * width + region.x0],
+    const Span s{&a,
+                 &b,
+                 region.x0,
+                 region.y0,
+                 region.x0,
+                 region.y0,
+                 region.width(),
+                 region.height(),
+                 &mask[region.y0 * width + region.x0],
                  width};
     detail::diffStrict(s, false);
     for (int y = region.y0; y < region.y1; ++y) {
@@ -420,8 +511,36 @@ CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
     result.maskWidth = width;
     result.maskHeight = height;
   }
-  releaseIfLarge(mask);
   return result;
+}
+
+Comparison::Comparison(const Image& baseline, const std::uint8_t* checkpointRgba, std::size_t width,
+                       std::size_t height, CompareOptions options, const std::uint8_t* sameRows)
+    : state_(std::make_unique<State>(
+          view(baseline),
+          Pixels{checkpointRgba, static_cast<int>(width), static_cast<int>(height), sameRows},
+          std::move(options))) {}
+
+Comparison::Comparison(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+Comparison::~Comparison() = default;
+
+void Comparison::diffReady(std::size_t finalRows) {
+  if (state_->inBands) {
+    state_->diffReady(static_cast<int>(std::min<std::size_t>(finalRows, INT_MAX)));
+  }
+}
+
+CompareResult Comparison::finish() {
+  return state_->finish();
+}
+
+namespace {
+
+// The comparison proper, on pixels that may live in an Image or in a decoding buffer.
+CompareResult compareViews(const Pixels& baseline, const Pixels& checkpoint,
+                           const CompareOptions& options) {
+  return Comparison(std::make_unique<Comparison::State>(baseline, checkpoint, options)).finish();
 }
 
 }  // namespace

@@ -196,6 +196,38 @@ CompareResult compareDecoding(const Image& baseline, const std::uint8_t* checkpo
                               std::size_t width, std::size_t height, const CompareOptions& options,
                               const std::uint8_t* sameRows = nullptr);
 
+/// A comparison of a checkpoint being decoded whose pass over the whole image can be shared
+/// with the threads that decode it: between their pieces of decoding they call diffReady() to
+/// compare the bands of rows that are final, while those rows are still in their caches, and
+/// finish() compares what is left and settles the result. compareDecoding is the same with
+/// every band left to finish().
+class Comparison {
+ public:
+  /// As compareDecoding; the pixels, `sameRows` and what `options` refers to must stay until
+  /// finish() has returned.
+  Comparison(const Image& baseline, const std::uint8_t* checkpointRgba, std::size_t width,
+             std::size_t height, CompareOptions options, const std::uint8_t* sameRows = nullptr);
+  ~Comparison();
+  Comparison(const Comparison&) = delete;
+  Comparison& operator=(const Comparison&) = delete;
+
+  /// Compares the bands of rows that no thread has taken yet and that lie, with the neighbours
+  /// they read, within the checkpoint's first `finalRows` rows; never waits. Any number of
+  /// threads may call it at once, but none once finish() has begun.
+  void diffReady(std::size_t finalRows);
+  /// Compares the bands left (on up to options.threads threads, reading rows only as
+  /// options.checkpointRows allows), then the regions, and returns the result; called once.
+  /// Throws ComparisonAbandoned when the decoding gives up.
+  CompareResult finish();
+
+  /// The working state (compare.cc).
+  struct State;
+  explicit Comparison(std::unique_ptr<State> state);
+
+ private:
+  std::unique_ptr<State> state_;
+};
+
 /// Decodes two PNG files' bytes and compares them (the service's usual path). Throws
 /// Exception "InvalidImageException" for data that is not PNG.
 CompareResult comparePNG(const std::vector<std::uint8_t>& baselinePNG,

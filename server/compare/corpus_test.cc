@@ -10,6 +10,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "saffra/platform/cpu.h"
 #include "server/compare/compare.h"
@@ -121,9 +122,10 @@ TEST_P(CorpusPairs, TwoThreadsGiveTheResultOfOne) {
   }
 }
 
-// A checkpoint still being decoded: rows are handed over only when asked for, and until then
-// hold the inverse of their pixels, so a read ahead of the decoding changes the result. The
-// comparison must equal the one of the whole image, and a decoding that fails abandons it.
+// A checkpoint still being decoded: rows are handed over only when asked for (or as the
+// decoding threads go), and until then hold the inverse of their pixels, so a read ahead of the
+// decoding changes the result. The comparison must equal the one of the whole image, and a
+// decoding that fails abandons it.
 TEST_P(CorpusPairs, ComparingWhileDecodingReadsOnlyFinishedRows) {
   const std::string base = GetParam();
   const auto baseline = Image::fromPNGFile((kPairs / (base + ".png")).string());
@@ -156,6 +158,34 @@ TEST_P(CorpusPairs, ComparingWhileDecodingReadsOnlyFinishedRows) {
       EXPECT_EQ(pieced.differingPixels, whole.differingPixels) << kind;
       EXPECT_EQ(pieced.differences, whole.differences) << kind;
       EXPECT_TRUE(pieced.mask == whole.mask) << kind;
+
+      // Threads that publish rows themselves and, in between, compare the bands that are final,
+      // as the threads decoding a file band by band do.
+      for (std::size_t i = 0; i < decoding.size(); ++i) decoding[i] = ~other->pixels()[i];
+      handedOver = 0;
+      options.checkpointRows = [](int) { return true; };
+      Comparison shared(*baseline, decoding.data(), other->width(), other->height(), options);
+      const auto decode = [&] {
+        for (;;) {
+          std::size_t rows = 0;
+          {
+            std::lock_guard lock(mutex);
+            if (handedOver == other->height()) return;
+            const std::size_t upTo = std::min(handedOver + 37, other->height());
+            std::memcpy(&decoding[handedOver * rowBytes], other->data() + handedOver * rowBytes,
+                        (upTo - handedOver) * rowBytes);
+            rows = handedOver = upTo;
+          }
+          shared.diffReady(rows);
+        }
+      };
+      std::thread helper(decode);
+      decode();
+      helper.join();
+      const CompareResult alongside = shared.finish();
+      EXPECT_EQ(alongside.differingPixels, whole.differingPixels) << kind;
+      EXPECT_EQ(alongside.differences, whole.differences) << kind;
+      EXPECT_TRUE(alongside.mask == whole.mask) << kind;
 
       options.checkpointRows = [&](int rows) { return rows <= 300; };
       EXPECT_THROW(
