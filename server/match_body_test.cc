@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "saffra/platform/cpu.h"
 #include "server/base64.h"
 #include "server/image_cache.h"
 #include "server/service_test_support.h"
@@ -141,6 +142,54 @@ TEST(MatchBodyTest, Base64InJsonStringsDecodesAsPlainText) {
   EXPECT_FALSE(decodeBase64InJsonString("Zm9v", length)) << "no closing quote";
   EXPECT_FALSE(decodeBase64InJsonString("Zm9v\\", length)) << "cut inside an escape";
   EXPECT_FALSE(decodeBase64InJsonString(R"(Zm9v\b")", length));
+}
+
+// Lines of the client's form with one character replaced, at every place and by characters
+// of every kind (alphabet, padding, blanks, escapes, others): the vector readers give what the
+// portable plain reader gives for the string's value, read as JSON text or as plain text.
+TEST(MatchBodyTest, Base64ReadersAgreeCharacterByCharacter) {
+  std::vector<std::uint8_t> data(200);
+  for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i * 37 + 11);
+  const std::string clean = testing::base64WithLineBreaks(data);
+  const auto asJson = [](const std::string& value) {
+    std::string text;
+    for (char c : value) {
+      if (c == '\r') {
+        text += "\\r";
+      } else if (c == '\n') {
+        text += "\\n";
+      } else if (c == '\t') {
+        text += "\\t";
+      } else if (c == '/' || c == '"') {
+        text += '\\';
+        text += c;
+      } else {
+        text += c;
+      }
+    }
+    return text + "\"}";
+  };
+  for (std::size_t at = 0; at < clean.size(); ++at) {
+    for (const char c : {'A', 'z', '0', '+', '/', '=', '-', ' ', '\t', '"', '\x80', '\0'}) {
+      std::string value = clean;
+      value[at] = c;
+      const std::string text = asJson(value);
+      cpu::useBaselineKernels(true);
+      const auto expected = decodeBase64(value);
+      for (const bool baseline : {true, false}) {
+        cpu::useBaselineKernels(baseline);
+        std::size_t length = 0;
+        const auto quick = decodeBase64InJsonString(text, length);
+        ASSERT_EQ(quick, expected) << "at " << at << " " << int(c) << " " << baseline;
+        ASSERT_EQ(decodeBase64(value), expected) << "at " << at << " " << int(c) << " " << baseline;
+        if (quick) {
+          ASSERT_EQ(length, text.size() - 2);
+        }
+      }
+    }
+  }
+  cpu::useBaselineKernels(false);
+  ASSERT_EQ(decodeBase64(clean), data);
 }
 
 std::shared_ptr<const Image> imageOfBytes(std::size_t pixels) {
