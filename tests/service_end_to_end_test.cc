@@ -1,10 +1,13 @@
-// The library against the real local service, in-process on a free loopback port: baselines are
-// saved, compared and kept across restarts, and every outcome reaches the caller.
+// The library against the real local service, a separate `saffra serve` process on a free
+// loopback port: baselines are saved, compared and kept across restarts, and every outcome
+// reaches the caller.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -12,7 +15,7 @@
 
 #include "saffra/platform/uuid.h"
 #include "saffra/saffra.h"
-#include "server/service.h"
+#include "testing/child_process.h"
 
 namespace saffra {
 namespace {
@@ -65,16 +68,30 @@ class ServiceEndToEndTest : public ::testing::Test {
  protected:
   void SetUp() override { startService(); }
   void TearDown() override {
-    service_.reset();
+    stopService();
     std::filesystem::remove_all(data_);
   }
 
+  // `saffra serve` on a free port over the test's data folder; its first line names its address.
+  // Its log lines (one per request) stay in the pipe, whose buffer holds hundreds of them.
   void startService() {
-    server::ServiceOptions options;
-    options.dataFolder = data_;
-    options.apiKeys = {"key"};
-    service_ = std::make_unique<server::Service>(options);
-    service_->start();
+    service_ = std::make_unique<testing::ChildProcess>(
+        std::string(SAFFRA_BINARY_DIR) + "/saffra",
+        std::vector<std::string>{"serve", "--port", "0", "--data", data_.string()},
+        std::vector<std::string>{"QUORVANT_API_KEY=key"});
+    const std::string line = service_->readLine();
+    std::smatch address;
+    ASSERT_TRUE(std::regex_match(line, address,
+                                 std::regex("listening on (http://127\\.0\\.0\\.1:([0-9]+))")))
+        << line;
+    url_ = address[1].str();
+    port_ = std::stoi(address[2].str());
+  }
+  void stopService() {
+    if (service_) {
+      EXPECT_EQ(service_->stop(SIGTERM), 0);
+    }
+    service_.reset();
   }
 
   struct Run {
@@ -87,7 +104,7 @@ class ServiceEndToEndTest : public ::testing::Test {
   Run runTest(const std::vector<std::shared_ptr<CheckSettingsProtocol>>& checks,
               const std::function<void(Saffra&)>& configure = {}) {
     Saffra saffra;
-    saffra.setServerURL(service_->url());
+    saffra.setServerURL(url_);
     saffra.setApiKey("key");
     saffra.setWaitTimeoutForTesting(20);
     saffra.setMatchTimeout(0);
@@ -110,9 +127,11 @@ class ServiceEndToEndTest : public ::testing::Test {
 
   std::filesystem::path data_ =
       std::filesystem::temp_directory_path() / ("saffra-e2e-" + newUUIDString());
-  std::unique_ptr<server::Service> service_;
+  std::unique_ptr<testing::ChildProcess> service_;
+  std::string url_;
+  int port_ = 0;
   std::string testName_ = "Checkout";
-  LogCapture quiet_;  // keeps the library's and the service's lines out of the test output
+  LogCapture quiet_;  // keeps the library's lines out of the test output
 };
 
 TEST_F(ServiceEndToEndTest, NewTestSavesItsBaselineAndARerunPasses) {
@@ -133,7 +152,7 @@ TEST_F(ServiceEndToEndTest, NewTestSavesItsBaselineAndARerunPasses) {
   EXPECT_EQ(second.results->matches(), 2);
   EXPECT_EQ(second.results->mismatches(), 0);
   ASSERT_TRUE(second.results->url());
-  EXPECT_EQ(second.results->url()->rfind(service_->url(), 0), 0u) << *second.results->url();
+  EXPECT_EQ(second.results->url()->rfind(url_, 0), 0u) << *second.results->url();
 }
 
 TEST_F(ServiceEndToEndTest, ChangedImageIsUnresolvedUnlessItsChangeIsIgnored) {
@@ -210,7 +229,7 @@ TEST_F(ServiceEndToEndTest, StepsLeftOutAreMissing) {
 TEST_F(ServiceEndToEndTest, AbortedSessionSavesNothing) {
   {
     Saffra saffra;
-    saffra.setServerURL(service_->url());
+    saffra.setServerURL(url_);
     saffra.setApiKey("key");
     saffra.setWaitTimeoutForTesting(20);
     saffra.openWithApplicationName("Shop", testName_);
@@ -224,7 +243,7 @@ TEST_F(ServiceEndToEndTest, AbortedSessionSavesNothing) {
 
 TEST_F(ServiceEndToEndTest, BaselinesSurviveARestart) {
   runImages({basePage().image()});
-  service_->stop();
+  stopService();
   startService();  // same data folder, new port
   Run rerun = runImages({basePage().image()});
   EXPECT_FALSE(rerun.newSession);
@@ -240,9 +259,9 @@ TEST_F(ServiceEndToEndTest, AChangeAcceptedOnTheResultsPagePassesNextTime) {
   Run run = runImages({changed});
   ASSERT_TRUE(run.results && run.results->url());
   EXPECT_EQ(run.results->status(), TestResultsStatusUnresolved);
-  std::string page = run.results->url()->substr(service_->url().size());
+  std::string page = run.results->url()->substr(url_.size());
 
-  httplib::Client browser("127.0.0.1", service_->port());
+  httplib::Client browser("127.0.0.1", port_);
   httplib::Headers html = {{"Accept", "text/html"}};
   auto redirected = browser.Get(page.c_str(), html);
   ASSERT_TRUE(redirected);
