@@ -503,35 +503,33 @@ struct Service::Impl {
     const bool sameAsBaseline = baseline && baseline->image == imageId;
     const bool ignoreMatch = boolAt(options, "ignoreMatch");
     const bool ignoreMismatch = boolAt(options, "ignoreMismatch");
-    // A step recorded whatever its verdict has a new upload written (and flushed to disk) while
-    // the comparison runs; the file is complete before the step's row refers to it.
-    std::future<std::string> written;
+    // A step recorded whatever its verdict has a new upload written and flushed to disk under
+    // a temporary name on a thread of its own while it is decoded and compared, so the disk's
+    // latency hides behind that work. The file is stored only once the upload proved a valid
+    // image, before the step's row refers to it; otherwise it is removed.
+    std::future<std::unique_ptr<Store::PendingImage>> written;
+    if (!sameAsBaseline && !ignoreMatch && !ignoreMismatch && !store->hasImage(imageId)) {
+      try {
+        written = std::async(std::launch::async, [&] { return store->writeImage(png, imageId); });
+      } catch (const std::system_error&) {
+        // No thread to spare: the file is written after the comparison instead.
+      }
+    }
     std::shared_ptr<const Image> current;
     DecodedImage baselinePixels;
     if (sameAsBaseline) {
       outcome.matches = true;
+    } else if (baseline) {
+      // The comparison follows the decoding.
+      baselinePixels = storedImage(baseline->image);
+      DecodedMatch match = decodeUpload(png, baselinePixels, settings, {});
+      current = std::move(match.current);
+      outcome = std::move(match.outcome);
     } else {
-      if (baseline) {
-        // The comparison follows the decoding; once the upload is known to be a valid image,
-        // its file is written while the comparison finishes.
-        const auto write = [&] {
-          if (ignoreMatch || ignoreMismatch || store->hasImage(imageId)) return;
-          try {
-            written = std::async(std::launch::async, [&] { return store->putImage(png, imageId); });
-          } catch (const std::system_error&) {
-            // No thread to spare: the file is written after the comparison instead.
-          }
-        };
-        baselinePixels = storedImage(baseline->image);
-        DecodedMatch match = decodeUpload(png, baselinePixels, settings, write);
-        current = std::move(match.current);
-        outcome = std::move(match.outcome);
-      } else {
-        current = decodeUpload(png);
-        // Steps of a new test become its proposed baseline; a step beyond an existing baseline
-        // is new and needs approval.
-        outcome.matches = session->isNew;
-      }
+      current = decodeUpload(png);
+      // Steps of a new test become its proposed baseline; a step beyond an existing baseline
+      // is new and needs approval.
+      outcome.matches = session->isNew;
     }
     if (baseline) step.baselineImage = baseline->image;
     if (boolAt(options, "forceMatch")) outcome.matches = true;
@@ -541,7 +539,7 @@ struct Service::Impl {
     // A mismatch sent with ignoreMismatch is a retry that a later attempt replaces.
     const bool record = outcome.matches ? !ignoreMatch : !ignoreMismatch;
     if (record) {
-      step.currentImage = written.valid() ? written.get() : store->putImage(png, imageId);
+      step.currentImage = written.valid() ? written.get()->keep() : store->putImage(png, imageId);
       if (baselinePixels.image) {
         if (std::shared_ptr<Image> diff = diffImage(*baselinePixels.image, outcome)) {
           step.diffImage = store->putImage(diff->pngData());

@@ -2,6 +2,8 @@
 // what the service has stored.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "saffra/images/logger.h"
 #include "server/service_test_support.h"
 
@@ -133,6 +135,14 @@ TEST_F(ServiceFaultsTest, BrokenUploadsAreJudgedAfterTheirSession) {
     Reply reply = harness_.match(c.session, matchBody(c.png, "broken"));
     EXPECT_EQ(reply.status, c.status) << c.label << " " << reply.raw;
   }
+  // Uploads are written while they are checked; a broken one leaves no file behind.
+  std::size_t images = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder_.path())) {
+    if (!entry.is_regular_file()) continue;
+    EXPECT_NE(entry.path().filename().string().rfind(".tmp-", 0), 0u) << entry.path();
+    if (entry.path().extension() == ".png") ++images;
+  }
+  EXPECT_EQ(images, 1u);  // the baseline's image
   expectStoredDataIntact();
 }
 

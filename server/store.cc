@@ -237,10 +237,11 @@ std::string sha256Hex(std::span<const std::uint8_t> bytes) {
 
 // Writes the bytes to `path` through a temporary file in the same folder, flushed to disk
 // before the rename makes it visible.
-void writeFileAtomically(const fs::path& path, std::span<const std::uint8_t> bytes) {
-  fs::path temporary = path.parent_path() / (".tmp-" + newUUIDString());
-  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) throw StoreError("cannot create " + temporary.string() + ": " + std::strerror(errno));
+// Writes `bytes` to a new file at `path` and flushes it to disk. Throws StoreError, leaving no
+// file behind.
+void writeFlushed(const fs::path& path, std::span<const std::uint8_t> bytes) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) throw StoreError("cannot create " + path.string() + ": " + std::strerror(errno));
   const std::uint8_t* p = bytes.data();
   std::size_t left = bytes.size();
   bool ok = true;
@@ -254,10 +255,23 @@ void writeFileAtomically(const fs::path& path, std::span<const std::uint8_t> byt
     }
   }
   ok = ok && ::fsync(fd) == 0;
-  int error = errno;
+  const int error = errno;
   ::close(fd);
-  if (!ok || ::rename(temporary.c_str(), path.c_str()) != 0) {
-    if (ok) error = errno;
+  if (!ok) {
+    ::unlink(path.c_str());
+    throw StoreError("cannot write " + path.string() + ": " + std::strerror(error));
+  }
+}
+
+// A name beside `path` for its contents while they are written.
+fs::path temporaryBeside(const fs::path& path) {
+  return path.parent_path() / (".tmp-" + newUUIDString());
+}
+
+// Moves a written file to `path` in one step, so readers see the whole file or none.
+void publish(const fs::path& temporary, const fs::path& path) {
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int error = errno;
     ::unlink(temporary.c_str());
     throw StoreError("cannot write " + path.string() + ": " + std::strerror(error));
   }
@@ -417,15 +431,36 @@ std::string Store::putImage(std::span<const std::uint8_t> png) {
 }
 
 std::string Store::putImage(std::span<const std::uint8_t> png, const std::string& id) {
+  if (hasImage(id)) return id;
+  return writeImage(png, id)->keep();
+}
+
+Store::PendingImage::PendingImage(fs::path temporary, fs::path path, std::string id)
+    : temporary_(std::move(temporary)), path_(std::move(path)), id_(std::move(id)) {}
+
+Store::PendingImage::~PendingImage() {
+  if (!kept_) ::unlink(temporary_.c_str());
+}
+
+std::string Store::PendingImage::keep() {
+  if (!kept_) {
+    kept_ = true;
+    publish(temporary_, path_);
+  }
+  return id_;
+}
+
+std::unique_ptr<Store::PendingImage> Store::writeImage(std::span<const std::uint8_t> png,
+                                                       const std::string& id) {
   if (!isImageId(id)) throw StoreError("not an image id: " + id);
-  fs::path path = imagePath(id);
+  const fs::path path = imagePath(id);
   std::error_code error;
-  if (fs::exists(path, error)) return id;
   fs::create_directories(path.parent_path(), error);
   if (error)
     throw StoreError("cannot create " + path.parent_path().string() + ": " + error.message());
-  writeFileAtomically(path, png);
-  return id;
+  fs::path temporary = temporaryBeside(path);
+  writeFlushed(temporary, png);
+  return std::unique_ptr<PendingImage>(new PendingImage(std::move(temporary), path, id));
 }
 
 bool Store::hasImage(const std::string& id) const {

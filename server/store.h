@@ -125,6 +125,30 @@ class Store {
   std::string putImage(std::span<const std::uint8_t> png, const std::string& id);
   /// True when an image of this id is stored.
   bool hasImage(const std::string& id) const;
+
+  /// An image's file written and flushed to disk under a temporary name, not stored yet:
+  /// keep() stores it under its id; one not kept is removed when this goes. Lets an upload be
+  /// written while it is checked and stored only once it proved valid.
+  class PendingImage {
+   public:
+    ~PendingImage();
+    PendingImage(const PendingImage&) = delete;
+    PendingImage& operator=(const PendingImage&) = delete;
+    /// Stores the file under the image's id (replacing the same bytes written by another
+    /// request) and returns the id. Throws StoreError.
+    std::string keep();
+
+   private:
+    friend class Store;
+    PendingImage(std::filesystem::path temporary, std::filesystem::path path, std::string id);
+    std::filesystem::path temporary_, path_;
+    std::string id_;
+    bool kept_ = false;
+  };
+  /// Writes PNG bytes whose id the caller has from imageIdOf beside the stored images, not yet
+  /// stored. Throws StoreError.
+  std::unique_ptr<PendingImage> writeImage(std::span<const std::uint8_t> png,
+                                           const std::string& id);
   /// The bytes of a stored image; nothing for an unknown or malformed id.
   std::optional<std::vector<std::uint8_t>> readImage(const std::string& id) const;
 
