@@ -432,9 +432,9 @@ struct Service::Impl {
   }
   /// The same, compared with `baseline` as it is decoded.
   DecodedMatch decodeUpload(const std::vector<std::uint8_t>& png, const DecodedImage& baseline,
-                            const MatchSettings& settings, const std::function<void()>& decoded) {
+                            const MatchSettings& settings) {
     try {
-      return decodeAndMatch(*uploadPixels, png, baseline, settings, decoded);
+      return decodeAndMatch(*uploadPixels, png, baseline, settings);
     } catch (const Exception& e) {
       throw invalidUpload(e);
     }
@@ -522,7 +522,7 @@ struct Service::Impl {
     } else if (baseline) {
       // The comparison follows the decoding.
       baselinePixels = storedImage(baseline->image);
-      DecodedMatch match = decodeUpload(png, baselinePixels, settings, {});
+      DecodedMatch match = decodeUpload(png, baselinePixels, settings);
       current = std::move(match.current);
       outcome = std::move(match.outcome);
     } else {

@@ -235,8 +235,6 @@ std::string sha256Hex(std::span<const std::uint8_t> bytes) {
   return hex;
 }
 
-// Writes the bytes to `path` through a temporary file in the same folder, flushed to disk
-// before the rename makes it visible.
 // Writes `bytes` to a new file at `path` and flushes it to disk. Throws StoreError, leaving no
 // file behind.
 void writeFlushed(const fs::path& path, std::span<const std::uint8_t> bytes) {
@@ -259,20 +257,6 @@ void writeFlushed(const fs::path& path, std::span<const std::uint8_t> bytes) {
   ::close(fd);
   if (!ok) {
     ::unlink(path.c_str());
-    throw StoreError("cannot write " + path.string() + ": " + std::strerror(error));
-  }
-}
-
-// A name beside `path` for its contents while they are written.
-fs::path temporaryBeside(const fs::path& path) {
-  return path.parent_path() / (".tmp-" + newUUIDString());
-}
-
-// Moves a written file to `path` in one step, so readers see the whole file or none.
-void publish(const fs::path& temporary, const fs::path& path) {
-  if (::rename(temporary.c_str(), path.c_str()) != 0) {
-    const int error = errno;
-    ::unlink(temporary.c_str());
     throw StoreError("cannot write " + path.string() + ": " + std::strerror(error));
   }
 }
@@ -443,9 +427,13 @@ Store::PendingImage::~PendingImage() {
 }
 
 std::string Store::PendingImage::keep() {
-  if (!kept_) {
-    kept_ = true;
-    publish(temporary_, path_);
+  if (kept_) return id_;
+  kept_ = true;
+  // One rename, so readers see the whole file or none.
+  if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
+    const int error = errno;
+    ::unlink(temporary_.c_str());
+    throw StoreError("cannot write " + path_.string() + ": " + std::strerror(error));
   }
   return id_;
 }
@@ -458,7 +446,7 @@ std::unique_ptr<Store::PendingImage> Store::writeImage(std::span<const std::uint
   fs::create_directories(path.parent_path(), error);
   if (error)
     throw StoreError("cannot create " + path.parent_path().string() + ": " + error.message());
-  fs::path temporary = temporaryBeside(path);
+  fs::path temporary = path.parent_path() / (".tmp-" + newUUIDString());
   writeFlushed(temporary, png);
   return std::unique_ptr<PendingImage>(new PendingImage(std::move(temporary), path, id));
 }
