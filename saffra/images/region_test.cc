@@ -1,3 +1,4 @@
+// Regions, their filters, deep copies and the log.
 #include "saffra/images/region.h"
 
 #include <gtest/gtest.h>
@@ -5,6 +6,7 @@
 #include <cmath>
 #include <limits>
 
+#include "saffra/images/general_utils.h"
 #include "saffra/images/logger.h"
 #include "saffra/images/region_filter.h"
 
@@ -116,6 +118,37 @@ TEST(RegionFilterTest, ShiftsUpByTheStatusBarOnlyWhenCropping) {
   EXPECT_EQ(RegionFilter::filterRegion(nullptr, 20, true)->rect(), Rect(0, -20, 0, 0));
   EXPECT_EQ(RegionFilter::filterFloatingRegion(nullptr, 20, true)->top(), -20);
   EXPECT_EQ(RegionFilter::filterAccessibilityRegion(nullptr, 20, true)->top(), -20);
+}
+
+TEST(GeneralUtilsTest, DeepCopiesShareNothingWithTheirSource) {
+  using Inner = std::vector<std::string>;
+  std::vector<std::shared_ptr<Inner>> source{std::make_shared<Inner>(Inner{"a", "b"}),
+                                             std::make_shared<Inner>(Inner{"c"}), nullptr};
+  auto copy = Utility::trueMutableDeepCopyOf(source);
+  ASSERT_EQ(copy.size(), 3u);
+  copy[0]->push_back("changed");
+  (*copy[1])[0] = "changed";
+  copy.push_back(nullptr);
+  EXPECT_EQ(*source[0], (Inner{"a", "b"}));
+  EXPECT_EQ(*source[1], (Inner{"c"}));
+  EXPECT_EQ(copy[2], nullptr);
+  EXPECT_EQ(source.size(), 3u);
+
+  // Objects with copy() are copied through it; nesting of any depth is followed.
+  std::vector<std::vector<std::shared_ptr<Region>>> regions{{std::make_shared<Region>(1, 2, 3, 4)}};
+  auto regionsCopy = Utility::trueDeepCopyOf(regions);
+  regionsCopy[0][0]->setLeft(100);
+  EXPECT_EQ(regions[0][0]->left(), 1);
+  EXPECT_EQ(regionsCopy[0][0]->description(), "{{100, 2}, {3, 4}}");
+}
+
+TEST(LoggerTest, FormattedLineCarriesThePrefix) {
+  LogCapture log;
+  Logger::logWithFormat("Close batch with ID: %@", "B1");
+  Logger::log(std::nullopt);
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{"[QuorvantSaffra] Close batch with ID: B1",
+                                                   "[QuorvantSaffra] (null)"}));
+  EXPECT_TRUE(log.systemLines().empty());
 }
 
 }  // namespace

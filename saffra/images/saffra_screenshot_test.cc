@@ -1,13 +1,18 @@
-// Cropping real screenshots, the out-of-bounds failure, and saving images to disk.
+// Cropping real screenshots, the out-of-bounds failure, and saving images to disk, also as
+// debug screenshots.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
+#include "saffra/images/debug_screenshots_provider.h"
 #include "saffra/images/image_utils.h"
 #include "saffra/images/logger.h"
 #include "saffra/images/saffra_screenshot.h"
 #include "saffra/results/exceptions.h"
+#include "testing/scoped_environment.h"
 
 namespace saffra {
 namespace {
@@ -32,11 +37,10 @@ std::vector<std::uint8_t> pixelsOf(const Image& image, std::size_t x, std::size_
   return out;
 }
 
+// A fresh temporary folder, removed with all it holds at the end.
 class TempDir {
  public:
-  TempDir()
-      : path_(fs::temp_directory_path() /
-              ("saffra-images-" + std::to_string(::getpid()) + "-" + std::to_string(counter_++))) {
+  TempDir() {
     fs::remove_all(path_);
     fs::create_directories(path_);
   }
@@ -46,8 +50,29 @@ class TempDir {
 
  private:
   static inline int counter_ = 0;
-  fs::path path_;
+  fs::path path_ = fs::temp_directory_path() / ("saffra-images-" + std::to_string(::getpid()) +
+                                                "-" + std::to_string(counter_++));
 };
+
+// A temporary folder that is the documents folder while it lives.
+struct TemporaryDocuments : TempDir {
+  ScopedEnvironment environment{{{"XDG_DATA_HOME", path().string()}}};
+};
+
+std::vector<std::string> filesIn(const fs::path& folder) {
+  std::vector<std::string> names;
+  if (!fs::exists(folder)) return names;
+  for (const auto& entry : fs::directory_iterator(folder))
+    names.push_back(entry.path().filename().string());
+  return names;
+}
+
+// A time stamp of the form 2024_03_05_14_07_09_123.
+const std::string kStamp = R"(\d{4}(_\d\d){5}_\d{3})";
+
+bool isStampedName(const std::string& name, const std::string& prefix, const std::string& suffix) {
+  return std::regex_match(name, std::regex(prefix + kStamp + "_" + suffix + R"(\.png)"));
+}
 
 TEST(SaffraScreenshotTest, CropRegionScalesAndClipsToTheImage) {
   struct Case {
@@ -132,7 +157,7 @@ TEST(ImageUtilsTest, SaveCreatesFoldersAndReportsFailures) {
   ImageUtils::saveImage(image, nested);
   EXPECT_EQ(Image::fromPNGFile(nested)->pixels(), image->pixels());
   ImageUtils::saveImage(image, nested);  // overwrites
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir / "a/b/c"), fs::directory_iterator()), 1);
+  EXPECT_EQ(filesIn(dir / "a/b/c").size(), 1u);
 
   std::ofstream(dir / "file.png") << "not a folder";
   fs::create_directories(dir / "folder.png");
@@ -159,7 +184,86 @@ TEST(ImageUtilsTest, SaveCreatesFoldersAndReportsFailures) {
   }
   EXPECT_FALSE(fs::exists(dir / "absent.png"));
   // No temporary files are left behind by the failed writes.
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 3);
+  EXPECT_EQ(filesIn(dir.path()).size(), 3u);
+}
+
+TEST(DebugScreenshotsProviderTest, PathRules) {
+  TemporaryDocuments documents;
+  const std::string defaultPath = documents / "Quorvant/Screenshots";
+  DebugScreenshotsProvider provider;
+  EXPECT_EQ(DebugScreenshotsProvider::defaultPath(), defaultPath);
+  EXPECT_EQ(provider.path(), defaultPath);
+  EXPECT_EQ(provider.prefix(), "screenshot_");
+
+  const std::pair<OptString, std::string> cases[] = {{"/tmp/shots", "/tmp/shots/"},
+                                                     {"/tmp/shots/", "/tmp/shots/"},
+                                                     {std::nullopt, defaultPath},
+                                                     {"", "/"}};
+  for (const auto& [input, stored] : cases) {
+    provider.setPath(input);
+    EXPECT_EQ(provider.path(), stored) << input.value_or("(absent)");
+  }
+}
+
+TEST(DebugScreenshotsProviderTest, FileProviderWritesTimeStampedPngs) {
+  TemporaryDocuments documents;
+  const fs::path folder = documents.path() / "shots";
+  FileDebugScreenshotsProvider provider;
+  provider.setPath(folder.string() + "/");
+  provider.setPrefix("p_");
+  EXPECT_TRUE(std::regex_match(*provider.formattedTimeStamp(), std::regex(kStamp)));
+
+  auto image = phonePiece();
+  provider.save(image, "original screenshot");
+  auto names = filesIn(folder);
+  ASSERT_EQ(names.size(), 1u);
+  EXPECT_TRUE(isStampedName(names[0], "p_", "original screenshot")) << names[0];
+  EXPECT_EQ(Image::fromPNGFile((folder / names[0]).string())->pixels(), image->pixels());
+
+  provider.setDateFromatter(nullptr);
+  EXPECT_FALSE(provider.formattedTimeStamp());
+  provider.save(image, "scaled");
+  EXPECT_TRUE(fs::exists(folder / "p_(null)_scaled.png"));
+}
+
+TEST(DebugScreenshotsProviderTest, DefaultPathWithoutSwitchGluesThePrefixToTheFolderName) {
+  TemporaryDocuments documents;
+  // A provider given the default path directly, not through setPath, has no final separator.
+  FileDebugScreenshotsProvider provider;
+  provider.save(phonePiece(), "scaled");
+  auto names = filesIn(documents / "Quorvant");
+  ASSERT_EQ(names.size(), 1u);
+  EXPECT_TRUE(isStampedName(names[0], "Screenshotsscreenshot_", "scaled")) << names[0];
+
+  // After a switch (prefix and path handed over through the setters) the folder is used.
+  FileDebugScreenshotsProvider switched;
+  switched.setPrefix(provider.prefix());
+  switched.setPath(provider.path());
+  switched.save(phonePiece(), "scaled");
+  EXPECT_EQ(filesIn(documents / "Quorvant/Screenshots").size(), 1u);
+}
+
+TEST(DebugScreenshotsProviderTest, NullProviderDropsAndFileProviderReportsFailures) {
+  TemporaryDocuments documents;
+  NullDebugScreenshotsProvider dropping;
+  dropping.setPath(documents.path().string());
+  dropping.save(phonePiece(), "scaled");
+  EXPECT_TRUE(filesIn(documents.path()).empty());
+
+  std::ofstream(documents / "blocker") << "a file where a folder should be";
+  FileDebugScreenshotsProvider provider;
+  const auto reasonFor = [&](const std::string& path) {
+    provider.setPath(path);
+    try {
+      provider.save(phonePiece(), "scaled");
+    } catch (const SaffraException& e) {
+      return e.reason();
+    }
+    return std::string("no exception");
+  };
+  const std::string reason = reasonFor(documents / "blocker/shots");
+  EXPECT_NE(reason.find("blocker/shots"), std::string::npos) << reason;
+  EXPECT_EQ(reasonFor(documents / "blocker"), "Failed to save image");
 }
 
 }  // namespace

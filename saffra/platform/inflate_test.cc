@@ -21,7 +21,7 @@ Bytes compress(const Bytes& data, int level, int strategy = Z_DEFAULT_STRATEGY) 
   z_stream z{};
   EXPECT_EQ(deflateInit2(&z, level, Z_DEFLATED, 15, 9, strategy), Z_OK);
   Bytes out(deflateBound(&z, data.size()) + 16);
-  z.next_in = const_cast<Bytes::value_type*>(data.data());
+  z.next_in = const_cast<std::uint8_t*>(data.data());
   z.avail_in = static_cast<uInt>(data.size());
   z.next_out = out.data();
   z.avail_out = static_cast<uInt>(out.size());
@@ -31,12 +31,17 @@ Bytes compress(const Bytes& data, int level, int strategy = Z_DEFAULT_STRATEGY) 
   return out;
 }
 
+// `stream` followed by the zeros the inflater may read past its end.
+Bytes padded(const Bytes& stream) {
+  Bytes bytes(stream);
+  bytes.resize(stream.size() + kInputPadding, 0);
+  return bytes;
+}
+
 // Inflates `stream` into exactly `size` bytes, with the padding and slack the inflater needs.
 bool inflateTo(const Bytes& stream, std::size_t size, Bytes& out) {
-  Bytes padded(stream);
-  padded.resize(stream.size() + kInputPadding, 0);
   out.assign(size + kOutputSlack, 0xee);
-  const bool ok = zlib(padded.data(), stream.size(), out.data(), size);
+  const bool ok = zlib(padded(stream).data(), stream.size(), out.data(), size);
   out.resize(size);
   return ok;
 }
@@ -69,21 +74,23 @@ Bytes mixedData(std::size_t size, unsigned seed) {
 // Every block type and match shape that zlib writes comes back byte for byte, whether the
 // processor's shuffle is used for short patterns or not.
 TEST(InflateTest, InflatesWhatZlibWritesExactly) {
+  const std::pair<int, int> settings[] = {{0, Z_DEFAULT_STRATEGY},
+                                          {1, Z_DEFAULT_STRATEGY},
+                                          {6, Z_DEFAULT_STRATEGY},
+                                          {9, Z_DEFAULT_STRATEGY},
+                                          {6, Z_FIXED},
+                                          {6, Z_RLE},
+                                          {6, Z_HUFFMAN_ONLY}};
   for (const bool baseline : {false, true}) {
     cpu::useBaselineKernels(baseline);
     for (unsigned seed = 1; seed <= 6; ++seed) {
       const Bytes data = mixedData(seed * 40000, seed);
-      for (const auto& [level, strategy] : std::vector<std::pair<int, int>>{{0, Z_DEFAULT_STRATEGY},
-                                                                            {1, Z_DEFAULT_STRATEGY},
-                                                                            {6, Z_DEFAULT_STRATEGY},
-                                                                            {9, Z_DEFAULT_STRATEGY},
-                                                                            {6, Z_FIXED},
-                                                                            {6, Z_RLE},
-                                                                            {6, Z_HUFFMAN_ONLY}}) {
+      for (const auto& [level, strategy] : settings) {
+        SCOPED_TRACE(::testing::Message()
+                     << "seed " << seed << " level " << level << " strategy " << strategy);
         Bytes out;
-        ASSERT_TRUE(inflateTo(compress(data, level, strategy), data.size(), out))
-            << "seed " << seed << " level " << level << " strategy " << strategy;
-        ASSERT_EQ(out, data) << "seed " << seed << " level " << level << " strategy " << strategy;
+        ASSERT_TRUE(inflateTo(compress(data, level, strategy), data.size(), out));
+        ASSERT_EQ(out, data);
       }
     }
   }
@@ -126,12 +133,21 @@ TEST(InflateTest, RefusesDamagedStreamsAndWrongSizes) {
     garbage[0] = 0x78, garbage[1] = 0x9c;
     EXPECT_FALSE(inflateTo(garbage, 1000, out));
   }
-  Bytes dictionary = stream;
+  Bytes dictionary = stream, header = stream;
   dictionary[1] = 0xbb;  // 0x78bb: the preset-dictionary flag, header check still valid
-  EXPECT_FALSE(inflateTo(dictionary, data.size(), out));
-  Bytes header = stream;
   header[1] ^= 1;
+  EXPECT_FALSE(inflateTo(dictionary, data.size(), out));
   EXPECT_FALSE(inflateTo(header, data.size(), out));
+}
+
+// Advances `s` by `step` bytes at a time (releasing all output first when `release`) until it
+// finishes, at most 1000 times; true when a step failed.
+bool failsOnSomeStep(Stream& s, std::size_t step, bool release) {
+  for (int k = 0; k < 1000 && !s.finished(); ++k) {
+    if (release) s.release(s.produced());
+    if (!s.advance(s.produced() + step)) return true;
+  }
+  return false;
 }
 
 // Piece by piece, in steps of any size, the stream gives the same bytes and the same checks:
@@ -139,13 +155,11 @@ TEST(InflateTest, RefusesDamagedStreamsAndWrongSizes) {
 // failed.
 TEST(InflateTest, InflatesPieceByPieceLikeAllAtOnce) {
   const Bytes data = mixedData(200000, 9);
-  const Bytes stream = compress(data, 6);
-  Bytes padded(stream);
-  padded.resize(stream.size() + kInputPadding, 0);
+  const Bytes stream = compress(data, 6), input = padded(stream);
   std::mt19937 random(5);
   for (const std::size_t step : {1ul, 100ul, 4096ul, 65536ul, 1000000ul}) {
     Bytes out(data.size() + kOutputSlack);
-    Stream s(padded.data(), stream.size(), out.data(), data.size());
+    Stream s(input.data(), stream.size(), out.data(), data.size());
     std::size_t produced = 0;
     while (!s.finished()) {
       ASSERT_TRUE(s.advance(produced + 1 + random() % step));
@@ -159,14 +173,10 @@ TEST(InflateTest, InflatesPieceByPieceLikeAllAtOnce) {
     EXPECT_EQ(produced, data.size());
     EXPECT_TRUE(std::equal(data.begin(), data.end(), out.begin())) << step;
   }
-  Bytes damaged = padded;
+  Bytes damaged = input, out(data.size() + kOutputSlack);
   damaged[stream.size() - 2] ^= 1;  // the checksum
-  Bytes out(data.size() + kOutputSlack);
   Stream s(damaged.data(), stream.size(), out.data(), data.size());
-  bool failed = false;
-  for (int k = 0; k < 1000 && !failed && !s.finished(); ++k)
-    failed = !s.advance(s.produced() + 5000);
-  EXPECT_TRUE(failed);
+  EXPECT_TRUE(failsOnSomeStep(s, 5000, false));
   EXPECT_FALSE(s.finished());
   EXPECT_FALSE(s.advance(data.size()));
 }
@@ -178,13 +188,11 @@ TEST(InflateTest, InflatesThroughAReusedBuffer) {
   const Bytes data = mixedData(1500000, 11);
   std::mt19937 random(7);
   for (const int level : {0, 1, 6, 9}) {
-    const Bytes stream = compress(data, level);
-    Bytes padded(stream);
-    padded.resize(stream.size() + kInputPadding, 0);
+    const Bytes stream = compress(data, level), input = padded(stream);
     for (const std::size_t step : {1000ul, 50000ul}) {
       const std::size_t capacity = kMinCapacity + 4 * step;
       Bytes buffer(capacity + kOutputSlack);
-      Stream s(padded.data(), stream.size(), buffer.data(), capacity, data.size());
+      Stream s(input.data(), stream.size(), buffer.data(), capacity, data.size());
       std::size_t checked = 0;
       while (!s.finished()) {
         ASSERT_TRUE(s.advance(checked + 1 + random() % step)) << level << " " << step;
@@ -202,29 +210,16 @@ TEST(InflateTest, InflatesThroughAReusedBuffer) {
       EXPECT_EQ(s.produced(), data.size());
       EXPECT_GT(s.offset(), 0u);
     }
-    Bytes damaged = padded;
+    Bytes damaged = input, buffer(kMinCapacity + 20000 + kOutputSlack);
     damaged[stream.size() - 1] ^= 1;  // the checksum
-    Bytes buffer(kMinCapacity + 20000 + kOutputSlack);
     Stream s(damaged.data(), stream.size(), buffer.data(), kMinCapacity + 20000, data.size());
-    bool failed = false;
-    while (!failed && !s.finished()) {
-      s.release(s.produced());
-      failed = !s.advance(s.produced() + 10000);
-    }
-    EXPECT_TRUE(failed) << level;
+    EXPECT_TRUE(failsOnSomeStep(s, 10000, true)) << level;
   }
   // A buffer with no room beyond what the stream must keep fails instead of standing still.
-  const Bytes stream = compress(data, 6);
-  Bytes padded(stream);
-  padded.resize(stream.size() + kInputPadding, 0);
+  const Bytes stream = compress(data, 6), input = padded(stream);
   Bytes buffer(kMinCapacity + kOutputSlack);
-  Stream s(padded.data(), stream.size(), buffer.data(), kMinCapacity, data.size());
-  bool failed = false;
-  for (int k = 0; k < 1000 && !failed; ++k) {
-    s.release(s.produced());
-    failed = !s.advance(s.produced() + 10000);
-  }
-  EXPECT_TRUE(failed);
+  Stream s(input.data(), stream.size(), buffer.data(), kMinCapacity, data.size());
+  EXPECT_TRUE(failsOnSomeStep(s, 10000, true));
 }
 
 }  // namespace
