@@ -1,15 +1,18 @@
-// The service connector against real loopback servers: the scripted test server (plain and TLS)
-// for the protocol and its faults, tinyproxy for proxies.
+// The service connector: the requests and proxy it hands the transport, then the connector
+// against real loopback servers: the scripted test server (plain and TLS) for the protocol and
+// its faults, tinyproxy for proxies.
 #include "saffra/service/server_connector.h"
 
 #include <gtest/gtest.h>
 #include <strings.h>
 
 #include <atomic>
+#include <cmath>
 #include <future>
 
 #include "saffra/images/logger.h"
 #include "saffra/platform/exception.h"
+#include "saffra/service/abstract_proxy_settings.h"
 #include "saffra/service/http_request_builder.h"
 #include "testing/scoped_environment.h"
 #include "testing/test_server.h"
@@ -108,6 +111,82 @@ void routeEverything(TestServer& server, const Reply& reply) {
   server.route("DELETE", "/*", reply);
 }
 
+TEST(HTTPRequestBuilderTest, BodyLengthAndExactlyTheFixedHeaders) {
+  const Headers fixed = {{"Content-Type", "application/json"}, {"Accept", "application/json"}};
+  struct Case {
+    std::optional<Json> params;
+    const char* method;
+    std::int64_t timeout;
+    std::optional<std::string> body;
+    const char* length;  // nullptr: no Content-Length
+  };
+  const Case cases[] = {
+      // "é" is two bytes in UTF-8: the length counts bytes.
+      {Json{{"startInfo", {{"appName", "Café/app"}, {"n", 1.0}}}}, "POST", 300,
+       R"({"startInfo":{"appName":"Café\/app","n":1}})", "44"},
+      {std::nullopt, "DELETE", 12, std::nullopt, nullptr},
+      // Params that cannot be written give an empty body.
+      {Json{{"scale", NAN}}, "POST", 300, "", "0"},
+  };
+  for (const auto& c : cases) {
+    HttpRequest request =
+        HTTPRequestBuilder::requestWithURL("http://h/api/sessions", c.params, c.method, c.timeout);
+    EXPECT_EQ(request.method, c.method);
+    EXPECT_EQ(request.url, "http://h/api/sessions");
+    EXPECT_EQ(request.timeoutSeconds, static_cast<double>(c.timeout));
+    EXPECT_EQ(request.body, c.body);
+    Headers expected = fixed;
+    if (c.length) expected.insert(expected.begin(), {"Content-Length", c.length});
+    EXPECT_EQ(request.headers, expected) << c.method;
+  }
+}
+
+using Proxy = AbstractProxySettings;
+
+TEST(AbstractProxySettingsTest, ProxyDictionaryAndTransportProxy) {
+  const std::pair<Proxy, const char*> cases[] = {
+      {Proxy("p", 3128), R"({"HTTPEnable":true,"HTTPPort":3128,"HTTPProxy":"p"})"},
+      {Proxy("p", 3128, "", ""), R"({"HTTPEnable":true,"HTTPPort":3128,"HTTPProxy":"p"})"},
+      {Proxy("p", 3128, "u", std::nullopt),
+       R"({"HTTPEnable":true,"HTTPPort":3128,"HTTPProxy":"p","kCFProxyUsernameKey":"u"})"},
+      {Proxy("p", 3128, "", "pw"),
+       R"({"HTTPEnable":true,"HTTPPort":3128,"HTTPProxy":"p","kCFProxyPasswordKey":"pw"})"},
+      // The host is kept as given; without a port it is 888.
+      {Proxy("http://p", "u", "pw"),
+       R"({"HTTPEnable":true,"HTTPPort":888,"HTTPProxy":"http:\/\/p","kCFProxyUsernameKey":"u",)"
+       R"("kCFProxyPasswordKey":"pw"})"},
+  };
+  for (const auto& [proxy, expected] : cases) {
+    EXPECT_EQ(json::write(connectionProxyDictionaryFromProxy(std::make_shared<Proxy>(proxy))),
+              expected);
+  }
+
+  // On to the transport's proxy: nothing unless enabled with a host.
+  auto config = proxyConfigFromDictionary(
+      connectionProxyDictionaryFromProxy(std::make_shared<Proxy>("127.0.0.1", 8899, "u", "")));
+  ASSERT_TRUE(config);
+  EXPECT_EQ(config->host, "127.0.0.1");
+  EXPECT_EQ(config->port, 8899);
+  EXPECT_EQ(config->username, "u");
+  EXPECT_EQ(config->password, std::nullopt);
+  for (const Json& off : {Json::object(), Json{{"HTTPEnable", false}, {"HTTPProxy", "h"}},
+                          Json{{"HTTPEnable", true}, {"HTTPProxy", ""}}, Json::array()}) {
+    EXPECT_FALSE(proxyConfigFromDictionary(off)) << json::write(off);
+  }
+}
+
+TEST(AbstractProxySettingsTest, AbsentHostIsRejectedNamingTheKey) {
+  for (const auto& proxy : {std::make_shared<Proxy>(std::nullopt, 80), std::shared_ptr<Proxy>()}) {
+    try {
+      connectionProxyDictionaryFromProxy(proxy);
+      FAIL() << "expected an exception";
+    } catch (const Exception& e) {
+      EXPECT_EQ(e.name(), "NSInvalidArgumentException");
+      EXPECT_NE(e.reason().find(kCFNetworkProxiesHTTPProxy), std::string::npos) << e.reason();
+    }
+  }
+}
+
 TEST(ServerConnectorTest, SendsEachCallWithItsMethodTargetHeadersAndBody) {
   ScopedEnvironment env;
   auto& server = TestServer::shared();
@@ -174,8 +253,9 @@ TEST(ServerConnectorTest, SendsEachCallWithItsMethodTargetHeadersAndBody) {
 TEST(ServerConnectorTest, ReadsEveryJsonReplyIntoItsRecordWhateverTheStatus) {
   auto& server = TestServer::shared();
   auto connector = ServerConnector::connectorWithServerURL(server.baseURL(), "k");
-  // One body that each of the three records reads something from.
+  // One body that each of the three records reads something from; also behind 4 MiB of name.
   const std::string body = R"({"id":"s-7","asExpected":true,"status":"Failed","steps":3})";
+  const std::string huge = R"({"name":")" + std::string(4 << 20, 'n') + "\"," + body.substr(1);
   struct Case {
     Reply reply;
     bool record;
@@ -183,6 +263,7 @@ TEST(ServerConnectorTest, ReadsEveryJsonReplyIntoItsRecordWhateverTheStatus) {
   const Case cases[] = {
       {Reply::json(200, body), true},
       {Reply::json(201, body), true},
+      {Reply::json(200, huge), true},
       {Reply::json(404, body), true},
       {Reply::json(500, body), true},
       {Reply::text(500, "<html><body>Internal error</body></html>"), false},
@@ -191,7 +272,7 @@ TEST(ServerConnectorTest, ReadsEveryJsonReplyIntoItsRecordWhateverTheStatus) {
       {Reply::json(201, R"({"id":"s)"), false},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.reply.status) + " " + c.reply.body);
+    SCOPED_TRACE(std::to_string(c.reply.status) + " " + c.reply.body.substr(0, 80));
     routeEverything(server, c.reply);
     auto started = start(*connector);
     auto stopped = stop(*connector, session("s-7"), false, false);
@@ -211,6 +292,7 @@ TEST(ServerConnectorTest, ReadsEveryJsonReplyIntoItsRecordWhateverTheStatus) {
     EXPECT_EQ(started.record->isNewSession(), c.reply.status == 201);
     EXPECT_EQ(stopped.record->status(), TestResultsStatusFailed);
     EXPECT_EQ(stopped.record->steps(), 3);
+    EXPECT_EQ(stopped.record->name().value_or("").size(), c.reply.body == huge ? 4u << 20 : 0u);
     EXPECT_TRUE(matched.record->asExpected());
   }
 }
@@ -253,7 +335,7 @@ TEST(ServerConnectorTest, CloseBatchCanBeSkippedAndCountsAnyReplyAsDone) {
   server.route("DELETE", "/api/sessions/batches/*", Reply::text(404, "<h1>Not Found</h1>"));
   auto connector = ServerConnector::connectorWithServerURL(server.baseURL(), "k");
   const std::pair<OptString, bool> values[] = {
-      {"true", true}, {"TRUE", true},   {"True", true}, {"yes", false},
+      {"true", true}, {"TRUE", true},   {"tRuE", true}, {"yes", false},
       {"1", false},   {" true", false}, {"", false},    {std::nullopt, false},
   };
   for (const auto& [value, skips] : values) {
@@ -261,28 +343,18 @@ TEST(ServerConnectorTest, CloseBatchCanBeSkippedAndCountsAnyReplyAsDone) {
     ScopedEnvironment env({{"QUORVANT_DONT_CLOSE_BATCHES", value}});
     LogCapture log;
     server.clearRequests();
-    if (skips) {
-      // Called back before the call returns, on the caller's thread, without any request.
-      bool called = false;
-      std::optional<Error> error{Error{}};
-      connector->closeBatchWithId("b-1", [&](std::optional<Error> e) {
-        called = true;
-        error = e;
-      });
-      EXPECT_TRUE(called);
-      EXPECT_FALSE(error);
-      EXPECT_TRUE(log.contains(
-          "QUORVANT_DONT_CLOSE_BATCHES environment variable set to true. Skipping batch close."));
-      EXPECT_TRUE(server.requests().empty());
-    } else {
-      auto outcome = close(*connector, "b-1");
-      EXPECT_FALSE(outcome.error);
-      EXPECT_TRUE(outcome.onWorkerThread);
-      EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                                 "[QuorvantSaffra] Close batch with ID: b-1",
-                                 "[QuorvantSaffra] delete batch is done with 404 status"}));
-      EXPECT_EQ(server.requests().size(), 1u);
-    }
+    // A skipped close calls back at once on the caller's thread, without any request.
+    auto outcome = close(*connector, "b-1");
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.onWorkerThread, !skips);
+    using Lines = std::vector<std::string>;
+    const Lines expected =
+        skips ? Lines{"[QuorvantSaffra] QUORVANT_DONT_CLOSE_BATCHES environment variable set to "
+                      "true. Skipping batch close."}
+              : Lines{"[QuorvantSaffra] Close batch with ID: b-1",
+                      "[QuorvantSaffra] delete batch is done with 404 status"};
+    EXPECT_EQ(log.lines(), expected);
+    EXPECT_EQ(server.requests().size(), skips ? 0u : 1u);
   }
 }
 
@@ -342,18 +414,6 @@ TEST(ServerConnectorTest, TransportFaultsReachTheHandlerAsErrors) {
   EXPECT_EQ(actual->code, expected->code);
   EXPECT_EQ(actual->localizedDescription.substr(0, 30),
             expected->localizedDescription.substr(0, 30));
-}
-
-TEST(ServerConnectorTest, ReadsHugeReplies) {
-  auto& server = TestServer::shared();
-  std::string name(4 << 20, 'n');
-  server.route("DELETE", "/api/sessions/running/*",
-               Reply::json(200, R"({"name":")" + name + R"(","steps":2})"));
-  auto stopped = stop(*ServerConnector::connectorWithServerURL(server.baseURL(), "k"), session("s"),
-                      false, false);
-  ASSERT_TRUE(stopped.record);
-  EXPECT_EQ(stopped.record->name(), name);
-  EXPECT_EQ(stopped.record->steps(), 2);
 }
 
 TEST(ServerConnectorTest, AcceptsSelfSignedServers) {

@@ -1,9 +1,10 @@
+// The records sent to the service: session start info with its environment, and match data.
 #include "saffra/service/session_start_info.h"
 
 #include <gtest/gtest.h>
 
 #include "saffra/platform/exception.h"
-#include "saffra/service/running_session.h"
+#include "saffra/service/match_window_data.h"
 #include "testing/scoped_environment.h"
 
 namespace saffra {
@@ -34,121 +35,151 @@ std::shared_ptr<SessionStartInfo> startInfo(const OptString& branch, const OptSt
   return info;
 }
 
-const char* kSettings =
+std::shared_ptr<Options> options(const OptString& name, const OptString& source) {
+  auto settings = std::make_shared<ImageMatchSettings>(MatchLevelContent);
+  settings->setIgnoredRegions({std::make_shared<Region>(1, 2, 3, 4)});
+  return std::make_shared<Options>(name, true, false, false, false, settings, source);
+}
+
+const char* kDefaultSettings =
     R"({"matchLevel":"Strict","accessibilityLevel":"None","ignoreCaret":false,)"
     R"("IgnoreDisplacements":false,"enablePatterns":false,"Ignore":[],"Layout":[],)"
     R"("Strict":[],"Content":[],"Floating":[],"accessibility":[]})";
+const std::string kHead =
+    R"({"appIdOrName":"Shop","scenarioIdOrName":"login",)"
+    R"("batchInfo":{"name":"nightly","startedAt":"2024-03-05T13:07:09Z","id":"B-1"},)";
 
-TEST(SessionStartInfoTest, WireFormWithBranchesPropertiesAndBatch) {
+const char* kContentSettings =
+    R"({"matchLevel":"Content","accessibilityLevel":"None","ignoreCaret":false,)"
+    R"("IgnoreDisplacements":false,"enablePatterns":false,)"
+    R"("Ignore":[{"left":1,"top":2,"width":3,"height":4}],"Layout":[],)"
+    R"("Strict":[],"Content":[],"Floating":[],"accessibility":[]})";
+
+TEST(SessionStartInfoTest, WireForm) {
   ScopedEnvironment env({{"TZ", "UTC0"}});
   auto info = startInfo("b1", "p1", "base1", "env-1");
   info->addProperty(std::make_shared<StartSessionProperty>("locale", "de_CH"));
   info->addProperty(std::make_shared<StartSessionProperty>("locale", "de_CH"));
-
   EXPECT_EQ(
       json::write(info->dictionary()),
-      std::string(R"({"appIdOrName":"Shop","scenarioIdOrName":"login",)"
-                  R"("batchInfo":{"name":"nightly","startedAt":"2024-03-05T13:07:09Z","id":"B-1"},)"
-                  R"("environment":{"displaySize":{"width":393,"height":852.5},)"
-                  R"j("os":"iOS 17.2","hostingApp":"Shop","OSInfo":"iOS 17.2 (21C62)",)j"
-                  R"("HostingAppInfo":"Shop 4.1","DeviceInfo":"iPhone 15"},)"
-                  R"("defaultMatchSettings":)") +
-          kSettings +
+      kHead +
+          R"("environment":{"displaySize":{"width":393,"height":852.5},)"
+          R"j("os":"iOS 17.2","hostingApp":"Shop","OSInfo":"iOS 17.2 (21C62)",)j"
+          R"("HostingAppInfo":"Shop 4.1","DeviceInfo":"iPhone 15"},)"
+          R"("defaultMatchSettings":)" +
+          kDefaultSettings +
           R"(,"agentId":"saffra.images\/1.0.0","saveDiffs":true,)"
           R"("properties":[{"name":"locale","value":"de_CH"},{"name":"locale","value":"de_CH"}],)"
           R"("sessionType":"SEQUENTIAL","branchName":"b1","parentBranchName":"b1",)"
           R"("baselineBranchName":"b1","baselineEnvName":"env-1"})");
-}
 
-TEST(SessionStartInfoTest, WireFormWithoutBranchesHasTheNineBaseKeys) {
-  ScopedEnvironment env({{"TZ", "UTC0"}});
+  // Without branches (absent or empty) only the nine base keys are written.
   for (const OptString& none : {OptString(), OptString("")}) {
-    auto info = startInfo(none, none, none, none);
+    info = startInfo(none, none, none, none);
     info->setAppEnv(std::make_shared<AppEnvironment>("", "", "", "", "", Size{}));
     EXPECT_EQ(json::write(info->dictionary()),
-              std::string(
-                  R"({"appIdOrName":"Shop","scenarioIdOrName":"login",)"
-                  R"("batchInfo":{"name":"nightly","startedAt":"2024-03-05T13:07:09Z","id":"B-1"},)"
+              kHead +
                   R"("environment":{"displaySize":{"width":0,"height":0}},)"
-                  R"("defaultMatchSettings":)") +
-                  kSettings +
+                  R"("defaultMatchSettings":)" +
+                  kDefaultSettings +
                   R"(,"agentId":"saffra.images\/1.0.0","saveDiffs":true,"properties":[],)"
                   R"("sessionType":"SEQUENTIAL"})");
   }
-}
 
-TEST(SessionStartInfoTest, BranchEntriesFollowTheirOwnFieldsButCarryTheBranchName) {
   // Presence is decided by each entry's own field; the value is always the branch name.
-  auto info = startInfo("", "p1", std::nullopt);
-  Json d = info->dictionary();
+  Json d = startInfo("", "p1", std::nullopt)->dictionary();
   EXPECT_FALSE(d.contains("branchName"));
   EXPECT_EQ(d["parentBranchName"], "");
   EXPECT_FALSE(d.contains("baselineBranchName"));
-
-  info = startInfo("b1", std::nullopt, "base1");
-  d = info->dictionary();
+  d = startInfo("b1", std::nullopt, "base1")->dictionary();
   EXPECT_EQ(d["branchName"], "b1");
   EXPECT_FALSE(d.contains("parentBranchName"));
   EXPECT_EQ(d["baselineBranchName"], "b1");
 }
 
-TEST(SessionStartInfoTest, AbsentValuesFailNamingTheKey) {
+TEST(MatchWindowDataTest, WireForm) {
   struct Case {
-    const char* key;
-    std::function<void(SessionStartInfo&)> spoil;
+    OptString title;
+    OptString tag;
+    OptString source;
+    std::string appOutput;
+    std::string tagText;
+    std::string sourceText;
   };
   const Case cases[] = {
-      {"appIdOrName", [](SessionStartInfo& i) { i.setAppName(std::nullopt); }},
-      {"scenarioIdOrName", [](SessionStartInfo& i) { i.setTestName(std::nullopt); }},
-      {"batchInfo", [](SessionStartInfo& i) { i.setBatchInfo(nullptr); }},
-      {"environment", [](SessionStartInfo& i) { i.setAppEnv(nullptr); }},
-      {"agentId", [](SessionStartInfo& i) { i.setAgentId(std::nullopt); }},
-      {"parentBranchName", [](SessionStartInfo& i) { i.setBranchName(std::nullopt); }},
-      {"value",
-       [](SessionStartInfo& i) {
-         i.addProperty(std::make_shared<StartSessionProperty>("n", std::nullopt));
-       }},
+      {"Cart", "t1", "app", R"({"screenshot64":"iVBORw0K\r\nAAAA","title":"Cart"})", "t1", "app"},
+      {"", "", "", R"({"screenshot64":"iVBORw0K\r\nAAAA"})", "", ""},
+      {std::nullopt, std::nullopt, std::nullopt, R"({"screenshot64":"iVBORw0K\r\nAAAA"})", "", ""},
   };
   for (const auto& c : cases) {
-    auto info = startInfo("b1", "p1", std::nullopt);
-    c.spoil(*info);
-    try {
+    auto output = std::make_shared<AppOutput>(c.title, "iVBORw0K\r\nAAAA");
+    MatchWindowData data(output, c.tag, options("t1", c.source));
+    EXPECT_EQ(json::write(data.dictionary()),
+              R"({"appOutput":)" + c.appOutput + R"(,"tag":")" + c.tagText +
+                  R"(","options":{"name":"t1","ignoreMismatch":true,"ignoreMatch":false,)"
+                  R"("forceMismatch":false,"forceMatch":false,"imageMatchSettings":)" +
+                  kContentSettings + R"(,"source":")" + c.sourceText + R"("}})")
+        << c.tagText;
+  }
+  EXPECT_EQ(json::write(AppOutput("", std::nullopt).dictionary()), "{}");
+}
+
+TEST(RequestRecordsTest, AbsentValuesFailNamingTheKey) {
+  auto output = std::make_shared<AppOutput>("t", "x");
+  auto spoiled = [](std::function<void(SessionStartInfo&)> spoil) {
+    return [spoil] {
+      auto info = startInfo("b1", "p1", std::nullopt);
+      spoil(*info);
       info->dictionary();
-      ADD_FAILURE() << c.key << " did not fail";
+    };
+  };
+  const std::pair<const char*, std::function<void()>> cases[] = {
+      {"appIdOrName", spoiled([](SessionStartInfo& i) { i.setAppName(std::nullopt); })},
+      {"scenarioIdOrName", spoiled([](SessionStartInfo& i) { i.setTestName(std::nullopt); })},
+      {"batchInfo", spoiled([](SessionStartInfo& i) { i.setBatchInfo(nullptr); })},
+      {"environment", spoiled([](SessionStartInfo& i) { i.setAppEnv(nullptr); })},
+      {"agentId", spoiled([](SessionStartInfo& i) { i.setAgentId(std::nullopt); })},
+      {"parentBranchName", spoiled([](SessionStartInfo& i) { i.setBranchName(std::nullopt); })},
+      {"value", spoiled([](SessionStartInfo& i) {
+         i.addProperty(std::make_shared<StartSessionProperty>("n", std::nullopt));
+       })},
+      {"name", [&] { MatchWindowData(output, "t1", options(std::nullopt, "")).dictionary(); }},
+      {"imageMatchSettings",
+       [] { Options("t1", false, false, false, false, nullptr, "").dictionary(); }},
+      {"appOutput", [] { MatchWindowData(nullptr, "t1", options("t1", "")).dictionary(); }},
+      {"options", [&] { MatchWindowData(output, "t1", nullptr).dictionary(); }},
+      {"screenshot", [] { MatchResult().dictionary(); }},
+  };
+  for (const auto& [key, build] : cases) {
+    try {
+      build();
+      ADD_FAILURE() << key << " did not fail";
     } catch (const Exception& e) {
       EXPECT_EQ(e.name(), "NSInvalidArgumentException");
-      EXPECT_EQ(e.reason(), std::string("object cannot be nil (key: ") + c.key + ")");
+      EXPECT_EQ(e.reason(), std::string("object cannot be nil (key: ") + key + ")");
     }
   }
-
   SessionStartInfo fresh;
-  EXPECT_TRUE(fresh.properties().empty());
   EXPECT_THROW(fresh.dictionary(), Exception);
   EXPECT_THROW(fresh.addProperty(nullptr), Exception);
 }
 
-TEST(SessionStartInfoTest, SetupSharesObjectsAndKeepsProperties) {
+TEST(SessionStartInfoTest, SetupAgainSharesObjectsAndKeepsProperties) {
   auto info = startInfo("b1", std::nullopt, std::nullopt);
-  auto property = std::make_shared<StartSessionProperty>("k", "v");
-  info->addProperty(property);
-
+  info->addProperty(std::make_shared<StartSessionProperty>("k", "v"));
   auto env = phone();
   auto b = batch();
   auto settings = std::make_shared<ImageMatchSettings>(MatchLevelLayout);
   info->setupWithAgentId("a", SessionTypeProgression, "App2", "t2", std::nullopt, env, b,
                          std::nullopt, std::nullopt, std::nullopt, false, settings);
-  EXPECT_EQ(info->appEnv(), env);
-  EXPECT_EQ(info->batchInfo(), b);
-  EXPECT_EQ(info->defaultMatchSettings(), settings);
-  ASSERT_EQ(info->properties().size(), 1u);
-  EXPECT_EQ(info->properties()[0], property);
-  EXPECT_FALSE(info->branchName().has_value());
-
+  EXPECT_TRUE(info->appEnv() == env && info->batchInfo() == b);
   // A settings object changed after setup is sent as it is then.
   settings->setMatchLevel(MatchLevelExact);
   Json d = info->dictionary();
   EXPECT_EQ(d["defaultMatchSettings"]["matchLevel"], "Exact");
   EXPECT_EQ(d["sessionType"], "PROGRESSION");
+  EXPECT_EQ(json::write(d["properties"]), R"([{"name":"k","value":"v"}])");
+  EXPECT_FALSE(d.contains("branchName"));
 }
 
 TEST(AppEnvironmentTest, Description) {
@@ -161,33 +192,6 @@ TEST(AppEnvironmentTest, Description) {
             "[hostOS = ? hostApp = ? osInfo = ? hostingAppInfo = ? deviceInfo = ? "
             "displaySize = 0.000000x0.000000]");
   EXPECT_EQ(json::write(inferred.dictionary()), R"({"displaySize":{"width":0,"height":0}})");
-}
-
-TEST(RunningSessionTest, ReadsIdAndUrlAsTheyArrive) {
-  struct Case {
-    const char* reply;
-    bool hasId;
-    const char* idText;
-    OptString url;
-  };
-  const Case cases[] = {
-      {R"({"id":"abc","url":"u","isNew":true,"extra":{"x":1}})", true, "abc", "u"},
-      {R"({"id":12345678901234,"url":"https:\/\/s\/12"})", true, "12345678901234", "https://s/12"},
-      {R"({"id":-7})", true, "-7", std::nullopt},
-      {R"({"url":"u"})", false, "(null)", "u"},
-      {R"({"id":null})", true, "<null>", std::nullopt},
-      {R"({"id":["a"],"url":{"x":1}})", true, "(\n    a\n)", std::nullopt},
-      {R"([1,2])", false, "(null)", std::nullopt},
-  };
-  for (const auto& c : cases) {
-    RunningSession session(*json::parse(c.reply));
-    EXPECT_EQ(session.sessionId().has_value(), c.hasId) << c.reply;
-    EXPECT_EQ(session.sessionIdText(), c.idText) << c.reply;
-    EXPECT_EQ(session.url(), c.url) << c.reply;
-    EXPECT_FALSE(session.isNewSession());
-  }
-  RunningSession numeric(*json::parse(R"({"id":42})"));
-  EXPECT_EQ(*numeric.sessionId(), Json(42));  // kept as a number, not converted
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// The records read from the service's replies: running session, match result, test results.
 #include "saffra/service/test_results.h"
 
 #include <gtest/gtest.h>
@@ -6,6 +7,8 @@
 #include <sstream>
 
 #include "saffra/images/logger.h"
+#include "saffra/service/match_window_data.h"
+#include "saffra/service/running_session.h"
 
 namespace saffra {
 namespace {
@@ -21,59 +24,26 @@ Json stopReply() {
   return reply.value_or(Json::object());
 }
 
-TEST(TestResultsTest, ReadsAServiceReply) {
+TEST(TestResultsTest, ReadsAServiceReplyAndWritesTheWireForm) {
   TestResults r(stopReply());
   EXPECT_EQ(r.status(), TestResultsStatusUnresolved);
-  EXPECT_EQ(r.statusString(), "Unresolved");
   EXPECT_FALSE(r.isPassed());
   EXPECT_EQ(r.url(), "https://s/api/sessions/S1");
-  EXPECT_EQ(r.appUrls()->session(), "https://s/app/sessions/S1");
-  EXPECT_EQ(r.resultsId(), "R-77");
   EXPECT_EQ(r.hostApp(), "Shop 4.1");
-  EXPECT_EQ(r.hostDisplaySize().width, 1125.300048828125);
-  EXPECT_EQ(r.hostDisplaySize().height, 2436);
   EXPECT_EQ((std::vector<std::int64_t>{r.steps(), r.matches(), r.mismatches(), r.missing(),
                                        r.strictMatches(), r.duration()}),
             (std::vector<std::int64_t>{2, 1, 1, 0, 1, 12}));
-  EXPECT_TRUE(r.isDifferent());
-
   ASSERT_TRUE(r.accessibilityStatus());
   EXPECT_EQ(r.accessibilityStatus()->status(), AccessibilityStatusFailed);
   EXPECT_EQ(r.accessibilityStatus()->level(), AccessibilityLevelAA);
-
-  const auto& settings = r.defaultMatchSettings();
-  ASSERT_TRUE(settings);
-  EXPECT_TRUE(settings->ignoreCaret());
-  EXPECT_TRUE(settings->reminder());
-  EXPECT_FALSE(settings->splitBottomHeight());
-  EXPECT_TRUE(settings->splitTopHeight());
-  EXPECT_EQ(settings->scale(), static_cast<double>(1.1f));
-  EXPECT_EQ(settings->matchLevel(), "Strict");
-  EXPECT_TRUE(settings->content() && settings->content()->empty());
-  EXPECT_FALSE(settings->layout().has_value());
-  ASSERT_EQ(settings->ignore()->size(), 1u);
-  EXPECT_EQ(*settings->ignore()->at(0), Region(1, 2, 30, 0));  // integer readings
-  EXPECT_EQ(*settings->floating()->at(0), Region(5, 6, 7, 8));
-
-  ASSERT_TRUE(r.stepsInfo());
-  ASSERT_EQ(r.stepsInfo()->size(), 2u);
-  const auto& step = r.stepsInfo()->at(0);
-  EXPECT_EQ(step->name(), "t1");
-  EXPECT_TRUE(step->hasBaselineImage());
-  EXPECT_EQ(step->apiUrls()->currentImage(), "https://s/c/1");
-  EXPECT_FALSE(step->apiUrls()->diffImage().has_value());
-  EXPECT_EQ(step->appUrls()->step(), "https://s/app/steps/1");
-  EXPECT_EQ(step->appUrls()->description(), "{\n    step = \"https://s/app/steps/1\";\n}");
-  EXPECT_FALSE(r.stepsInfo()->at(1)->appUrls()->step().has_value());
-
+  EXPECT_EQ(r.stepsInfo()->at(0)->appUrls()->description(),
+            "{\n    step = \"https://s/app/steps/1\";\n}");
   EXPECT_EQ(r.description(),
             "Existing test [ steps: 2, test name: login, matches: 1, mismatches: 1, missing: 0], "
             "URL: https://s/api/sessions/S1");
-}
 
-TEST(TestResultsTest, WritesTheWireForm) {
-  TestResults r(stopReply());
   // "appName" carries the application addresses; hostApp, url and accessibility are not sent.
+  // Region values are read as integers, the scale as a float.
   EXPECT_EQ(
       json::write(r.dictionary()),
       R"({"apiUrls":{"batch":"https:\/\/s\/api\/batches\/B1","session":"https:\/\/s\/api\/sessions\/S1"},)"
@@ -92,7 +62,6 @@ TEST(TestResultsTest, WritesTheWireForm) {
       R"("hasCurrentImage":true,"isDifferent":false,"name":"t1"},)"
       R"({"apiUrls":{"diffImage":"https:\/\/s\/d\/2"},"appUrls":{},"hasBaselineImage":true,)"
       R"("hasCurrentImage":true,"isDifferent":true,"name":"t2"}],"strictMatches":1})");
-
   // Read back, the written form loses only the name (now an addresses object) and the results
   // address (no "appUrls"); every other entry survives unchanged.
   LogCapture log;
@@ -169,16 +138,13 @@ TEST(TestResultsTest, ValuesOfTheWrongKindAreSkippedAndLogged) {
       R"({"apiUrls":"https://s","appUrls":[1],"defaultMatchSettings":[],"hostDisplaySize":5,)"
       R"("accessibilityStatus":"Passed","stepsInfo":{"name":"t1"},"appName":{"n":1},)"
       R"("steps":4,"status":"Failed","batchId":null})"));
-  EXPECT_FALSE(r.apiUrls());
-  EXPECT_FALSE(r.appUrls());
-  EXPECT_FALSE(r.defaultMatchSettings());
-  EXPECT_FALSE(r.accessibilityStatus());
-  EXPECT_FALSE(r.stepsInfo());
-  EXPECT_FALSE(r.appName());
-  EXPECT_FALSE(r.batchId());
-  EXPECT_EQ(r.hostDisplaySize(), Size());
-  EXPECT_EQ(r.steps(), 4);
   EXPECT_EQ(r.status(), TestResultsStatusFailed);
+  EXPECT_FALSE(r.accessibilityStatus() || r.appName());
+  EXPECT_EQ(json::write(r.dictionary()),
+            R"({"contentMatches":0,"duration":0,"exactMatches":0,)"
+            R"("hostDisplaySize":{"width":0,"height":0},"isAborted":false,"isDifferent":false,)"
+            R"("isNew":false,"layoutMatches":0,"matches":0,"mismatches":0,"missing":0,)"
+            R"("noneMatches":0,"status":"Failed","steps":4,"strictMatches":0})");
   for (const char* key :
        {"apiUrls", "appUrls", "defaultMatchSettings", "hostDisplaySize", "accessibilityStatus"}) {
     EXPECT_TRUE(
@@ -226,6 +192,64 @@ TEST(TestResultsTest, AccessibilityStatusReadings) {
     EXPECT_EQ(s.status(), c.status) << c.reply;
     EXPECT_EQ(s.level(), c.level) << c.reply;
   }
+}
+
+TEST(RunningSessionTest, ReadsIdAndUrlAsTheyArrive) {
+  struct Case {
+    const char* reply;
+    bool hasId;
+    const char* idText;
+    OptString url;
+  };
+  const Case cases[] = {
+      {R"({"id":"abc","url":"u","isNew":true,"extra":{"x":1}})", true, "abc", "u"},
+      {R"({"id":12345678901234,"url":"https:\/\/s\/12"})", true, "12345678901234", "https://s/12"},
+      {R"({"id":-7})", true, "-7", std::nullopt},
+      {R"({"url":"u"})", false, "(null)", "u"},
+      {R"({"id":null})", true, "<null>", std::nullopt},
+      {R"({"id":["a"],"url":{"x":1}})", true, "(\n    a\n)", std::nullopt},
+      {R"([1,2])", false, "(null)", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    RunningSession session(*json::parse(c.reply));
+    EXPECT_EQ(session.sessionId().has_value(), c.hasId) << c.reply;
+    EXPECT_EQ(session.sessionIdText(), c.idText) << c.reply;
+    EXPECT_EQ(session.url(), c.url) << c.reply;
+    EXPECT_FALSE(session.isNewSession());
+  }
+  RunningSession numeric(*json::parse(R"({"id":42})"));
+  EXPECT_EQ(*numeric.sessionId(), Json(42));  // kept as a number, not converted
+}
+
+TEST(MatchResultTest, ReadsReplies) {
+  struct Case {
+    const char* reply;
+    bool asExpected;
+    const char* screenshot;  // nullptr: none
+  };
+  const Case cases[] = {
+      {R"({"asExpected":true,"screenshot":{"id":"s1"},"windowId":3})", true, R"({"id":"s1"})"},
+      {R"({"asExpected":false})", false, nullptr},
+      {R"({"screenshot":null})", false, "null"},
+      {R"({})", false, nullptr},
+      {R"({"asExpected":1})", true, nullptr},
+      {R"({"asExpected":0.0})", false, nullptr},
+      {R"({"asExpected":"true"})", true, nullptr},
+      {R"({"asExpected":"no"})", false, nullptr},
+      {R"({"asExpected":{"x":true}})", false, nullptr},
+      {R"({"asExpected":"00"})", false, nullptr},
+      {R"(["asExpected",true])", false, nullptr},
+  };
+  for (const auto& c : cases) {
+    MatchResult result(*json::parse(c.reply));
+    EXPECT_EQ(result.asExpected(), c.asExpected) << c.reply;
+    ASSERT_EQ(result.screenshot().has_value(), c.screenshot != nullptr) << c.reply;
+    if (c.screenshot) {
+      EXPECT_EQ(json::write(*result.screenshot()), c.screenshot) << c.reply;
+    }
+  }
+  MatchResult result(*json::parse(R"({"asExpected":true,"screenshot":"abc"})"));
+  EXPECT_EQ(json::write(result.dictionary()), R"({"screenshot":"abc","asExpected":true})");
 }
 
 }  // namespace

@@ -1,16 +1,24 @@
 // The session object's own rules: settings forwarding, the quirks of its construction, agent id,
-// environment, validations, and the parts of the check pipeline that need no service.
+// environment, validations, and the parts of the check pipeline that need no service; then one
+// match step against the scripted test server, with its retries.
 #include "saffra/session/saffra_base.h"
 
 #include <gtest/gtest.h>
 
 #include "saffra/images/logger.h"
+#include "saffra/images/saffra_screenshot.h"
 #include "saffra/platform/base64.h"
+#include "saffra/platform/expectation.h"
 #include "saffra/platform/system_info.h"
 #include "saffra/results/exceptions.h"
+#include "saffra/service/match_window_data.h"
+#include "saffra/service/running_session.h"
+#include "saffra/service/server_connector.h"
+#include "saffra/session/match_window_task.h"
 #include "saffra/session/saffra.h"
 #include "saffra/version.h"
 #include "testing/scoped_environment.h"
+#include "testing/test_server.h"
 
 namespace saffra {
 namespace {
@@ -70,12 +78,7 @@ TEST(SaffraBaseTest, SettingRules) {
   env.set("bamboo_QUORVANT_SERVER_URL", "http://bamboo.test");
   EXPECT_EQ(SaffraBase::defaultServerURL(), "http://bamboo.test");
 
-  saffra.setDebugScreenshotsPrefix("pre_");
   saffra.setDebugScreenshotsPath("/tmp/shots");
-  EXPECT_FALSE(saffra.saveDebugScreenshots());
-  saffra.setSaveDebugScreenshots(true);
-  EXPECT_TRUE(saffra.saveDebugScreenshots());
-  EXPECT_EQ(saffra.debugScreenshotsPrefix(), "pre_");
   EXPECT_EQ(saffra.debugScreenshotsPath(), "/tmp/shots/");
 
   saffra.setServerConnector(nullptr);
@@ -94,26 +97,22 @@ TEST(SaffraBaseTest, AgentIdAndEnvironment) {
   saffra.configuration()->setAgentId("runner/2");
   EXPECT_EQ(saffra.fullAgentId(), "runner/2 [" + base + "]");
 
+  // The environment is inferred from the system; set values replace the inferred ones.
   const auto version = system_info::osVersion();
-  const std::string os = system_info::osName();
+  const std::string os = system_info::osName() + " " + std::to_string(version.major);
   saffra.setViewportSize(Size(375, 667));
-  auto environment = saffra.appEnvironment();
-  EXPECT_EQ(environment->hostOS(), os + " " + std::to_string(version.major));
-  EXPECT_EQ(environment->osInfo(),
-            os + " " + std::to_string(version.major) + "." + std::to_string(version.minor));
-  EXPECT_EQ(environment->deviceInfo(), system_info::hostName());
-  EXPECT_EQ(environment->hostApp(), "Test app");
-  EXPECT_EQ(environment->viewportSize(), Size(375, 667));
-
+  EXPECT_EQ(saffra.appEnvironment()->description(),
+            "[hostOS = " + os + " hostApp = Test app osInfo = " + os + "." +
+                std::to_string(version.minor) + " hostingAppInfo = Test app deviceInfo = " +
+                system_info::hostName() + " displaySize = 375.000000x667.000000]");
   saffra.setHostApp("Shop");
   saffra.setOsInfo("Custom OS 1");
   saffra.setDeviceInfo("Phone");
   saffra.setHostingAppInfo("Host");
-  environment = saffra.appEnvironment();
-  EXPECT_EQ(environment->hostApp(), "Shop");
-  EXPECT_EQ(environment->osInfo(), "Custom OS 1");
-  EXPECT_EQ(environment->deviceInfo(), "Phone");
-  EXPECT_EQ(environment->hostingAppInfo(), "Host");
+  EXPECT_EQ(saffra.appEnvironment()->description(),
+            "[hostOS = " + os +
+                " hostApp = Shop osInfo = Custom OS 1 hostingAppInfo = Host "
+                "deviceInfo = Phone displaySize = 375.000000x667.000000]");
 }
 
 TEST(SaffraBaseTest, ConfigurationIsAPrivateCopy) {
@@ -220,6 +219,142 @@ TEST(SaffraBaseTest, StatusBarIsCutOffAndRegionsMoveUp) {
 
   saffra.setShouldCropStatusBar(false);
   EXPECT_EQ(uploaded(saffra.appOutputForRegion(nullptr, nullptr))->height(), 30u);
+}
+
+using testing::Reply;
+using testing::TestServer;
+
+constexpr const char* kMatchPath = "/api/sessions/running/s1";
+
+// Hands out the same small output on every request.
+class FixedOutputProvider : public AppOutputProviderProtocol {
+ public:
+  std::shared_ptr<AppOutputWithScreenshot> appOutputForRegion(
+      const std::shared_ptr<Region>&, const std::shared_ptr<SaffraScreenshot>&) override {
+    return std::make_shared<AppOutputWithScreenshot>(std::make_shared<AppOutput>("title", "AAAA"),
+                                                     screenshot);
+  }
+  std::shared_ptr<SaffraScreenshot> screenshot =
+      std::make_shared<SaffraImagesScreenshot>(std::make_shared<Image>(1, 1));
+};
+using StepOutcome = std::pair<std::shared_ptr<MatchResult>, std::optional<Error>>;
+
+class MatchWindowTaskTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    connector->setServerURL(server.baseURL());
+    connector->setApiKey("key");
+    connector->setRequestTimeoutForTesting(5);
+    task->setWaitTimeoutForTesting(5);
+  }
+
+  // Scripts the service's reply, runs one step and waits for its handler (on either thread).
+  StepOutcome step(const Reply& reply, std::int64_t retryTimeout, bool runOnce,
+                   bool ignoreMismatch) {
+    server.route("POST", kMatchPath, reply);
+    auto done = std::make_shared<Expectation>("step");
+    StepOutcome outcome;
+    task->matchWindow(nullptr, nullptr, "tag", runOnce, ignoreMismatch, settings, retryTimeout,
+                      "src", [&, done](std::shared_ptr<MatchResult> r, std::optional<Error> e) {
+                        outcome = {std::move(r), std::move(e)};
+                        done->fulfill();
+                      });
+    EXPECT_EQ(Waiter::waitForExpectations({done}, 10), WaiterResult::Completed);
+    return outcome;
+  }
+
+  // The ignoreMismatch flag of every match request, in order.
+  std::vector<bool> ignoreFlags() const {
+    std::vector<bool> flags;
+    for (const auto& request : server.requests()) {
+      if (request.path != kMatchPath) continue;
+      auto body = json::parse(request.body);
+      flags.push_back(body && (*body)["options"]["ignoreMismatch"].get<bool>());
+    }
+    return flags;
+  }
+
+  TestServer& server = TestServer::shared();
+  LogCapture log;
+  std::shared_ptr<ImageMatchSettings> settings = std::make_shared<ImageMatchSettings>();
+  std::shared_ptr<ServerConnector> connector = std::make_shared<ServerConnector>();
+  std::shared_ptr<FixedOutputProvider> provider = std::make_shared<FixedOutputProvider>();
+  std::shared_ptr<MatchWindowTask> task = std::make_shared<MatchWindowTask>(
+      connector, std::make_shared<RunningSession>(Json{{"id", "s1"}}), 7, provider);
+};
+
+const Reply kMatch = Reply::json(200, R"({"asExpected":true})");
+const Reply kMismatch = Reply::json(200, R"({"asExpected":false})");
+
+TEST_F(MatchWindowTaskTest, AttemptsWithoutRetryLines) {
+  struct Case {
+    const char* what;
+    bool matches;  // the service's answer
+    std::int64_t retryTimeout;
+    bool runOnce;
+    std::vector<bool> flags;
+    const char* logged;
+  };
+  const Case cases[] = {
+      {"zero: one attempt with the caller's flag", false, 0, false, {false}, "retryTimeout = 0"},
+      {"a match on the first retry ends the step", true, 3, false, {true}, "retryTimeout = 3"},
+      {"run once waits, then tries once", false, 1, true, {false}, "retryTimeout = 1"},
+      {"negative: the task's default", true, -1, false, {true}, "retryTimeout = 7"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    server.clearRequests();
+    LogCapture caseLog;
+    auto [result, error] = step(c.matches ? kMatch : kMismatch, c.retryTimeout, c.runOnce, false);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->asExpected(), c.matches);
+    EXPECT_EQ(ignoreFlags(), c.flags);
+    EXPECT_TRUE(caseLog.systemLines().empty());
+    EXPECT_TRUE(caseLog.contains(c.logged));
+  }
+}
+
+TEST_F(MatchWindowTaskTest, OnlyStepsWhoseMismatchesCountKeepTheirScreenshot) {
+  step(kMismatch, 0, false, false);
+  EXPECT_EQ(task->lastScreenshot(), provider->screenshot);
+  auto other = std::make_shared<SaffraImagesScreenshot>(nullptr);
+  task->updateLastScreenshot(other);
+  step(kMismatch, 0, false, true);
+  EXPECT_EQ(task->lastScreenshot(), other);
+  task->updateLastScreenshot(nullptr);
+  EXPECT_EQ(task->lastScreenshot(), other);
+}
+
+TEST_F(MatchWindowTaskTest, NeverMatchingRetriesWithMismatchesIgnoredThenTriesOnceMore) {
+  auto result = step(kMismatch, 3, false, false).first;
+  ASSERT_TRUE(result);
+  EXPECT_FALSE(result->asExpected());
+  auto flags = ignoreFlags();
+  auto retries = log.systemLines();
+  ASSERT_GE(flags.size(), 2u);
+  EXPECT_LE(flags.size(), 4u);
+  EXPECT_EQ(retries.size(), flags.size() - 1);  // one line per retry, none for the last attempt
+  for (std::size_t i = 0; i + 1 < flags.size(); ++i) EXPECT_TRUE(flags[i]) << i;
+  EXPECT_FALSE(flags.back());
+  EXPECT_EQ(retries.back().rfind("Retry timeout seconds left = ", 0), 0u);
+  EXPECT_TRUE(log.contains("retryTimeout = 3"));
+}
+
+TEST_F(MatchWindowTaskTest, TransportErrorsCountAsMismatches) {
+  auto [result, error] = step(Reply::drop(), 2, false, false);
+  EXPECT_FALSE(result);
+  EXPECT_TRUE(error.has_value());
+  EXPECT_GE(ignoreFlags().size(), 2u);  // retried, then the last attempt
+}
+
+TEST_F(MatchWindowTaskTest, SilentServerEndsTheRetryLoopWithATimeOut) {
+  server.route("POST", kMatchPath, Reply::hang());
+  task->setWaitTimeoutForTesting(1);
+  EXPECT_EQ(exceptionName([&] {
+              task->matchWindow(nullptr, nullptr, "tag", false, false, settings, 2, "", nullptr);
+            }),
+            "TestFailedException: --- Time-out exception");
+  server.releaseHangs();
 }
 
 }  // namespace
