@@ -1,3 +1,5 @@
+// Reading the match window body: the base64 text of its screenshot and the quick reader of
+// the whole body, each held to the plain reading; and the cache of decoded baselines.
 #include "server/match_body.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +14,118 @@
 namespace saffra::server {
 namespace {
 
-using testing::base64WithLineBreaks;
+/// A value as JSON string text (with the escapes the readers accept), closed by its quote.
+std::string asJson(std::string_view value) {
+  std::string text;
+  for (char c : value) {
+    if (c == '\r') {
+      text += "\\r";
+    } else if (c == '\n') {
+      text += "\\n";
+    } else if (c == '\t') {
+      text += "\\t";
+    } else if (c == '/' || c == '"') {
+      text += '\\';
+      text += c;
+    } else {
+      text += c;
+    }
+  }
+  return text + "\"}";
+}
+
+// Each text is read as plain text and, written as a JSON string, by the JSON string reader:
+// both give the decoded bytes, or both refuse the text.
+TEST(Base64Test, DecodesWhatItShouldAndRefusesTheRest) {
+  using namespace std::string_view_literals;
+  struct Case {
+    std::string_view text;
+    std::optional<std::string_view> decoded;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"", ""},
+           {"Zg==", "f"},
+           {"Zm8=", "fo"},
+           {"Zm8", "fo"},
+           {"Zm9v", "foo"},
+           {"Zm9vYg", "foob"},  // padding left out
+           {"Zm9vYmE", "fooba"},
+           {"Zm9v\r\nYmFy", "foobar"},
+           {" Zm9v\tYmFy\n", "foobar"},
+           {"Zm9vYg\t==", "foob"},
+           {"+/+/", "\xfb\xff\xbf"},
+           {"////", "\xff\xff\xff"},
+           {"ZmZmZmZmZmZmZmZm  ZmZm", "fffffffffffffff"},
+           {"Z", std::nullopt},
+           {"Zm9vY", std::nullopt},
+           {"Zm9v=", std::nullopt},
+           {"Zg===", std::nullopt},
+           {"Zg=a", std::nullopt},
+           {"Zg==Zg==", std::nullopt},
+           {"Zm9v-_", std::nullopt},
+           {"Zm9v\0xyz"sv, std::nullopt},
+           {"Zm9v%AAA", std::nullopt},
+           {"\xc3\xa9Zm9v", std::nullopt},
+       }) {
+    std::optional<std::vector<std::uint8_t>> expected;
+    if (c.decoded) expected.emplace(c.decoded->begin(), c.decoded->end());
+    EXPECT_EQ(decodeBase64(c.text), expected) << c.text;
+    const std::string json = asJson(c.text);
+    std::size_t length = 99;
+    EXPECT_EQ(decodeBase64InJsonString(json, length), expected) << json;
+    if (expected) {
+      EXPECT_EQ(length, json.size() - 2) << json;
+    }
+  }
+  std::size_t length = 0;
+  EXPECT_FALSE(decodeBase64InJsonString("Zm9v", length)) << "no closing quote";
+  EXPECT_FALSE(decodeBase64InJsonString("Zm9v\\", length)) << "cut inside an escape";
+  EXPECT_FALSE(decodeBase64InJsonString(R"(Zm9v\b")", length));
+}
+
+TEST(Base64Test, ReadsTheClientsLineBrokenFormOfAllByteValues) {
+  std::vector<std::uint8_t> all;
+  for (int round = 0; round < 3; ++round) {
+    for (int b = 0; b < 256; ++b) all.push_back(static_cast<std::uint8_t>(b));
+    all.pop_back();  // vary the length modulo 3
+  }
+  for (std::size_t length : {all.size(), all.size() - 1, std::size_t{48}, std::size_t{49}}) {
+    std::vector<std::uint8_t> input(all.begin(), all.begin() + static_cast<long>(length));
+    std::string text = testing::base64WithLineBreaks(input);
+    EXPECT_EQ(text.find("\r\n") != std::string::npos, length > 48) << length;
+    EXPECT_EQ(decodeBase64(text), input) << length;
+  }
+}
+
+// Lines of the client's form with one character replaced, at every place and by characters
+// of every kind (alphabet, padding, blanks, escapes, others): the vector readers give what the
+// portable plain reader gives for the string's value, read as JSON text or as plain text.
+TEST(Base64Test, ReadersAgreeCharacterByCharacter) {
+  std::vector<std::uint8_t> data(200);
+  for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i * 37 + 11);
+  const std::string clean = testing::base64WithLineBreaks(data);
+  for (std::size_t at = 0; at < clean.size(); ++at) {
+    for (const char c : {'A', 'z', '0', '+', '/', '=', '-', ' ', '\t', '"', '\x80', '\0'}) {
+      std::string value = clean;
+      value[at] = c;
+      const std::string text = asJson(value);
+      cpu::useBaselineKernels(true);
+      const auto expected = decodeBase64(value);
+      for (const bool baseline : {true, false}) {
+        cpu::useBaselineKernels(baseline);
+        std::size_t length = 0;
+        const auto quick = decodeBase64InJsonString(text, length);
+        ASSERT_EQ(quick, expected) << "at " << at << " " << int(c) << " " << baseline;
+        ASSERT_EQ(decodeBase64(value), expected) << "at " << at << " " << int(c) << " " << baseline;
+        if (quick) {
+          ASSERT_EQ(length, text.size() - 2);
+        }
+      }
+    }
+  }
+  cpu::useBaselineKernels(false);
+  ASSERT_EQ(decodeBase64(clean), data);
+}
 
 /// What the service reads from a body the general way: the parsed object and the decoded
 /// screenshot, or nothing where it refuses the body.
@@ -35,29 +148,13 @@ std::optional<GeneralRead> readGenerally(std::string_view text) {
   return GeneralRead{std::move(*body), std::move(*bytes)};
 }
 
-// Whenever the quick reader answers, it answers as the general way does.
-void expectSameAsGeneral(const std::string& label, std::string_view text,
-                         std::optional<bool> quick = std::nullopt) {
-  std::optional<MatchBody> read = readMatchBody(text);
-  if (quick) {
-    EXPECT_EQ(read.has_value(), *quick) << label;
-  }
-  if (!read) return;
-  std::optional<GeneralRead> general = readGenerally(text);
-  ASSERT_TRUE(general) << label;
-  EXPECT_EQ(read->body, general->body) << label;
-  EXPECT_EQ(read->screenshot, general->screenshot) << label;
-}
-
-const std::vector<std::uint8_t> kBytes = [] {
-  std::vector<std::uint8_t> bytes;
-  for (int i = 0; i < 300; ++i) bytes.push_back(static_cast<std::uint8_t>(i * 37 + 11));
-  return bytes;
-}();
-
+// The quick reader takes the bodies it is meant for and gives what the general way gives;
+// it leaves every other body to the general way.
 TEST(MatchBodyTest, ReadsBodiesAsTheGeneralWayDoes) {
-  const std::string b64 = base64WithLineBreaks(kBytes);
-  const Json wire = testing::matchBody(kBytes, "home");
+  std::vector<std::uint8_t> bytes(300);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 37 + 11);
+  const std::string b64 = testing::base64WithLineBreaks(bytes);
+  const Json wire = testing::matchBody(bytes, "home");
   struct Case {
     const char* label;
     std::string text;
@@ -101,95 +198,21 @@ TEST(MatchBodyTest, ReadsBodiesAsTheGeneralWayDoes) {
       {"missing colon", R"({"appOutput"{"screenshot64":"Zm9v"}})", false},
       {"unclosed", R"({"appOutput":{"screenshot64":"Zm9v"})", false},
   };
-  for (const Case& c : cases) expectSameAsGeneral(c.label, c.text, c.quick);
-}
+  for (const Case& c : cases) {
+    std::optional<MatchBody> read = readMatchBody(c.text);
+    EXPECT_EQ(read.has_value(), c.quick) << c.label;
+    if (!read) continue;
+    std::optional<GeneralRead> general = readGenerally(c.text);
+    ASSERT_TRUE(general) << c.label;
+    EXPECT_EQ(read->body, general->body) << c.label;
+    EXPECT_EQ(read->screenshot, general->screenshot) << c.label;
+  }
 
-TEST(MatchBodyTest, RefusesEveryTruncatedBody) {
-  const std::string text = json::write(testing::matchBody(kBytes, "home"));
+  // Every truncated body is refused.
+  const std::string text = json::write(wire);
   for (std::size_t n = 0; n < text.size(); ++n) {
     EXPECT_FALSE(readMatchBody(std::string_view(text).substr(0, n))) << n;
   }
-  EXPECT_TRUE(readMatchBody(text));
-}
-
-TEST(MatchBodyTest, Base64InJsonStringsDecodesAsPlainText) {
-  // Each value is written as JSON text (escapes included) and as the string it stands for.
-  struct Case {
-    std::string_view json, value;
-  };
-  for (const Case& c : std::vector<Case>{
-           {"", ""},
-           {"Zg==", "Zg=="},
-           {"Zm8", "Zm8"},
-           {R"(Zm9v\r\nYmFy)", "Zm9v\r\nYmFy"},
-           {R"(\/\/\/\/)", "////"},
-           {R"(Zm9vYg\t==)", "Zm9vYg\t=="},
-           {"Z", "Z"},
-           {"Zg===", "Zg==="},
-           {"Zg=a", "Zg=a"},
-           {"Zm9vY", "Zm9vY"},
-           {"ZmZmZmZmZmZmZmZm  ZmZm", "ZmZmZmZmZmZmZmZm  ZmZm"},
-       }) {
-    std::size_t length = 99;
-    auto quick = decodeBase64InJsonString(std::string(c.json) + "\",", length);
-    auto plain = decodeBase64(c.value);
-    EXPECT_EQ(quick, plain) << c.json;
-    if (quick) {
-      EXPECT_EQ(length, c.json.size()) << c.json;
-    }
-  }
-  std::size_t length = 0;
-  EXPECT_FALSE(decodeBase64InJsonString("Zm9v", length)) << "no closing quote";
-  EXPECT_FALSE(decodeBase64InJsonString("Zm9v\\", length)) << "cut inside an escape";
-  EXPECT_FALSE(decodeBase64InJsonString(R"(Zm9v\b")", length));
-}
-
-// Lines of the client's form with one character replaced, at every place and by characters
-// of every kind (alphabet, padding, blanks, escapes, others): the vector readers give what the
-// portable plain reader gives for the string's value, read as JSON text or as plain text.
-TEST(MatchBodyTest, Base64ReadersAgreeCharacterByCharacter) {
-  std::vector<std::uint8_t> data(200);
-  for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i * 37 + 11);
-  const std::string clean = testing::base64WithLineBreaks(data);
-  const auto asJson = [](const std::string& value) {
-    std::string text;
-    for (char c : value) {
-      if (c == '\r') {
-        text += "\\r";
-      } else if (c == '\n') {
-        text += "\\n";
-      } else if (c == '\t') {
-        text += "\\t";
-      } else if (c == '/' || c == '"') {
-        text += '\\';
-        text += c;
-      } else {
-        text += c;
-      }
-    }
-    return text + "\"}";
-  };
-  for (std::size_t at = 0; at < clean.size(); ++at) {
-    for (const char c : {'A', 'z', '0', '+', '/', '=', '-', ' ', '\t', '"', '\x80', '\0'}) {
-      std::string value = clean;
-      value[at] = c;
-      const std::string text = asJson(value);
-      cpu::useBaselineKernels(true);
-      const auto expected = decodeBase64(value);
-      for (const bool baseline : {true, false}) {
-        cpu::useBaselineKernels(baseline);
-        std::size_t length = 0;
-        const auto quick = decodeBase64InJsonString(text, length);
-        ASSERT_EQ(quick, expected) << "at " << at << " " << int(c) << " " << baseline;
-        ASSERT_EQ(decodeBase64(value), expected) << "at " << at << " " << int(c) << " " << baseline;
-        if (quick) {
-          ASSERT_EQ(length, text.size() - 2);
-        }
-      }
-    }
-  }
-  cpu::useBaselineKernels(false);
-  ASSERT_EQ(decodeBase64(clean), data);
 }
 
 std::shared_ptr<const Image> imageOfBytes(std::size_t pixels) {

@@ -1,33 +1,44 @@
-// How a step's settings reach the comparison engine. The verdicts themselves are the
-// engine's; the protocol tests check that they travel from the request to the reply.
+// How a step's settings reach the comparison engine (the verdicts themselves are the engine's;
+// the protocol tests check that they travel from the request to the reply), and how uploads are
+// decoded into pooled buffers and compared while they decode.
 #include "server/matcher.h"
 
 #include <gtest/gtest.h>
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
 #include "saffra/platform/exception.h"
+#include "saffra/platform/png.h"
 #include "server/pixel_pool.h"
 #include "server/service_test_support.h"
 
 namespace saffra::server {
 namespace {
 
-using testing::kBlack;
 using testing::kWhite;
-using testing::Rgba;
 
-std::shared_ptr<Image> image(std::size_t w, std::size_t h, Rgba fill,
-                             std::optional<PixelRect> patch = std::nullopt, Rgba colour = kBlack) {
-  return Image::fromPNGData(testing::solidPng(w, h, fill, patch, colour));
+Image patterned(std::size_t width, std::size_t height, int seed) {
+  Image image(width, height);
+  for (std::size_t i = 0; i < image.pixels().size(); ++i) {
+    image.mutableData()[i] = static_cast<std::uint8_t>((i * 7 + seed * 31) ^ (i >> 5));
+  }
+  return image;
+}
+
+std::vector<std::uint8_t> corpusFile(const char* name) {
+  std::ifstream in(std::string(SAFFRA_CORPUS_DIR) + "/" + name, std::ios::binary);
+  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 TEST(MatcherTest, AccessibilityIsCheckedOnlyWithRegions) {
-  auto text = image(60, 40, kWhite, PixelRect{10, 10, 20, 5});                         // 21:1
-  auto faint = image(60, 40, kWhite, PixelRect{10, 10, 20, 5}, {130, 130, 130, 255});  // 3.8:1
+  using testing::solidPng;
+  auto text = Image::fromPNGData(solidPng(60, 40, kWhite, PixelRect{10, 10, 20, 5}));  // 21:1
+  auto faint = Image::fromPNGData(
+      solidPng(60, 40, kWhite, PixelRect{10, 10, 20, 5}, {130, 130, 130, 255}));  // 3.8:1
   MatchSettings s;
   EXPECT_FALSE(checkAccessibility(*text, s));
 
@@ -129,39 +140,89 @@ TEST(MatcherTest, ComparingWhileDecodingGivesTheVerdictOfDecodingFirst) {
   }
 
   // A palette file: the general decoder's image is compared after decoding.
-  const auto icon = Image::fromPNGFile(std::string(SAFFRA_CORPUS_DIR) + "/icon-tile-64x64.png");
-  std::ifstream in(std::string(SAFFRA_CORPUS_DIR) + "/icon-tile-64x64.png", std::ios::binary);
-  const std::vector<std::uint8_t> palette{std::istreambuf_iterator<char>(in), {}};
+  const std::vector<std::uint8_t> palette = corpusFile("icon-tile-64x64.png");
+  const auto icon = Image::fromPNGData(palette);
   bool called = false;
   const DecodedMatch same =
       decodeAndMatch(*pool, palette, DecodedImage{icon, nullptr}, {}, [&] { called = true; });
   EXPECT_TRUE(same.outcome.matches);
   EXPECT_TRUE(called);
 
-  // Damage near the end of the pixel data (checksums of the chunk kept right): most rows are
+  // Damage near the end of the pixel data (the chunk's checksum kept right): most rows are
   // decoded, and compared, before the decoding fails.
   std::vector<std::uint8_t> damaged = baseline->pngData();
-  const auto lengthAt = [&](std::size_t at) {
-    return std::size_t{damaged[at]} << 24 | std::size_t{damaged[at + 1]} << 16 |
-           std::size_t{damaged[at + 2]} << 8 | damaged[at + 3];
-  };
-  std::size_t idat = 8;
-  while (std::string(damaged.begin() + idat + 4, damaged.begin() + idat + 8) != "IDAT") {
-    idat += 12 + lengthAt(idat);
-    ASSERT_LT(idat, damaged.size());
-  }
-  const std::size_t length = lengthAt(idat);
-  for (std::size_t k = 12; k < 40; ++k) damaged[idat + 8 + length - k] ^= 0x5A;
-  const std::uint32_t crc =
-      static_cast<std::uint32_t>(crc32(0, &damaged[idat + 4], static_cast<uInt>(length + 4)));
-  for (int b = 0; b < 4; ++b) {
-    damaged[idat + 8 + length + b] = static_cast<std::uint8_t>(crc >> (24 - 8 * b));
-  }
+  ASSERT_EQ(std::string(damaged.end() - 8, damaged.end() - 4), "IEND");
+  const char* idat = "IDAT";
+  const std::size_t type =
+      std::search(damaged.begin(), damaged.end(), idat, idat + 4) - damaged.begin();
+  const std::size_t crcAt = damaged.size() - 16;  // the pixel data's checksum, before IEND
+  for (std::size_t k = 12; k < 40; ++k) damaged[crcAt - k] ^= 0x5A;
+  const uLong crc = crc32(0, &damaged[type], static_cast<uInt>(crcAt - type));
+  for (int b = 0; b < 4; ++b) damaged[crcAt + b] = static_cast<std::uint8_t>(crc >> (24 - 8 * b));
   for (const DecodedImage* reference : {&plain, &banded}) {
     called = false;
     EXPECT_THROW(decodeAndMatch(*pool, damaged, *reference, {}, [&] { called = true; }), Exception);
     EXPECT_FALSE(called);
   }
+}
+
+TEST(PixelPoolTest, KeepsBuffersWithinItsBoundsAndHandsOutTheBestFit) {
+  auto pool = std::make_shared<PixelPool>(2, 1000);
+  std::vector<std::uint8_t> small(100), medium(300), large(600), huge(2000);
+  pool->give(std::move(small));
+  pool->give(std::move(large));
+  EXPECT_EQ(pool->count(), 2u);
+  EXPECT_EQ(pool->bytes(), 700u);
+  pool->give(std::move(huge));  // over the byte bound by itself: freed
+  EXPECT_EQ(pool->bytes(), 700u);
+  pool->give(std::move(medium));  // the smallest spare buffer makes room
+  EXPECT_EQ(pool->bytes(), 900u);
+
+  EXPECT_EQ(pool->take(250).capacity(), 300u);   // the smallest that fits
+  EXPECT_EQ(pool->take(5000).capacity(), 600u);  // none fits: the largest
+  EXPECT_TRUE(pool->take(10).empty());           // none left: a new one
+  EXPECT_EQ(pool->bytes(), 0u);
+
+  auto none = std::make_shared<PixelPool>(0, 1000);
+  none->give(std::vector<std::uint8_t>(10));
+  EXPECT_EQ(none->count(), 0u);
+}
+
+// Buffers pass from image to image of other sizes and kinds; every decode gives exactly the
+// pixels of the general decoder, and a buffer returns to the pool when its image goes.
+TEST(PixelPoolTest, DecodesIntoReusedBuffersLikeTheGeneralDecoder) {
+  auto pool = std::make_shared<PixelPool>(1, 1u << 20);
+  const Image wide = patterned(64, 20, 1), narrow = patterned(7, 9, 2);
+  // Our RGBA files, an RGB file (decoded straight too) and a palette one (general decoder).
+  std::vector<std::vector<std::uint8_t>> pngs = {wide.pngData(),
+                                                 narrow.pngData(),
+                                                 corpusFile("app-screenshot-dialog-841x631.png"),
+                                                 corpusFile("icon-tile-64x64.png"),
+                                                 patterned(64, 20, 3).pngData(),
+                                                 wide.pngData()};
+  for (const auto& png : pngs) {
+    std::shared_ptr<const Image> expected = Image::fromPNGData(png);
+    std::shared_ptr<const Image> decoded = pool->decodePNG(png);
+    ASSERT_EQ(decoded->width(), expected->width());
+    ASSERT_EQ(decoded->height(), expected->height());
+    EXPECT_EQ(decoded->pixels(), expected->pixels());
+  }
+  std::shared_ptr<const Image> held = pool->decodePNG(pngs[0]);
+  EXPECT_EQ(pool->count(), 0u);
+  held.reset();
+  EXPECT_EQ(pool->count(), 1u);
+
+  std::vector<std::uint8_t> truncated = wide.pngData();
+  truncated.resize(truncated.size() / 2);
+  for (const auto& broken : {truncated, std::vector<std::uint8_t>{1, 2, 3}, {}}) {
+    EXPECT_THROW(pool->decodePNG(broken), Exception);
+  }
+  EXPECT_EQ(pool->count(), 1u);
+
+  // Images may outlive their pool; their buffers are then simply freed.
+  held = pool->decodePNG(narrow.pngData());
+  pool.reset();
+  EXPECT_EQ(held->pixels(), narrow.pixels());
 }
 
 }  // namespace

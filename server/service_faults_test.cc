@@ -10,8 +10,6 @@
 namespace saffra::server::testing {
 namespace {
 
-const std::vector<std::uint8_t> kPlain = solidPng(40, 30, kWhite);
-
 // A PNG signature and header that declare the given size, followed by nothing.
 std::vector<std::uint8_t> pngHeaderOnly(std::uint32_t width, std::uint32_t height) {
   std::vector<std::uint8_t> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n',
@@ -53,44 +51,52 @@ class ServiceFaultsTest : public ::testing::Test {
   std::string id_;
 };
 
+// A broken upload is judged after its session: an unknown session is 404 and a stopped one 409
+// whatever the image; a running one refuses the image, also when its bytes begin as the
+// baseline's do, and leaves no file behind.
 TEST_F(ServiceFaultsTest, BadRequestsGetJsonErrorsAndALogLine) {
   const std::string key = std::string("?apiKey=") + kApiKey;
   const std::string match = "/api/sessions/running/" + id_ + key;
+  std::string stopped = harness_.start(test_).body["id"];
+  harness_.stop(stopped, false, false);
   std::vector<std::uint8_t> truncated(kPlain.begin(), kPlain.begin() + kPlain.size() / 2);
+  std::vector<std::uint8_t> damaged = kPlain;
+  damaged[damaged.size() / 2] ^= 0x55;
   std::string tooLarge = json::write(withScreenshot(std::string(1u << 20, 'A')));
+  const auto upload = [](const std::vector<std::uint8_t>& png) {
+    return json::write(matchBody(png, "x"));
+  };
+  const std::string start = "/api/sessions/running" + key;
   struct Case {
     const char* label;
     std::string method, target, body;
     int status;
   };
   std::vector<Case> cases = {
-      {"start: malformed JSON", "POST", "/api/sessions/running" + key, "{\"startInfo\": ", 400},
-      {"start: not an object", "POST", "/api/sessions/running" + key, "[1, 2]", 400},
-      {"start: no startInfo", "POST", "/api/sessions/running" + key, "{}", 400},
-      {"start: no test name", "POST", "/api/sessions/running" + key,
+      {"start: malformed JSON", "POST", start, "{\"startInfo\": ", 400},
+      {"start: not an object", "POST", start, "[1, 2]", 400},
+      {"start: no startInfo", "POST", start, "{}", 400},
+      {"start: no test name", "POST", start,
        R"({"startInfo": {"appIdOrName": "a", "scenarioIdOrName": ""}})", 400},
       {"match: malformed JSON", "POST", match, "{{", 400},
       {"match: no screenshot", "POST", match, R"({"appOutput": {}, "tag": "x"})", 400},
       {"match: screenshot not text", "POST", match, json::write(withScreenshot("")), 400},
       {"match: not base64", "POST", match, json::write(withScreenshot("iVBOR*w0KGgo=")), 400},
-      {"match: not a PNG", "POST", match,
-       json::write(withScreenshot(base64WithLineBreaks({'G', 'I', 'F', '8', '9', 'a', 1, 2, 3}))),
-       400},
-      {"match: truncated PNG", "POST", match,
-       json::write(withScreenshot(base64WithLineBreaks(truncated))), 400},
-      {"match: absurd declared size", "POST", match,
-       json::write(withScreenshot(base64WithLineBreaks(pngHeaderOnly(60000, 60000)))), 413},
+      {"match: not a PNG", "POST", match, upload({'G', 'I', 'F', '8', '9', 'a', 1, 2, 3}), 400},
+      {"match: truncated PNG", "POST", match, upload(truncated), 400},
+      {"match: damaged PNG", "POST", match, upload(damaged), 400},
+      {"match: absurd declared size", "POST", match, upload(pngHeaderOnly(60000, 60000)), 413},
       {"match: size within the decoder's limit but not the service's", "POST", match,
-       json::write(withScreenshot(base64WithLineBreaks(pngHeaderOnly(16000, 16000)))), 413},
-      {"match: zero size", "POST", match,
-       json::write(withScreenshot(base64WithLineBreaks(pngHeaderOnly(0, 10)))), 413},
+       upload(pngHeaderOnly(16000, 16000)), 413},
+      {"match: zero size", "POST", match, upload(pngHeaderOnly(0, 10)), 413},
       {"match: body over the limit", "POST", match, tooLarge, 413},
-      {"match: unknown session", "POST", "/api/sessions/running/ABC-123" + key,
-       json::write(matchBody(kPlain, "x")), 404},
-      {"match: id with a dot", "POST", "/api/sessions/running/.." + key,
-       json::write(matchBody(kPlain, "x")), 400},
+      {"match: unknown session, truncated PNG", "POST", "/api/sessions/running/ABC-123" + key,
+       upload(truncated), 404},
+      {"match: stopped session, damaged PNG", "POST", "/api/sessions/running/" + stopped + key,
+       upload(damaged), 409},
+      {"match: id with a dot", "POST", "/api/sessions/running/.." + key, upload(kPlain), 400},
       {"match: id with encoded slashes", "POST", "/api/sessions/running/..%2F..%2Fetc" + key,
-       json::write(matchBody(kPlain, "x")), 404},
+       upload(kPlain), 404},
       {"stop: unknown session", "DELETE", "/api/sessions/running/ABC-123" + key, "", 404},
       {"stop: bad flag", "DELETE", "/api/sessions/running/" + id_ + key + "&aborted=maybe", "",
        400},
@@ -109,31 +115,6 @@ TEST_F(ServiceFaultsTest, BadRequestsGetJsonErrorsAndALogLine) {
       return line.find("-> " + std::to_string(c.status)) != std::string::npos;
     });
     EXPECT_TRUE(logged) << c.label;
-  }
-  expectStoredDataIntact();
-}
-
-// A broken upload is judged after its session: an unknown session is 404 and a stopped one 409
-// whatever the image; a running one refuses the image, also when its bytes begin as the
-// baseline's do.
-TEST_F(ServiceFaultsTest, BrokenUploadsAreJudgedAfterTheirSession) {
-  std::string stopped = harness_.start(test_).body["id"];
-  harness_.stop(stopped, false, false);
-  std::vector<std::uint8_t> truncated(kPlain.begin(), kPlain.begin() + kPlain.size() / 2);
-  std::vector<std::uint8_t> damaged = kPlain;
-  damaged[damaged.size() / 2] ^= 0x55;
-  struct Case {
-    const char* label;
-    std::string session;
-    std::vector<std::uint8_t> png;
-    int status;
-  };
-  for (const Case& c : {Case{"unknown session", "ABC-123", truncated, 404},
-                        Case{"stopped session", stopped, damaged, 409},
-                        Case{"truncated", id_, truncated, 400}, Case{"damaged", id_, damaged, 400},
-                        Case{"declared too large", id_, pngHeaderOnly(60000, 60000), 413}}) {
-    Reply reply = harness_.match(c.session, matchBody(c.png, "broken"));
-    EXPECT_EQ(reply.status, c.status) << c.label << " " << reply.raw;
   }
   // Uploads are written while they are checked; a broken one leaves no file behind.
   std::size_t images = 0;

@@ -1,4 +1,6 @@
-// The protocol end to end against an in-process service on a loopback port.
+// The protocol end to end against an in-process service on a loopback port, and uploads as a
+// regression run sends them: the baseline's own bytes, the same pixels in other bytes, or other
+// pixels, also from several clients at once.
 #include "server/service.h"
 
 #include <arpa/inet.h>
@@ -8,19 +10,18 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "server/service_test_support.h"
+#include "server/store.h"
 
 namespace saffra::server::testing {
 namespace {
-
-const std::vector<std::uint8_t> kPlain = solidPng(40, 30, kWhite);
-const std::vector<std::uint8_t> kMarked = solidPng(40, 30, kWhite, PixelRect{5, 5, 4, 4});
-const std::vector<std::uint8_t> kOther = solidPng(40, 30, kWhite, PixelRect{20, 10, 6, 6});
 
 class ServiceTest : public ::testing::Test {
  protected:
@@ -30,6 +31,12 @@ class ServiceTest : public ::testing::Test {
 
 TEST_F(ServiceTest, NewTestIsProposedThenSavedAndARerunPasses) {
   SessionSpec test;
+  // Not saved, a new test stays new and unresolved.
+  Json unsaved = harness_.runTest(test, {kPlain}, false);
+  EXPECT_EQ(unsaved["status"], "Unresolved");
+  EXPECT_EQ(unsaved["isNew"], true);
+  EXPECT_EQ(unsaved["isDifferent"], false);
+
   Reply started = harness_.start(test);
   ASSERT_EQ(started.status, 201);
   EXPECT_TRUE(started.body.value("isNew", false));
@@ -43,33 +50,23 @@ TEST_F(ServiceTest, NewTestIsProposedThenSavedAndARerunPasses) {
     EXPECT_EQ(matched.body, Json({{"asExpected", true}}));
   }
   Json first = harness_.stop(id, false, true).body;
-  EXPECT_EQ(first["status"], "Passed");
-  EXPECT_EQ(first["isNew"], true);
-  EXPECT_EQ(first["isDifferent"], false);
-  EXPECT_EQ(first["steps"], 2);
-  EXPECT_EQ(first["matches"], 2);
-  EXPECT_EQ(first["strictMatches"], 2);
-  EXPECT_EQ(first["name"], "month view");
-  EXPECT_EQ(first["appName"], "Calendar");
-  EXPECT_EQ(first["hostOS"], "Linux 6.1");
-  EXPECT_EQ(first["hostApp"], "Unit tests");
-  EXPECT_EQ(first["hostDisplaySize"], Json({{"width", 375.0}, {"height", 667.0}}));
-  EXPECT_EQ(first["batchId"], "BATCH-1");
-  EXPECT_EQ(first["batchName"], "nightly");
-  EXPECT_EQ(first["branchName"], "default");
+  EXPECT_EQ(differences(first, R"({"/status": "Passed", "/isNew": true, "/isDifferent": false,
+      "/steps": 2, "/matches": 2, "/strictMatches": 2, "/name": "month view",
+      "/appName": "Calendar", "/hostOS": "Linux 6.1", "/hostApp": "Unit tests",
+      "/hostDisplaySize": {"width": 375.0, "height": 667.0}, "/batchId": "BATCH-1",
+      "/batchName": "nightly", "/branchName": "default", "/defaultMatchSettings/matchLevel": "Strict",
+      "/defaultMatchSettings/remainder": false, "/stepsInfo/0/hasBaselineImage": false})"),
+            "");
   EXPECT_EQ(first["id"], id);
-  EXPECT_EQ(first["defaultMatchSettings"]["matchLevel"], "Strict");
-  EXPECT_EQ(first["defaultMatchSettings"]["remainder"], false);
   EXPECT_FALSE(first.contains("accessibilityStatus"));
   ASSERT_EQ(first["stepsInfo"].size(), 2u);
-  EXPECT_EQ(first["stepsInfo"][0]["hasBaselineImage"], false);
 
   // The images and the page the document points at are served; the current image is the
   // uploaded PNG byte for byte.
   Reply image = harness_.fetch(first["stepsInfo"][1]["apiUrls"]["currentImage"]);
   EXPECT_EQ(image.status, 200);
   EXPECT_EQ(image.contentType, "image/png");
-  EXPECT_EQ(std::vector<std::uint8_t>(image.raw.begin(), image.raw.end()), kMarked);
+  EXPECT_EQ(image.bytes(), kMarked);
   Reply page = harness_.fetch(first["apiUrls"]["session"]);
   EXPECT_EQ(page.status, 200);
   EXPECT_NE(page.raw.find("month view"), std::string::npos);
@@ -85,93 +82,77 @@ TEST_F(ServiceTest, NewTestIsProposedThenSavedAndARerunPasses) {
   EXPECT_EQ(rerun["stepsInfo"][0]["hasBaselineImage"], true);
 }
 
-TEST_F(ServiceTest, StartAnswers200OnlyForTheSameIdentity) {
+TEST_F(ServiceTest, StartFindsTheBaselineOfTheSameIdentityAndBranch) {
   SessionSpec test;
   harness_.runTest(test, {kPlain}, true);
   EXPECT_EQ(harness_.start(test).status, 200);
 
-  for (auto [label, change] : std::vector<std::pair<const char*, void (*)(SessionSpec&)>>{
-           {"app", [](SessionSpec& t) { t.app = "Mail"; }},
-           {"test", [](SessionSpec& t) { t.name = "week view"; }},
-           {"os", [](SessionSpec& t) { t.os = "Linux 6.2"; }},
-           {"hosting app", [](SessionSpec& t) { t.hostApp = "Other"; }},
-           {"display size", [](SessionSpec& t) { t.width = 390; }},
+  for (auto [label, change, status] :
+       std::vector<std::tuple<const char*, void (*)(SessionSpec&), int>>{
+           {"app", [](SessionSpec& t) { t.app = "Mail"; }, 201},
+           {"test", [](SessionSpec& t) { t.name = "week view"; }, 201},
+           {"os", [](SessionSpec& t) { t.os = "Linux 6.2"; }, 201},
+           {"hosting app", [](SessionSpec& t) { t.hostApp = "Other"; }, 201},
+           {"display size", [](SessionSpec& t) { t.width = 390; }, 201},
+           {"batch, not part of the identity", [](SessionSpec& t) { t.batchId = "BATCH-2"; }, 200},
        }) {
     SessionSpec other = test;
     change(other);
-    EXPECT_EQ(harness_.start(other).status, 201) << label;
+    EXPECT_EQ(harness_.start(other).status, status) << label;
   }
-  // The batch is not part of the identity.
-  SessionSpec otherBatch = test;
-  otherBatch.batchId = "BATCH-2";
-  EXPECT_EQ(harness_.start(otherBatch).status, 200);
+
+  // A branch without a baseline of its own starts from the default branch's and saves to its
+  // own.
+  SessionSpec feature = test;
+  feature.branch = "feature/login";
+  EXPECT_EQ(harness_.start(feature).status, 200);
+  Json changed = harness_.runTest(feature, {kMarked}, true);
+  EXPECT_EQ(changed["branchName"], "feature/login");
+  EXPECT_EQ(changed["status"], "Unresolved");
+  EXPECT_EQ(harness_.runTest(feature, {kMarked}, false)["status"], "Passed");
+  EXPECT_EQ(harness_.runTest(test, {kPlain}, false)["status"], "Passed");
 }
 
-TEST_F(ServiceTest, ChangedImageIsUnresolvedUntilSaved) {
+TEST_F(ServiceTest, ChangedMissingAndExtraStepsAreUnresolvedUntilSaved) {
   SessionSpec test;
-  harness_.runTest(test, {kPlain, kMarked}, true);
+  harness_.runTest(test, {kPlain, kMarked, kOther}, true);
 
   std::vector<bool> verdicts;
-  Json changed = harness_.runTest(test, {kPlain, kOther}, false, &verdicts);
-  EXPECT_EQ(verdicts, std::vector<bool>({true, false}));
-  EXPECT_EQ(changed["status"], "Unresolved");
-  EXPECT_EQ(changed["isDifferent"], true);
-  EXPECT_EQ(changed["matches"], 1);
-  EXPECT_EQ(changed["mismatches"], 1);
+  Json changed = harness_.runTest(test, {kPlain, kOther, kOther}, false, &verdicts);
+  EXPECT_EQ(verdicts, std::vector<bool>({true, false, true}));
+  EXPECT_EQ(differences(changed, R"({"/status": "Unresolved", "/isDifferent": true,
+      "/matches": 2, "/mismatches": 1, "/stepsInfo/1/isDifferent": true})"),
+            "");
   const Json& step = changed["stepsInfo"][1];
-  EXPECT_EQ(step["isDifferent"], true);
   for (const char* kind : {"baselineImage", "currentImage", "diffImage"}) {
     ASSERT_TRUE(step["apiUrls"].contains(kind)) << kind;
     Reply image = harness_.fetch(step["apiUrls"][kind]);
     EXPECT_EQ(image.status, 200) << kind;
-    EXPECT_NO_THROW(Image::fromPNGData(reinterpret_cast<const std::uint8_t*>(image.raw.data()),
-                                       image.raw.size()));
+    EXPECT_NO_THROW(Image::fromPNGData(image.bytes()));
   }
 
-  // Not saved: the old baseline still holds. Saved: the change becomes the baseline.
-  EXPECT_EQ(harness_.runTest(test, {kPlain, kMarked}, false)["status"], "Passed");
-  Json saved = harness_.runTest(test, {kPlain, kOther}, true);
-  EXPECT_EQ(saved["status"], "Unresolved");
-  EXPECT_EQ(harness_.runTest(test, {kPlain, kOther}, false)["status"], "Passed");
-  EXPECT_EQ(harness_.runTest(test, {kPlain, kMarked}, false)["status"], "Unresolved");
-}
-
-TEST_F(ServiceTest, NewTestNotSavedStaysNewAndUnresolved) {
-  SessionSpec test;
-  Json first = harness_.runTest(test, {kPlain}, false);
-  EXPECT_EQ(first["status"], "Unresolved");
-  EXPECT_EQ(first["isNew"], true);
-  EXPECT_EQ(first["isDifferent"], false);
-  EXPECT_EQ(harness_.start(test).status, 201);
-}
-
-TEST_F(ServiceTest, MissingAndExtraStepsMakeTheTestUnresolved) {
-  SessionSpec test;
-  harness_.runTest(test, {kPlain, kMarked, kOther}, true);
-
   Json shorter = harness_.runTest(test, {kPlain}, false);
-  EXPECT_EQ(shorter["status"], "Unresolved");
-  EXPECT_EQ(shorter["steps"], 1);
-  EXPECT_EQ(shorter["missing"], 2);
+  EXPECT_EQ(differences(shorter, R"({"/status": "Unresolved", "/steps": 1, "/missing": 2,
+      "/stepsInfo/2/name": "step 3", "/stepsInfo/2/hasCurrentImage": false})"),
+            "");
   ASSERT_EQ(shorter["stepsInfo"].size(), 3u);
-  const Json& missing = shorter["stepsInfo"][2];
-  EXPECT_EQ(missing["name"], "step 3");
-  EXPECT_EQ(missing["hasCurrentImage"], false);
-  Reply image = harness_.fetch(missing["apiUrls"]["baselineImage"]);
-  EXPECT_EQ(std::vector<std::uint8_t>(image.raw.begin(), image.raw.end()), kOther);
+  EXPECT_EQ(harness_.fetch(shorter["stepsInfo"][2]["apiUrls"]["baselineImage"]).bytes(), kOther);
 
-  std::vector<bool> verdicts;
+  verdicts.clear();
   Json longer = harness_.runTest(test, {kPlain, kMarked, kOther, kPlain}, false, &verdicts);
   EXPECT_EQ(verdicts, std::vector<bool>({true, true, true, false}));
   EXPECT_EQ(longer["status"], "Unresolved");
   EXPECT_EQ(longer["missing"], 0);
 
-  // Saving the shorter run drops the baseline steps it did not reach.
-  harness_.runTest(test, {kPlain}, true);
-  EXPECT_EQ(harness_.runTest(test, {kPlain}, false)["status"], "Passed");
+  // Not saved, the old baseline still holds. Saved, the run becomes the baseline: the changed
+  // step, and none of the steps it did not reach.
+  EXPECT_EQ(harness_.runTest(test, {kPlain, kMarked, kOther}, false)["status"], "Passed");
+  EXPECT_EQ(harness_.runTest(test, {kPlain, kOther}, true)["status"], "Unresolved");
+  EXPECT_EQ(harness_.runTest(test, {kPlain, kOther}, false)["status"], "Passed");
+  EXPECT_EQ(harness_.runTest(test, {kPlain, kMarked}, false)["status"], "Unresolved");
 }
 
-TEST_F(ServiceTest, AbortedSessionFailsAndSavesNothing) {
+TEST_F(ServiceTest, AbortedSessionFailsAndSavesNothingAndItsBatchCanBeClosed) {
   SessionSpec test;
   std::string id = harness_.start(test).body["id"];
   harness_.match(id, matchBody(kPlain, "home"));
@@ -185,25 +166,24 @@ TEST_F(ServiceTest, AbortedSessionFailsAndSavesNothing) {
   EXPECT_EQ(again["status"], "Failed");
   EXPECT_EQ(again["isAborted"], true);
   EXPECT_EQ(harness_.match(id, matchBody(kPlain, "late")).status, 409);
+
+  // Only batches that sessions started can be closed.
+  Reply closed = harness_.closeBatch("BATCH-1");
+  EXPECT_EQ(closed.status, 200);
+  EXPECT_EQ(closed.body["isClosed"], true);
+  Reply unknown = harness_.closeBatch("run-43");
+  EXPECT_EQ(unknown.status, 404);
+  EXPECT_TRUE(unknown.body.contains("error"));
 }
 
 // Every match-window request is counted with its handler's time, refused ones included; other
 // requests are not.
-TEST_F(ServiceTest, CountsMatchWindowRequestsAndTheirTime) {
+TEST_F(ServiceTest, RetriesAreNotRecordedAndEveryMatchRequestIsTimed) {
   EXPECT_EQ(harness_.service().matchWindowTime().requests, 0u);
   SessionSpec test;
   harness_.runTest(test, {kPlain, kMarked}, true);
   std::string id = harness_.start(test).body["id"];
   EXPECT_EQ(harness_.match(id, Json{{"tag", "no image"}}).status, 400);
-  const HandlerTime counted = harness_.service().matchWindowTime();
-  EXPECT_EQ(counted.requests, 3u);
-  EXPECT_GT(counted.total.count(), 0);
-}
-
-TEST_F(ServiceTest, MismatchesSentForRetryAreNotRecorded) {
-  SessionSpec test;
-  harness_.runTest(test, {kPlain, kMarked}, true);
-  std::string id = harness_.start(test).body["id"];
 
   // Step 1: two retries that mismatch, then a retry that matches.
   EXPECT_EQ(harness_.match(id, matchBody(kOther, "a", true)).body["asExpected"], false);
@@ -213,18 +193,16 @@ TEST_F(ServiceTest, MismatchesSentForRetryAreNotRecorded) {
   EXPECT_EQ(harness_.match(id, matchBody(kOther, "b", true)).body["asExpected"], false);
   EXPECT_EQ(harness_.match(id, matchBody(kOther, "b", false)).body["asExpected"], false);
 
-  Json results = harness_.stop(id, false, false).body;
-  EXPECT_EQ(results["steps"], 2);
-  EXPECT_EQ(results["matches"], 1);
-  EXPECT_EQ(results["mismatches"], 1);
-  EXPECT_EQ(results["missing"], 0);
-  EXPECT_EQ(results["stepsInfo"][0]["name"], "a");
-  EXPECT_EQ(results["stepsInfo"][1]["name"], "b");
+  EXPECT_EQ(differences(harness_.stop(id, false, false).body,
+                        R"({"/steps": 2, "/matches": 1, "/mismatches": 1, "/missing": 0,
+                            "/stepsInfo/0/name": "a", "/stepsInfo/1/name": "b"})"),
+            "");
+  const HandlerTime counted = harness_.service().matchWindowTime();
+  EXPECT_EQ(counted.requests, 8u);
+  EXPECT_GT(counted.total.count(), 0);
 }
 
 TEST_F(ServiceTest, StepSettingsDecideTheMatch) {
-  SessionSpec test;
-  harness_.runTest(test, {kPlain}, true);
   struct Case {
     const char* label;
     Json settings;
@@ -241,18 +219,67 @@ TEST_F(ServiceTest, StepSettingsDecideTheMatch) {
        wireSettings("Strict", Json::array({region(INT64_MAX - 5, INT64_MIN, INT64_MAX, 1)})),
        false},
   };
+  SessionSpec test;
+  harness_.runTest(test, std::vector(cases.size(), kPlain), true);
+  std::string id = harness_.start(test).body["id"];
   for (const Case& c : cases) {
-    std::string id = harness_.start(test).body["id"];
-    Reply matched = harness_.match(id, matchBody(kMarked, "home", false, c.settings));
+    Reply matched = harness_.match(id, matchBody(kMarked, c.label, false, c.settings));
     EXPECT_EQ(matched.body["asExpected"], c.expected) << c.label;
-    Json results = harness_.stop(id, false, false).body;
-    EXPECT_EQ(results["noneMatches"], c.expected && c.settings["matchLevel"] == "None" ? 1 : 0)
-        << c.label;
+  }
+  EXPECT_EQ(harness_.stop(id, false, false).body["noneMatches"], 1);
+}
+
+// The baseline's own bytes match at every level but a forced mismatch and keep its image id;
+// the same pixels in other bytes (another encoder, an extra chunk) match and are stored whole,
+// as new files, by the time their step is recorded.
+TEST_F(ServiceTest, UploadsAreJudgedByTheirPixelsAndStoredByTheirBytes) {
+  std::ifstream in(SAFFRA_CORPUS_DIR "/small-help-topic-320x480.png", std::ios::binary);
+  const std::vector<std::uint8_t> original(std::istreambuf_iterator<char>(in), {});
+  const std::vector<std::uint8_t> reencoded = Image::fromPNGData(original)->pngData();
+  const std::vector<std::uint8_t> chunked = withTextChunk(kPlain);
+  ASSERT_NE(original, reencoded);
+  struct Case {
+    const std::vector<std::uint8_t>& baseline;
+    const std::vector<std::uint8_t>& upload;
+    const char* level;
+    bool forceMismatch, expected;
+  };
+  const std::vector<Case> cases = {
+      {kMarked, kMarked, "Exact", false, true},      {kMarked, kMarked, "Strict", false, true},
+      {kMarked, kMarked, "Layout", false, true},     {kMarked, kMarked, "Strict", true, false},
+      {reencoded, reencoded, "Strict", false, true}, {original, reencoded, "Exact", false, true},
+      {original, reencoded, "Strict", false, true},  {kPlain, chunked, "Exact", false, true},
+      {kPlain, chunked, "Strict", false, true}};
+  SessionSpec test;
+  std::vector<std::vector<std::uint8_t>> baselines;
+  for (const Case& c : cases) baselines.push_back(c.baseline);
+  harness_.runTest(test, baselines, true);
+  std::string id = harness_.start(test).body["id"];
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    Json body = matchBody(cases[i].upload, "step", false, wireSettings(cases[i].level));
+    body["options"]["forceMismatch"] = cases[i].forceMismatch;
+    Reply matched = harness_.match(id, body);
+    ASSERT_EQ(matched.status, 200) << matched.raw;
+    EXPECT_EQ(matched.body["asExpected"], cases[i].expected) << i;
+  }
+  Json results = harness_.stop(id, false, false).body;
+  std::vector<StepRecord> steps = Store(folder_.path()).steps(id);
+  ASSERT_EQ(steps.size(), cases.size());
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_EQ(steps[i].currentImage, Store::imageIdOf(cases[i].upload)) << i;
+    EXPECT_EQ(steps[i].baselineImage, Store::imageIdOf(cases[i].baseline)) << i;
+    EXPECT_EQ(steps[i].asExpected, cases[i].expected) << i;
+    EXPECT_EQ(steps[i].matchLevel, cases[i].level) << i;
+    Reply stored = harness_.fetch(results["stepsInfo"][i]["apiUrls"]["currentImage"]);
+    EXPECT_EQ(stored.bytes(), cases[i].upload) << i;
   }
 }
 
-TEST_F(ServiceTest, AccessibilityRegionsGiveAnAccessibilityStatus) {
-  SessionSpec test;
+// Saved tests and earlier results survive a restart. The verdict on accessibility regions is
+// the same whether the upload's pixels were decoded (a new test), taken from a restarted
+// service's files or from its decoded baselines.
+TEST(ServiceRestart, DataAndVerdictsSurviveARestart) {
+  TempFolder folder;
   const auto grey =
       solidPng(40, 30, {200, 200, 200, 255}, PixelRect{5, 5, 10, 10}, {170, 170, 170, 255});
   struct Case {
@@ -261,66 +288,41 @@ TEST_F(ServiceTest, AccessibilityRegionsGiveAnAccessibilityStatus) {
     const char* expectedStatus;
     const char* expectedLevel;
   };
-  for (const Case& c : {Case{kMarked, "AA", "Passed", "AA"}, Case{grey, "AAA", "Failed", "AAA"},
-                        Case{grey, "None", "Failed", "AA"}}) {
-    Json regions = Json::array(
-        {Json{{"left", 0}, {"top", 0}, {"width", 20}, {"height", 20}, {"type", "RegularText"}}});
-    std::string id = harness_.start(test).body["id"];
-    harness_.match(
-        id, matchBody(c.png, "a", false, wireSettings("Strict", Json::array(), regions, c.level)));
-    Json status = harness_.stop(id, false, false).body["accessibilityStatus"];
-    EXPECT_EQ(status["status"], c.expectedStatus) << c.level;
-    EXPECT_EQ(status["level"], c.expectedLevel) << c.level;
-  }
-}
-
-TEST_F(ServiceTest, BranchesFallBackToTheDefaultBranchAndSaveToTheirOwn) {
-  SessionSpec main;
-  harness_.runTest(main, {kPlain}, true);
-
-  SessionSpec feature = main;
-  feature.branch = "feature/login";
-  EXPECT_EQ(harness_.start(feature).status, 200);
-  Json changed = harness_.runTest(feature, {kMarked}, true);
-  EXPECT_EQ(changed["branchName"], "feature/login");
-  EXPECT_EQ(changed["status"], "Unresolved");
-
-  EXPECT_EQ(harness_.runTest(feature, {kMarked}, false)["status"], "Passed");
-  EXPECT_EQ(harness_.runTest(main, {kPlain}, false)["status"], "Passed");
-}
-
-TEST_F(ServiceTest, CloseBatchKnowsOnlyStartedBatches) {
+  const std::vector<Case> cases = {Case{kMarked, "AA", "Passed", "AA"},
+                                   Case{grey, "AAA", "Failed", "AAA"},
+                                   Case{grey, "None", "Failed", "AA"}};
+  auto checkContrast = [&](const Harness& harness, bool save) {
+    for (std::size_t n = 0; n < cases.size(); ++n) {
+      const Case& c = cases[n];
+      SessionSpec test;
+      test.name = "contrast " + std::to_string(n);
+      Json regions = Json::array(
+          {Json{{"left", 0}, {"top", 0}, {"width", 20}, {"height", 20}, {"type", "RegularText"}}});
+      std::string id = harness.start(test).body["id"];
+      Json settings = wireSettings("Strict", Json::array(), regions, c.level);
+      EXPECT_EQ(harness.match(id, matchBody(c.png, "a", false, settings)).body["asExpected"], true)
+          << c.level;
+      Json status = harness.stop(id, false, save).body["accessibilityStatus"];
+      EXPECT_EQ(status["status"], c.expectedStatus) << c.level;
+      EXPECT_EQ(status["level"], c.expectedLevel) << c.level;
+    }
+  };
   SessionSpec test;
-  test.batchId = "run-42";
-  harness_.start(test);
-  Reply closed = harness_.closeBatch("run-42");
-  EXPECT_EQ(closed.status, 200);
-  EXPECT_EQ(closed.body["isClosed"], true);
-  Reply unknown = harness_.closeBatch("run-43");
-  EXPECT_EQ(unknown.status, 404);
-  EXPECT_TRUE(unknown.body.contains("error"));
-}
-
-TEST(ServiceRestart, DataSurvivesARestart) {
-  TempFolder folder;
-  SessionSpec test;
-  Json before;
+  std::string image;
   {
     Harness first(folder.path());
-    before = first.runTest(test, {kPlain, kMarked}, true);
+    std::string url =
+        first.runTest(test, {kPlain, kMarked}, true)["stepsInfo"][1]["apiUrls"]["currentImage"];
+    image = url.substr(url.find("/api/"));
+    checkContrast(first, true);
   }
   Harness second(folder.path());
   std::vector<bool> verdicts;
-  Json after = second.runTest(test, {kPlain, kOther}, false, &verdicts);
-  EXPECT_EQ(after["isNew"], false);
+  EXPECT_EQ(second.runTest(test, {kPlain, kOther}, false, &verdicts)["isNew"], false);
   EXPECT_EQ(verdicts, std::vector<bool>({true, false}));
-
-  // The earlier session's results and images are still served.
-  std::string prefix = "http://127.0.0.1:";
-  std::string url = before["stepsInfo"][1]["apiUrls"]["currentImage"];
-  std::string target = url.substr(url.find('/', prefix.size()));
-  Reply image = second.send("GET", target + "?apiKey=" + kApiKey);
-  EXPECT_EQ(std::vector<std::uint8_t>(image.raw.begin(), image.raw.end()), kMarked);
+  EXPECT_EQ(second.send("GET", image + "?apiKey=" + kApiKey).bytes(), kMarked);
+  checkContrast(second, false);
+  checkContrast(second, false);
 }
 
 // The service's end of a kept-alive connection sends at once: with Nagle's algorithm a reply's
@@ -353,26 +355,31 @@ TEST(ServiceConnections, AcceptedConnectionsSendWithoutDelay) {
   EXPECT_EQ(checked, 1);
 }
 
-TEST(ServiceConcurrency, ClientsRunSessionsAtOnce) {
+// Clients with screenshots of different sizes run whole tests at once and decode into the same
+// spare buffers; every verdict and document is still the one of its own pixels.
+TEST(ServiceConcurrency, ClientsRunTestsAtOnceAndGetTheirOwnVerdicts) {
   TempFolder folder;
   Harness harness(folder.path());
-  constexpr int kClients = 4;
-  std::vector<Json> results(kClients * 2);
   std::vector<std::thread> clients;
-  for (int c = 0; c < kClients; ++c) {
+  for (int c = 0; c < 4; ++c) {
     clients.emplace_back([&, c] {
+      const std::size_t width = 40 + 23 * c, height = 30 + 11 * c;
+      const auto a = solidPng(width, height, kWhite, PixelRect{c, c, 4, 4});
+      const auto b = solidPng(width, height, kWhite, PixelRect{c + 10, c + 3, 5, 5});
       SessionSpec test;
-      test.name = "test " + std::to_string(c);
-      results[c * 2] = harness.runTest(test, {kPlain, kMarked}, true);
-      results[c * 2 + 1] = harness.runTest(test, {kPlain, kOther}, false);
+      test.name = "client " + std::to_string(c);
+      EXPECT_EQ(harness.runTest(test, {a, b}, true)["status"], "Passed") << c;
+      for (int round = 0; round < 3; ++round) {
+        std::vector<bool> verdicts;
+        harness.runTest(test, {withTextChunk(a), a, b}, false, &verdicts);
+        Json changed = harness.runTest(test, {b, withTextChunk(b)}, false, &verdicts);
+        EXPECT_EQ(verdicts, std::vector<bool>({true, false, false, false, true})) << c;
+        EXPECT_EQ(changed["status"], "Unresolved") << c;
+        EXPECT_EQ(changed["mismatches"], 1) << c;
+      }
     });
   }
-  for (auto& t : clients) t.join();
-  for (int c = 0; c < kClients; ++c) {
-    EXPECT_EQ(results[c * 2]["status"], "Passed") << c;
-    EXPECT_EQ(results[c * 2 + 1]["status"], "Unresolved") << c;
-    EXPECT_EQ(results[c * 2 + 1]["mismatches"], 1) << c;
-  }
+  for (auto& client : clients) client.join();
 }
 
 TEST(ServiceConcurrency, StepsSentAtOnceToOneSessionGetTheirOwnPlaces) {
@@ -394,20 +401,6 @@ TEST(ServiceConcurrency, StepsSentAtOnceToOneSessionGetTheirOwnPlaces) {
   std::set<std::string> names;
   for (const Json& step : results["stepsInfo"]) names.insert(step["name"].get<std::string>());
   EXPECT_EQ(names.size(), static_cast<std::size_t>(kClients * kSteps));
-}
-
-TEST(ServiceCorpus, RealScreenshotPassesOnRerun) {
-  TempFolder folder;
-  Harness harness(folder.path());
-  auto image = Image::fromPNGFile(SAFFRA_CORPUS_DIR "/small-help-topic-320x480.png");
-  std::vector<std::uint8_t> png = image->pngData();
-  SessionSpec test;
-  test.width = 320;
-  test.height = 480;
-  EXPECT_EQ(harness.runTest(test, {png}, true)["status"], "Passed");
-  std::vector<bool> verdicts;
-  EXPECT_EQ(harness.runTest(test, {png}, false, &verdicts)["status"], "Passed");
-  EXPECT_EQ(verdicts, std::vector<bool>({true}));
 }
 
 }  // namespace

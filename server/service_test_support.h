@@ -10,7 +10,9 @@
 #include <vector>
 
 #include <httplib.h>
+#include <zlib.h>
 
+#include "saffra/platform/base64.h"
 #include "saffra/platform/image.h"
 #include "saffra/platform/json.h"
 #include "saffra/platform/uuid.h"
@@ -27,24 +29,7 @@ inline constexpr Rgba kBlack = {0, 0, 0, 255};
 
 /// Base64 as the client sends it: CR LF between 64-character lines, none after the last.
 inline std::string base64WithLineBreaks(const std::vector<std::uint8_t>& bytes) {
-  static constexpr char kAlphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string plain;
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    std::uint32_t n = std::uint32_t{bytes[i]} << 16;
-    if (i + 1 < bytes.size()) n |= std::uint32_t{bytes[i + 1]} << 8;
-    if (i + 2 < bytes.size()) n |= bytes[i + 2];
-    plain += kAlphabet[(n >> 18) & 63];
-    plain += kAlphabet[(n >> 12) & 63];
-    plain += i + 1 < bytes.size() ? kAlphabet[(n >> 6) & 63] : '=';
-    plain += i + 2 < bytes.size() ? kAlphabet[n & 63] : '=';
-  }
-  std::string text;
-  for (std::size_t i = 0; i < plain.size(); i += 64) {
-    if (i > 0) text += "\r\n";
-    text += plain.substr(i, 64);
-  }
-  return text;
+  return base64::encodeLines64(bytes);
 }
 
 /// A PNG of one colour, optionally with a rectangle of another.
@@ -54,10 +39,10 @@ inline std::vector<std::uint8_t> solidPng(std::size_t width, std::size_t height,
   Image image(width, height);
   for (std::size_t y = 0; y < height; ++y) {
     for (std::size_t x = 0; x < width; ++x) {
-      bool inPatch = patch && static_cast<std::int64_t>(x) >= patch->left &&
-                     static_cast<std::int64_t>(x) < patch->left + patch->width &&
-                     static_cast<std::int64_t>(y) >= patch->top &&
-                     static_cast<std::int64_t>(y) < patch->top + patch->height;
+      const auto at = [](std::size_t v, std::int64_t from, std::int64_t size) {
+        return static_cast<std::int64_t>(v) >= from && static_cast<std::int64_t>(v) < from + size;
+      };
+      bool inPatch = patch && at(x, patch->left, patch->width) && at(y, patch->top, patch->height);
       const Rgba& c = inPatch ? patchColour : fill;
       std::copy(c.begin(), c.end(), image.mutableData() + (y * width + x) * 4);
     }
@@ -65,31 +50,25 @@ inline std::vector<std::uint8_t> solidPng(std::size_t width, std::size_t height,
   return image.pngData();
 }
 
+inline const std::vector<std::uint8_t> kPlain = solidPng(40, 30, kWhite);
+inline const std::vector<std::uint8_t> kMarked = solidPng(40, 30, kWhite, PixelRect{5, 5, 4, 4});
+inline const std::vector<std::uint8_t> kOther = solidPng(40, 30, kWhite, PixelRect{20, 10, 6, 6});
+
 /// The same PNG with a text chunk after its header: other bytes, the same pixels.
 inline std::vector<std::uint8_t> withTextChunk(
     const std::vector<std::uint8_t>& png,
     const std::string& text = std::string("Comment\0re-encoded", 18)) {
-  auto crc32 = [](const std::uint8_t* p, std::size_t n) {
-    std::uint32_t crc = 0xffffffffu;
-    for (std::size_t i = 0; i < n; ++i) {
-      crc ^= p[i];
-      for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1)));
-    }
-    return ~crc;
-  };
-  auto putWord = [](std::uint8_t* at, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) at[i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
-  };
   constexpr std::size_t kAfterHeader = 8 + 25;  // the signature and the IHDR chunk
   if (png.size() < kAfterHeader) return png;
-  std::vector<std::uint8_t> out(png.size() + 12 + text.size());
-  std::copy(png.begin(), png.begin() + kAfterHeader, out.begin());
-  std::uint8_t* chunk = out.data() + kAfterHeader;
-  putWord(chunk, static_cast<std::uint32_t>(text.size()));
-  std::copy_n("tEXt", 4, chunk + 4);
-  std::copy(text.begin(), text.end(), chunk + 8);
-  putWord(chunk + 8 + text.size(), crc32(chunk + 4, text.size() + 4));
-  std::copy(png.begin() + kAfterHeader, png.end(), chunk + 12 + text.size());
+  std::vector<std::uint8_t> chunk(4);
+  for (int i = 0; i < 4; ++i) chunk[i] = static_cast<std::uint8_t>(text.size() >> (24 - 8 * i));
+  chunk.insert(chunk.end(), {'t', 'E', 'X', 't'});
+  chunk.insert(chunk.end(), text.begin(), text.end());
+  const uLong crc = crc32(0, chunk.data() + 4, static_cast<uInt>(text.size() + 4));
+  for (int i = 0; i < 4; ++i) chunk.push_back(static_cast<std::uint8_t>(crc >> (24 - 8 * i)));
+  std::vector<std::uint8_t> out(png.begin(), png.begin() + kAfterHeader);
+  out.insert(out.end(), chunk.begin(), chunk.end());
+  out.insert(out.end(), png.begin() + kAfterHeader, png.end());
   return out;
 }
 
@@ -97,17 +76,13 @@ inline std::vector<std::uint8_t> withTextChunk(
 inline Json wireSettings(const std::string& matchLevel = "Strict", Json ignore = Json::array(),
                          Json accessibility = Json::array(),
                          const std::string& accessibilityLevel = "None") {
-  return Json{{"matchLevel", matchLevel},
-              {"accessibilityLevel", accessibilityLevel},
-              {"ignoreCaret", false},
-              {"IgnoreDisplacements", false},
-              {"enablePatterns", false},
-              {"Ignore", std::move(ignore)},
-              {"Layout", Json::array()},
-              {"Strict", Json::array()},
-              {"Content", Json::array()},
-              {"Floating", Json::array()},
-              {"accessibility", std::move(accessibility)}};
+  Json settings = Json::parse(R"({"ignoreCaret": false, "IgnoreDisplacements": false,
+      "enablePatterns": false, "Layout": [], "Strict": [], "Content": [], "Floating": []})");
+  settings["matchLevel"] = matchLevel;
+  settings["accessibilityLevel"] = accessibilityLevel;
+  settings["Ignore"] = std::move(ignore);
+  settings["accessibility"] = std::move(accessibility);
+  return settings;
 }
 
 inline Json region(std::int64_t left, std::int64_t top, std::int64_t width, std::int64_t height) {
@@ -154,16 +129,14 @@ inline Json startInfo(const SessionSpec& t) {
 /// The match window body as the client builds it.
 inline Json matchBody(const std::vector<std::uint8_t>& png, const std::string& tag,
                       bool ignoreMismatch = false, Json settings = wireSettings()) {
+  Json options = Json::parse(R"({"ignoreMatch": false, "forceMismatch": false,
+      "forceMatch": false, "source": ""})");
+  options["name"] = tag;
+  options["ignoreMismatch"] = ignoreMismatch;
+  options["imageMatchSettings"] = std::move(settings);
   return Json{{"appOutput", {{"screenshot64", base64WithLineBreaks(png)}}},
               {"tag", tag},
-              {"options",
-               {{"name", tag},
-                {"ignoreMismatch", ignoreMismatch},
-                {"ignoreMatch", false},
-                {"forceMismatch", false},
-                {"forceMatch", false},
-                {"imageMatchSettings", std::move(settings)},
-                {"source", ""}}}};
+              {"options", std::move(options)}};
 }
 
 /// An HTTP reply; `body` is the parsed JSON when the reply was JSON.
@@ -172,7 +145,21 @@ struct Reply {
   std::string raw;
   std::string contentType;
   Json body;
+  std::vector<std::uint8_t> bytes() const { return {raw.begin(), raw.end()}; }
 };
+
+/// The values at the JSON pointers of `expected` (e.g. "/stepsInfo/0/name") that `document`
+/// does not hold, one per line with what it holds instead; empty when all match.
+inline std::string differences(const Json& document, const std::string& expected) {
+  std::string found;
+  const Json wanted = Json::parse(expected);
+  for (const auto& [path, value] : wanted.items()) {
+    const Json::json_pointer at(path);
+    const Json actual = document.contains(at) ? document.at(at) : Json();
+    if (actual != value) found += path + ": " + actual.dump() + ", expected " + value.dump() + "\n";
+  }
+  return found;
+}
 
 /// A fresh folder under the system's temporary folder, removed at the end.
 class TempFolder {
