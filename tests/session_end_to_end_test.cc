@@ -2,6 +2,8 @@
 // logged, and what the caller gets back, for good runs and for a service that misbehaves.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "saffra/platform/base64.h"
 #include "saffra/saffra.h"
 #include "testing/scoped_environment.h"
@@ -28,23 +30,19 @@ std::shared_ptr<Image> testImage(double scale = 1) {
 }
 
 std::string resultsReply(const std::string& status, bool isNew) {
-  Json reply = {{"status", status},
-                {"isNew", isNew},
-                {"name", "Login"},
-                {"appName", "Shop"},
-                {"steps", 1},
-                {"matches", status == "Passed" ? 1 : 0},
-                {"apiUrls", {{"session", "https://results.test/s1"}}},
-                {"appUrls", {{"session", "https://app.test/s1"}}}};
-  return reply.dump();
+  return R"({"status":")" + status + R"(","isNew":)" + (isNew ? "true" : "false") +
+         R"(,"name":"Login","appName":"Shop","steps":1,"matches":)" +
+         (status == "Passed" ? "1" : "0") + R"(,"apiUrls":{"session":"https://results.test/s1"},)" +
+         R"("appUrls":{"session":"https://app.test/s1"}})";
 }
 
 class SessionEndToEndTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    saffra.setServerURL(server.baseURL());
-    saffra.setApiKey("key");
-    saffra.setWaitTimeoutForTesting(3);
+  void SetUp() override { connect(saffra, 3); }
+  void connect(Saffra& session, int waitSeconds) {
+    session.setServerURL(server.baseURL());
+    session.setApiKey("key");
+    session.setWaitTimeoutForTesting(waitSeconds);
   }
 
   void scriptSession(int startStatus, const std::string& matchReply,
@@ -219,25 +217,10 @@ TEST_F(SessionEndToEndTest, CloseOutcomes) {
   EXPECT_EQ(summary->failed(), 1u);
 }
 
-TEST_F(SessionEndToEndTest, MismatchesAreLoggedAndMakeLaterStepsRunOnce) {
-  scriptSession(200, R"({"asExpected":false})", "Unresolved");
-  saffra.openWithApplicationName("Shop", "Login");
-  EXPECT_FALSE(saffra.checkImage(testImage(), "one"));
-  EXPECT_TRUE(log.contains("Mismatch! (one)"));
-  EXPECT_TRUE(saffra.shouldMatchWindowRunOnceOnTimeout());
-  // With the flag on, a step with a timeout waits it out and tries once, caller's flag kept.
-  saffra.checkWithTag("two", Target::image(testImage())->timeoutInSeconds(1));
-  auto bodies = matchBodies();
-  ASSERT_EQ(bodies.size(), 2u);
-  EXPECT_EQ(bodies[1]["options"]["ignoreMismatch"], false);
-  EXPECT_TRUE(log.systemLines().empty());
-  std::optional<Error> error;
-  saffra.closeWithThrow(false, &error);
-  EXPECT_TRUE(error.has_value());
-}
-
-TEST_F(SessionEndToEndTest, RetriesUntilAMatch) {
-  scriptSession(200, "");
+// A step with a timeout retries until a match; after a mismatch, later such steps wait the
+// timeout out and try once, keeping the caller's flag.
+TEST_F(SessionEndToEndTest, RetriesUntilAMatchAndRunOnceAfterAMismatch) {
+  scriptSession(200, "", "Unresolved");
   server.route("POST", kSessionPath,
                std::vector<Reply>{Reply::json(200, R"({"asExpected":false})"),
                                   Reply::json(200, R"({"asExpected":true})")});
@@ -247,22 +230,32 @@ TEST_F(SessionEndToEndTest, RetriesUntilAMatch) {
   ASSERT_EQ(bodies.size(), 2u);
   for (const auto& body : bodies) EXPECT_EQ(body["options"]["ignoreMismatch"], true);
   EXPECT_EQ(log.systemLines().size(), 1u);
-  saffra.close(nullptr);
+  EXPECT_FALSE(saffra.shouldMatchWindowRunOnceOnTimeout());
+
+  server.route("POST", kSessionPath, Reply::json(200, R"({"asExpected":false})"));
+  EXPECT_FALSE(saffra.checkImage(testImage(), "one"));
+  EXPECT_TRUE(log.contains("Mismatch! (one)"));
+  EXPECT_TRUE(saffra.shouldMatchWindowRunOnceOnTimeout());
+  saffra.checkWithTag("two", Target::image(testImage())->timeoutInSeconds(1));
+  bodies = matchBodies();
+  ASSERT_EQ(bodies.size(), 4u);
+  EXPECT_EQ(bodies[3]["options"]["ignoreMismatch"], false);
+  EXPECT_EQ(log.systemLines().size(), 1u);
+  std::optional<Error> error;
+  saffra.closeWithThrow(false, &error);
+  EXPECT_TRUE(error.has_value());
 }
 
 TEST_F(SessionEndToEndTest, SilentServiceTimesOut) {
-  for (const char* hangingMethod : {"start", "match", "stop"}) {
-    SCOPED_TRACE(hangingMethod);
+  const std::pair<const char*, const char*> hanging[] = {
+      {"POST", kStartPath}, {"POST", kSessionPath}, {"DELETE", kSessionPath}};
+  for (const auto& [method, path] : hanging) {
+    SCOPED_TRACE(std::string(method) + " " + path);
     server.reset();
-    Saffra session(runner);
-    session.setServerURL(server.baseURL());
-    session.setApiKey("key");
-    session.setWaitTimeoutForTesting(1);
     scriptSession(200, R"({"asExpected":true})");
-    const std::string which = hangingMethod;
-    if (which == "start") server.route("POST", kStartPath, Reply::hang());
-    if (which == "match") server.route("POST", kSessionPath, Reply::hang());
-    if (which == "stop") server.route("DELETE", kSessionPath, Reply::hang());
+    server.route(method, path, Reply::hang());
+    Saffra session(runner);
+    connect(session, 1);
     session.openWithApplicationName("Shop", "Login");
     std::string reason;
     try {
@@ -273,23 +266,20 @@ TEST_F(SessionEndToEndTest, SilentServiceTimesOut) {
     }
     EXPECT_EQ(reason, "--- Time-out exception");
     server.releaseHangs();
-    if (which == "stop") {
-      // Without throwing, the failure is dropped and the runner refuses the absent results.
-      Saffra quiet(runner);
-      quiet.setServerURL(server.baseURL());
-      quiet.setApiKey("key");
-      quiet.setWaitTimeoutForTesting(1);
-      quiet.openWithApplicationName("Shop", "Login");
-      quiet.checkImage(testImage());
-      try {
-        quiet.closeWithThrow(false, nullptr);
-        ADD_FAILURE() << "no exception";
-      } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), "NSInvalidArgumentException");
-      }
-      server.releaseHangs();
-    }
   }
+  // The stop still hangs. Without throwing, the failure is dropped and the runner refuses the
+  // absent results.
+  Saffra quiet(runner);
+  connect(quiet, 1);
+  quiet.openWithApplicationName("Shop", "Login");
+  quiet.checkImage(testImage());
+  try {
+    quiet.closeWithThrow(false, nullptr);
+    ADD_FAILURE() << "no exception";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.name(), "NSInvalidArgumentException");
+  }
+  server.releaseHangs();
 }
 
 TEST_F(SessionEndToEndTest, GarbageAndDroppedReplies) {
@@ -308,17 +298,14 @@ TEST_F(SessionEndToEndTest, GarbageAndDroppedReplies) {
   server.route("POST", kStartPath, Reply::drop());
   saffra.openWithApplicationName("Shop", "Login");
   EXPECT_THROW(saffra.checkImage(testImage()), TestFailedException);
-  bool failedStart = false;
-  for (const auto& line : log.lines()) {
-    failedStart |= line.find("Failed to start session: ") != std::string::npos;
-  }
-  EXPECT_TRUE(failedStart);
+  auto lines = log.lines();
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.find("Failed to start session: ") != std::string::npos;
+  }));
 
   // Match replies that are garbage or cut off read as mismatches.
   Saffra other(runner);
-  other.setServerURL(server.baseURL());
-  other.setApiKey("key");
-  other.setWaitTimeoutForTesting(3);
+  connect(other, 3);
   scriptSession(200, "");
   server.route("POST", kSessionPath,
                std::vector<Reply>{Reply::text(200, "not json"),
@@ -331,7 +318,7 @@ TEST_F(SessionEndToEndTest, GarbageAndDroppedReplies) {
   other.close(nullptr);
 }
 
-TEST_F(SessionEndToEndTest, SecondOpenAfterACheckAbortsAndLeavesTheObjectClosed) {
+TEST_F(SessionEndToEndTest, SecondOpenAfterACheckAbortsAndDestroyingAfterAnAbortIsSafe) {
   scriptSession(200, R"({"asExpected":true})");
   saffra.openWithApplicationName("Shop", "Login");
   saffra.checkImage(testImage());
@@ -341,27 +328,19 @@ TEST_F(SessionEndToEndTest, SecondOpenAfterACheckAbortsAndLeavesTheObjectClosed)
   auto stop = requestsTo("DELETE", kSessionPath);
   ASSERT_EQ(stop.size(), 1u);
   EXPECT_EQ(stop[0].query, "apiKey=key&aborted=true&updateBaseline=false");
-}
 
-TEST_F(SessionEndToEndTest, DestroyingRightAfterAnAbortIsSafe) {
-  scriptSession(200, R"({"asExpected":true})");
+  // Objects on the heap and on the stack go away while a slow abort is in flight.
   server.route("DELETE", kSessionPath,
                Reply::json(200, resultsReply("Passed", false)).after(200ms));
-  for (int i = 0; i < 3; ++i) {
-    auto session = std::make_shared<Saffra>(runner);
-    session->setServerURL(server.baseURL());
-    session->setApiKey("key");
-    session->openWithApplicationName("Shop", "Login");
-    session->checkImage(testImage());
-    session->abortIfNotClosed();
-    session.reset();
-  }
+  auto openAndAbort = [&](Saffra& session) {
+    connect(session, 3);
+    session.openWithApplicationName("Shop", "Login");
+    session.checkImage(testImage());
+    session.abortIfNotClosed();
+  };
+  for (int i = 0; i < 3; ++i) openAndAbort(*std::make_shared<Saffra>(runner));
   Saffra onStack(runner);
-  onStack.setServerURL(server.baseURL());
-  onStack.setApiKey("key");
-  onStack.openWithApplicationName("Shop", "Login");
-  onStack.checkImage(testImage());
-  onStack.abortIfNotClosed();
+  openAndAbort(onStack);
 }
 
 }  // namespace

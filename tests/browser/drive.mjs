@@ -1,12 +1,12 @@
 // Drives headless Chromium through a plan of page actions and prints one JSON line with the
 // result of each action. The browser tests of the results pages run it as a child process.
 //
-//   node drive.mjs plan.json        (or the plan's JSON text as the argument, or on stdin)
+//   node drive.mjs plan.json
 //
-// A plan: {"base": "http://127.0.0.1:8080", "timeoutMs": 10000,
+// A plan: {"base": "http://127.0.0.1:8080", "timeoutMs": 10000, "totalTimeoutMs": 45000,
 //          "viewport": {"width": 1280, "height": 800}, "actions": [ {...}, ... ]}
 // Actions ("do"), each answered by one entry of "results":
-//   goto       {path | url}              -> {status, path}
+//   goto       {path}                     -> {status, path}
 //   login      {key}                      fills form#login and submits it -> {status, path}
 //   steps                                 -> [{step, status, baseline, current, diff, regions}]
 //   text       {selector}                 -> trimmed text of the first match
@@ -35,12 +35,6 @@ const BROWSER_ARGS = [
   '--hide-scrollbars',
 ];
 
-function readPlan() {
-  const arg = process.argv[2];
-  if (!arg) return JSON.parse(readFileSync(0, 'utf8'));
-  return JSON.parse(arg.trimStart().startsWith('{') ? arg : readFileSync(arg, 'utf8'));
-}
-
 function substitute(value, saved) {
   if (typeof value === 'string') {
     return value.replace(/\$\{(\w+)\}/g, (match, name) => {
@@ -55,13 +49,9 @@ function substitute(value, saved) {
   return value;
 }
 
-function pathOf(url) {
-  const u = new URL(url);
-  return u.pathname + u.search;
-}
-
 function pageResult(page, response) {
-  return { status: response ? response.status() : 0, path: pathOf(page.url()) };
+  const url = new URL(page.url());
+  return { status: response ? response.status() : 0, path: url.pathname + url.search };
 }
 
 // Runs `trigger` and waits for the navigation it starts.
@@ -78,11 +68,9 @@ async function first(page, selector, timeout) {
 
 async function perform(page, plan, action, timeout) {
   switch (action.do) {
-    case 'goto': {
-      const url = action.url ?? new URL(action.path, plan.base).href;
-      const response = await page.goto(url, { timeout, waitUntil: 'load' });
-      return pageResult(page, response);
-    }
+    case 'goto':
+      return pageResult(page, await page.goto(new URL(action.path, plan.base).href,
+                                               { timeout, waitUntil: 'load' }));
     case 'login': {
       const form = await first(page, 'form#login', timeout);
       await form.locator('input[name=apiKey]').fill(action.key, { timeout });
@@ -159,7 +147,7 @@ async function perform(page, plan, action, timeout) {
 async function main() {
   let plan;
   try {
-    plan = readPlan();
+    plan = JSON.parse(readFileSync(process.argv[2], 'utf8'));
   } catch (e) {
     return { ok: false, error: `cannot read the plan: ${e.message}` };
   }
@@ -174,7 +162,7 @@ async function main() {
   }, plan.totalTimeoutMs ?? 45000);
   try {
     browser = await chromium.launch({
-      executablePath: plan.chromium ?? '/usr/bin/chromium',
+      executablePath: '/usr/bin/chromium',
       args: BROWSER_ARGS,
       timeout,
     });
