@@ -74,11 +74,14 @@ constexpr int kNearChannels = 17;
 static_assert(1.144f * kNearChannels * kNearChannels < kStrictLimit);
 
 // A pixel over the Strict limit, with what the scan measured of it: both colours' YIQ and
-// their distance (the very values toYiq() and distance() give).
+// their distance (the very values toYiq() and distance() give), or only that anti-aliasing
+// explains it (`explained`: the distance is within the anti-aliasing limit, or each colour
+// passes explainedBy's blend test in the other image), in which case the rest is not filled in.
 struct FarPixel {
   int index;
   Yiq a, b;
   float distance;
+  bool explained = false;
 };
 
 #if defined(__SSE2__)
@@ -166,13 +169,48 @@ SAFFRA_TARGET_AVX2 inline __m256 distance8(const YiqLanes8& a, const YiqLanes8& 
                        _mm256_mul_ps(_mm256_mul_ps(_mm256_set1_ps(0.1957f), dq), dq));
 }
 
+// The rows around one row pair, for the blend test of eight pixels at a time: rows y - 1, y and
+// y + 1 of each image, pointing at the pixel of the scan's first column. Groups of eight
+// starting at `first` <= i with i + 8 <= `end` have all their neighbours inside both images.
+struct BlendRows {
+  const std::uint8_t* a[3];
+  const std::uint8_t* b[3];
+  int first, end;
+};
+
+// explainedBy's blend test for the eight pixels of `target` against the 3x3 neighbourhoods of
+// pixels i .. i + 7 of `rows`: bit k is set when each colour channel of pixel k lies between
+// the neighbourhood's minimum and maximum, with kBlendSlack to spare.
+SAFFRA_TARGET_AVX2 inline unsigned blendedAvx2(const std::uint8_t* const (&rows)[3], int i,
+                                               __m256i target) {
+  __m256i lo = _mm256_set1_epi8(-1), hi = _mm256_setzero_si256();
+  for (const std::uint8_t* row : rows) {
+    for (const int x : {i - 1, i, i + 1}) {
+      const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + x * 4));
+      lo = _mm256_min_epu8(lo, v);
+      hi = _mm256_max_epu8(hi, v);
+    }
+  }
+  const __m256i slack = _mm256_set1_epi8(static_cast<char>(kBlendSlack));
+  const __m256i inside = _mm256_and_si256(
+      _mm256_cmpeq_epi8(_mm256_max_epu8(target, _mm256_subs_epu8(lo, slack)), target),
+      _mm256_cmpeq_epi8(_mm256_min_epu8(target, _mm256_adds_epu8(hi, slack)), target));
+  // Alpha takes no part: a pixel passes when its three colour bytes do.
+  const __m256i passed =
+      _mm256_cmpeq_epi32(_mm256_or_si256(inside, _mm256_set1_epi32(static_cast<int>(0xff000000u))),
+                         _mm256_set1_epi32(-1));
+  return static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(passed)));
+}
+
 // The Strict scan of one row pair eight pixels at a time: for each group of eight with pixels
 // over the Strict limit (bits of `over`), calls settled(first pixel, over), and unless that
-// settled them all, far(FarPixel) for each of them left to right. Returns the first pixel it
-// did not look at.
+// settled them all, far(FarPixel) for each of them left to right. With `blend`, pixels that
+// anti-aliasing plainly explains are told so (FarPixel::explained) without the per-pixel
+// tests. Returns the first pixel it did not look at.
 template <class Settled, class Far>
 SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t* rb, int width,
-                                     Settled&& settled, Far&& far) {
+                                     const BlendRows* blend, Settled&& settled, Far&& far) {
+  const __m256 antialias = _mm256_set1_ps(kAntialiasLimit);
   const __m256 strict = _mm256_set1_ps(kStrictLimit);
   const __m256i opaque = _mm256_set1_epi32(static_cast<int>(0xff000000u));
   const __m256i near = _mm256_set1_epi8(kNearChannels);
@@ -193,12 +231,23 @@ SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t*
     const __m256 d = distance8(ya, yb);
     unsigned over = static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(d, strict, _CMP_GT_OQ)));
     if (!over || settled(i, over)) continue;
+    unsigned explained =
+        static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(d, antialias, _CMP_LE_OQ)));
+    if (blend && i >= blend->first && i + 8 <= blend->end) {
+      explained |= blendedAvx2(blend->b, i, va) & blendedAvx2(blend->a, i, vb);
+    }
     alignas(32) float lanes[7][8];
-    for (int k = 0; const __m256 v : {ya.y, ya.i, ya.q, yb.y, yb.i, yb.q, d}) {
-      _mm256_store_ps(lanes[k++], v);
+    if (over & ~explained) {
+      for (int k = 0; const __m256 v : {ya.y, ya.i, ya.q, yb.y, yb.i, yb.q, d}) {
+        _mm256_store_ps(lanes[k++], v);
+      }
     }
     for (; over; over &= over - 1) {
       const int k = __builtin_ctz(over);
+      if (explained >> k & 1) {
+        far(FarPixel{i + k, {}, {}, 0.0f, true});
+        continue;
+      }
       far(FarPixel{i + k,
                    {lanes[0][k], lanes[1][k], lanes[2][k]},
                    {lanes[3][k], lanes[4][k], lanes[5][k]},
@@ -443,7 +492,7 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
         const int xa = s.ax + i, yA = s.ay + j, xb = s.bx + i, yB = s.by + j;
         // Each pixel is in the other's neighbourhood, so colours within the anti-aliasing
         // limit of each other explain each other both ways.
-        if (p.distance <= kAntialiasLimit ||
+        if (p.explained || p.distance <= kAntialiasLimit ||
             (explainedBy(*s.b, xb, yB, pa, p.a, kAntialiasLimit, avx2) &&
              explainedBy(*s.a, xa, yA, pb, p.b, kAntialiasLimit, avx2))) {
           m[i] = kForgiven;
@@ -473,7 +522,19 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
         for (; over; over &= over - 1) m[first + __builtin_ctz(over)] = kCandidate;
         return true;
       };
-      i = farPixelsAvx2(ra, rb, s.width, settled, visible);
+      // Rows around this one in both images, where there are such rows.
+      const int yA = s.ay + j, yB = s.by + j;
+      BlendRows blend;
+      const bool inside = yA > 0 && yA + 1 < s.a->height && yB > 0 && yB + 1 < s.b->height;
+      if (inside) {
+        for (int r = 0; r < 3; ++r) {
+          blend.a[r] = at(*s.a, s.ax, yA - 1 + r);
+          blend.b[r] = at(*s.b, s.bx, yB - 1 + r);
+        }
+        blend.first = std::max({1 - s.ax, 1 - s.bx, 0});
+        blend.end = std::min(s.a->width - 1 - s.ax, s.b->width - 1 - s.bx);
+      }
+      i = farPixelsAvx2(ra, rb, s.width, inside ? &blend : nullptr, settled, visible);
     }
 #endif
 #if defined(__SSE2__)
