@@ -572,7 +572,8 @@ class Inflater {
   bool finished_ = false, failed_ = false;
   std::uint32_t adler_ = 1;
   const std::uint8_t* adlerDone_ = outStart_;
-  std::unique_ptr<Tables> tablesOwned_ = std::make_unique<Tables>();
+  // Not zeroed: a table is filled whole (main part and subtables) before a block reads it.
+  std::unique_ptr<Tables> tablesOwned_ = std::make_unique_for_overwrite<Tables>();
   Tables& tables_ = *tablesOwned_;
 };
 
