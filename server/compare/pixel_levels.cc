@@ -206,10 +206,12 @@ SAFFRA_TARGET_AVX2 inline unsigned blendedAvx2(const std::uint8_t* const (&rows)
 // over the Strict limit (bits of `over`), calls settled(first pixel, over), and unless that
 // settled them all, far(FarPixel) for each of them left to right. With `blend`, pixels that
 // anti-aliasing plainly explains are told so (FarPixel::explained) without the per-pixel
-// tests. Returns the first pixel it did not look at.
-template <class Settled, class Far>
+// tests, and a group of nothing else goes to explained(first pixel, over) at once. Returns the
+// first pixel it did not look at.
+template <class Settled, class Explained, class Far>
 SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t* rb, int width,
-                                     const BlendRows* blend, Settled&& settled, Far&& far) {
+                                     const BlendRows* blend, Settled&& settled,
+                                     Explained&& explainedAll, Far&& far) {
   const __m256 antialias = _mm256_set1_ps(kAntialiasLimit);
   const __m256 strict = _mm256_set1_ps(kStrictLimit);
   const __m256i opaque = _mm256_set1_epi32(static_cast<int>(0xff000000u));
@@ -236,11 +238,13 @@ SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t*
     if (blend && i >= blend->first && i + 8 <= blend->end) {
       explained |= blendedAvx2(blend->b, i, va) & blendedAvx2(blend->a, i, vb);
     }
+    if (!(over & ~explained)) {
+      explainedAll(i, over);
+      continue;
+    }
     alignas(32) float lanes[7][8];
-    if (over & ~explained) {
-      for (int k = 0; const __m256 v : {ya.y, ya.i, ya.q, yb.y, yb.i, yb.q, d}) {
-        _mm256_store_ps(lanes[k++], v);
-      }
+    for (int k = 0; const __m256 v : {ya.y, ya.i, ya.q, yb.y, yb.i, yb.q, d}) {
+      _mm256_store_ps(lanes[k++], v);
     }
     for (; over; over &= over - 1) {
       const int k = __builtin_ctz(over);
@@ -534,7 +538,12 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
         blend.first = std::max({1 - s.ax, 1 - s.bx, 0});
         blend.end = std::min(s.a->width - 1 - s.ax, s.b->width - 1 - s.bx);
       }
-      i = farPixelsAvx2(ra, rb, s.width, inside ? &blend : nullptr, settled, visible);
+      // Explained pixels do not count towards their tile, so a group of them is forgiven
+      // whole (the tile was not full, or settled() would have taken the group).
+      const auto forgiven = [&](int first, unsigned over) {
+        for (; over; over &= over - 1) m[first + __builtin_ctz(over)] = kForgiven;
+      };
+      i = farPixelsAvx2(ra, rb, s.width, inside ? &blend : nullptr, settled, forgiven, visible);
     }
 #endif
 #if defined(__SSE2__)
