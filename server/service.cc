@@ -8,7 +8,6 @@
 #include <cmath>
 #include <ctime>
 #include <functional>
-#include <future>
 #include <map>
 #include <mutex>
 #include <system_error>
@@ -32,6 +31,7 @@
 #include "server/pixel_pool.h"
 #include "server/results_document.h"
 #include "server/store.h"
+#include "server/upload_file.h"
 #include "server/web_access.h"
 #include "server/web_pages.h"
 
@@ -249,6 +249,8 @@ struct Service::Impl {
   /// Pixel buffers that uploads are decoded into. A few spare ones cover the checks running at
   /// once; more would only hold memory.
   std::shared_ptr<PixelPool> uploadPixels = std::make_shared<PixelPool>(4, std::size_t{128} << 20);
+  /// Threads that hash uploads and write their files beside the decoding (see UploadFile).
+  compare::TaskPool storage{2};
 
   /// Adds the time from its creation to its end to a request counter.
   class HandlerTimer {
@@ -475,9 +477,6 @@ struct Service::Impl {
       body = parseBody(req);
     }
     const std::vector<std::uint8_t> png = screenshotFrom(body, std::move(uploaded));
-    // The upload's id names its file and tells whether it is its baseline's very image; it is
-    // hashed once, before the session's lock is taken.
-    const std::string imageId = Store::imageIdOf(png);
     const Json& options = objectAt(body, "options");
     MatchSettings settings = MatchSettings::fromJson(objectAt(options, "imageMatchSettings"));
     std::string tag = textAt(body, "tag");
@@ -499,22 +498,22 @@ struct Service::Impl {
     if (session->baselineId) baseline = store->baselineStep(*session->baselineId, step.position);
     // An upload byte for byte equal to its baseline image has the baseline's pixels, so it
     // matches at every level and is not decoded: the stored image was decoded, and so checked,
-    // before it was first stored. Every other upload is decoded before it is used.
-    const bool sameAsBaseline = baseline && baseline->image == imageId;
+    // before it was first stored. Only an upload of the baseline file's size can be it, so only
+    // such an upload is hashed before anything else.
+    std::optional<std::string> uploadId;
+    if (baseline && store->imageSize(baseline->image) == png.size()) {
+      uploadId = Store::imageIdOf(png);
+    }
+    const bool sameAsBaseline = uploadId && *uploadId == baseline->image;
     const bool ignoreMatch = boolAt(options, "ignoreMatch");
     const bool ignoreMismatch = boolAt(options, "ignoreMismatch");
-    // A step recorded whatever its verdict has a new upload written and flushed to disk under
-    // a temporary name on a thread of its own while it is decoded and compared, so the disk's
-    // latency hides behind that work. The file is stored only once the upload proved a valid
-    // image, before the step's row refers to it; otherwise it is removed.
-    std::future<std::unique_ptr<Store::PendingImage>> written;
-    if (!sameAsBaseline && !ignoreMatch && !ignoreMismatch && !store->hasImage(imageId)) {
-      try {
-        written = std::async(std::launch::async, [&] { return store->writeImage(png, imageId); });
-      } catch (const std::system_error&) {
-        // No thread to spare: the file is written after the comparison instead.
-      }
-    }
+    // Every other upload is hashed on a storage thread while it is decoded and compared; a step
+    // recorded whatever its verdict also has a new upload written there under a temporary name.
+    // The file is stored only once the upload proved a valid image, before the step's row refers
+    // to it (otherwise it is removed), and the store flushes it to disk after the reply.
+    UploadFile file(png, std::move(uploadId), !ignoreMatch && !ignoreMismatch);
+    if (!sameAsBaseline) file.prepareOn(storage, *store);
+
     std::shared_ptr<const Image> current;
     DecodedImage baselinePixels;
     if (sameAsBaseline) {
@@ -539,7 +538,7 @@ struct Service::Impl {
     // A mismatch sent with ignoreMismatch is a retry that a later attempt replaces.
     const bool record = outcome.matches ? !ignoreMatch : !ignoreMismatch;
     if (record) {
-      step.currentImage = written.valid() ? written.get()->keep() : store->putImage(png, imageId);
+      step.currentImage = sameAsBaseline ? baseline->image : file.keep(*store);
       if (baselinePixels.image) {
         if (std::shared_ptr<Image> diff = diffImage(*baselinePixels.image, outcome)) {
           step.diffImage = store->putImage(diff->pngData());

@@ -3,14 +3,19 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <thread>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include <openssl/evp.h>
 #include <sqlite3.h>
@@ -235,9 +240,8 @@ std::string sha256Hex(std::span<const std::uint8_t> bytes) {
   return hex;
 }
 
-// Writes `bytes` to a new file at `path` and flushes it to disk. Throws StoreError, leaving no
-// file behind.
-void writeFlushed(const fs::path& path, std::span<const std::uint8_t> bytes) {
+// Writes `bytes` to a new file at `path`. Throws StoreError, leaving no file behind.
+void writeFile(const fs::path& path, std::span<const std::uint8_t> bytes) {
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) throw StoreError("cannot create " + path.string() + ": " + std::strerror(errno));
   const std::uint8_t* p = bytes.data();
@@ -252,13 +256,26 @@ void writeFlushed(const fs::path& path, std::span<const std::uint8_t> bytes) {
       left -= static_cast<std::size_t>(written);
     }
   }
-  ok = ok && ::fsync(fd) == 0;
   const int error = errno;
   ::close(fd);
   if (!ok) {
     ::unlink(path.c_str());
     throw StoreError("cannot write " + path.string() + ": " + std::strerror(error));
   }
+}
+
+// Flushes a file or folder to disk: empty when done (or when it is gone: nothing of it is
+// left to lose), else why not.
+std::string flushToDisk(const fs::path& path, int flags) {
+  int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return errno == ENOENT ? std::string() : path.string() + ": " + std::strerror(errno);
+  int rc;
+  do {
+    rc = ::fsync(fd);
+  } while (rc != 0 && errno == EINTR);
+  const int error = errno;
+  ::close(fd);
+  return rc == 0 ? std::string() : path.string() + ": " + std::strerror(error);
 }
 
 Json sessionInfoJson(const SessionRecord& s) {
@@ -355,10 +372,83 @@ bool isImageId(const std::string& id) {
   return id.size() == 64 && id.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
+// Stored image files, flushed to disk in the order they were stored, each followed by its
+// folder (which holds its name). A file whose flush failed stays a failure for every later
+// flushImages(): a disk that loses writes is not trusted with a baseline.
+class Store::Flusher {
+ public:
+  Flusher() : thread_([this] { run(); }) {}
+  ~Flusher() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    added_.notify_all();
+    thread_.join();
+  }
+  Flusher(const Flusher&) = delete;
+  Flusher& operator=(const Flusher&) = delete;
+
+  void add(fs::path file) {
+    {
+      std::lock_guard lock(mutex_);
+      queue_.push_back(std::move(file));
+      ++count_;
+    }
+    added_.notify_one();
+  }
+
+  void flush() {
+    std::unique_lock lock(mutex_);
+    const std::uint64_t target = count_;
+    flushed_.wait(lock, [&] { return done_ >= target; });
+    if (!failure_.empty()) throw StoreError("cannot flush " + failure_);
+  }
+
+ private:
+  void run() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      added_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
+      if (queue_.empty()) return;  // stopping, and all is flushed
+      std::vector<fs::path> files = std::exchange(queue_, {});
+      const std::uint64_t upTo = count_;
+      lock.unlock();
+      std::string failure;
+      std::vector<fs::path> folders;
+      for (const fs::path& file : files) {
+        if (std::string why = flushToDisk(file, O_RDONLY); !why.empty()) failure = why;
+        if (std::find(folders.begin(), folders.end(), file.parent_path()) == folders.end()) {
+          folders.push_back(file.parent_path());
+        }
+      }
+      for (const fs::path& folder : folders) {
+        if (std::string why = flushToDisk(folder, O_RDONLY | O_DIRECTORY); !why.empty()) {
+          failure = why;
+        }
+      }
+      lock.lock();
+      if (failure_.empty()) failure_ = failure;
+      done_ = upTo;
+      flushed_.notify_all();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable added_, flushed_;
+  std::vector<fs::path> queue_;
+  std::uint64_t count_ = 0;  // files added so far
+  std::uint64_t done_ = 0;   // of those, the ones flushed (or given up on)
+  std::string failure_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
 Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "images") {
   std::error_code error;
   fs::create_directories(imageFolder_, error);
   if (error) throw StoreError("cannot create " + imageFolder_.string() + ": " + error.message());
+  flusher_ = std::make_unique<Flusher>();
   fs::path database = folder_ / "saffra.db";
   int rc =
       sqlite3_open_v2(database.c_str(), &db_,
@@ -402,6 +492,10 @@ void Store::migrate() {
   }
 }
 
+void Store::flushImages() {
+  flusher_->flush();
+}
+
 fs::path Store::imagePath(const std::string& id) const {
   return imageFolder_ / id.substr(0, 2) / (id + ".png");
 }
@@ -415,12 +509,12 @@ std::string Store::putImage(std::span<const std::uint8_t> png) {
 }
 
 std::string Store::putImage(std::span<const std::uint8_t> png, const std::string& id) {
-  if (hasImage(id)) return id;
+  if (hasImage(id, png.size())) return id;
   return writeImage(png, id)->keep();
 }
 
-Store::PendingImage::PendingImage(fs::path temporary, fs::path path, std::string id)
-    : temporary_(std::move(temporary)), path_(std::move(path)), id_(std::move(id)) {}
+Store::PendingImage::PendingImage(Store& store, fs::path temporary, fs::path path, std::string id)
+    : store_(store), temporary_(std::move(temporary)), path_(std::move(path)), id_(std::move(id)) {}
 
 Store::PendingImage::~PendingImage() {
   if (!kept_) ::unlink(temporary_.c_str());
@@ -435,6 +529,7 @@ std::string Store::PendingImage::keep() {
     ::unlink(temporary_.c_str());
     throw StoreError("cannot write " + path_.string() + ": " + std::strerror(error));
   }
+  store_.flusher_->add(path_);
   return id_;
 }
 
@@ -447,13 +542,20 @@ std::unique_ptr<Store::PendingImage> Store::writeImage(std::span<const std::uint
   if (error)
     throw StoreError("cannot create " + path.parent_path().string() + ": " + error.message());
   fs::path temporary = path.parent_path() / (".tmp-" + newUUIDString());
-  writeFlushed(temporary, png);
-  return std::unique_ptr<PendingImage>(new PendingImage(std::move(temporary), path, id));
+  writeFile(temporary, png);
+  return std::unique_ptr<PendingImage>(new PendingImage(*this, std::move(temporary), path, id));
 }
 
-bool Store::hasImage(const std::string& id) const {
+bool Store::hasImage(const std::string& id, std::uint64_t size) const {
+  return imageSize(id) == size;
+}
+
+std::optional<std::uint64_t> Store::imageSize(const std::string& id) const {
+  if (!isImageId(id)) return std::nullopt;
   std::error_code error;
-  return isImageId(id) && fs::exists(imagePath(id), error);
+  const std::uintmax_t size = fs::file_size(imagePath(id), error);
+  if (error) return std::nullopt;
+  return size;
 }
 
 std::optional<std::vector<std::uint8_t>> Store::readImage(const std::string& id) const {
@@ -577,6 +679,7 @@ std::map<std::int64_t, bool> Store::reviews(const std::string& sessionId) {
 
 void Store::reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
                         const Outcome& outcome) {
+  flushImages();  // accepted steps' images become baseline images
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
   std::string key;
@@ -715,6 +818,7 @@ void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
 
 void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
                           const std::vector<BaselineStep>* newBaseline) {
+  if (newBaseline) flushImages();
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
   {

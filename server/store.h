@@ -123,12 +123,15 @@ class Store {
   /// The same for bytes whose id the caller already has from imageIdOf, so a large image is
   /// hashed once. Throws StoreError for a text that is not an image id.
   std::string putImage(std::span<const std::uint8_t> png, const std::string& id);
-  /// True when an image of this id is stored.
-  bool hasImage(const std::string& id) const;
+  /// True when an image of this id is stored whole: its file holds `size` bytes. (A file that
+  /// a power loss cut short before it reached the disk is not taken for the image.)
+  bool hasImage(const std::string& id, std::uint64_t size) const;
+  /// The size in bytes of a stored image's file; nothing for an unknown or malformed id.
+  std::optional<std::uint64_t> imageSize(const std::string& id) const;
 
-  /// An image's file written and flushed to disk under a temporary name, not stored yet:
-  /// keep() stores it under its id; one not kept is removed when this goes. Lets an upload be
-  /// written while it is checked and stored only once it proved valid.
+  /// An image's file written under a temporary name, not stored yet: keep() stores it under its
+  /// id; one not kept is removed when this goes. Lets an upload be written while it is checked
+  /// and stored only once it proved valid.
   class PendingImage {
    public:
     ~PendingImage();
@@ -140,7 +143,9 @@ class Store {
 
    private:
     friend class Store;
-    PendingImage(std::filesystem::path temporary, std::filesystem::path path, std::string id);
+    PendingImage(Store& store, std::filesystem::path temporary, std::filesystem::path path,
+                 std::string id);
+    Store& store_;
     std::filesystem::path temporary_, path_;
     std::string id_;
     bool kept_ = false;
@@ -151,6 +156,11 @@ class Store {
                                            const std::string& id);
   /// The bytes of a stored image; nothing for an unknown or malformed id.
   std::optional<std::vector<std::uint8_t>> readImage(const std::string& id) const;
+  /// Waits until every image file stored so far is on disk. Image files are written at once,
+  /// so a crash of the service loses none that it stored, and a thread of the store flushes
+  /// them to disk soon after, so that no request waits for the disk; a baseline is saved only
+  /// after this. Throws StoreError when the disk refused to flush a file.
+  void flushImages();
 
   std::optional<std::int64_t> findBaseline(const std::string& key);
   std::vector<BaselineStep> baselineSteps(std::int64_t baselineId);
@@ -191,8 +201,12 @@ class Store {
   /// Brings a database made by an earlier version up to the current schema.
   void migrate();
 
+  /// The thread that flushes stored image files to disk (defined in store.cc).
+  class Flusher;
+
   std::filesystem::path folder_;
   std::filesystem::path imageFolder_;
+  std::unique_ptr<Flusher> flusher_;
   mutable std::mutex mutex_;
   sqlite3* db_ = nullptr;
   std::unique_ptr<StatementCache> statements_;

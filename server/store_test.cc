@@ -1,0 +1,79 @@
+// Image files of the store: written beside the checks that use them, kept or dropped, and never
+// trusted when a file is not whole.
+#include "server/store.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "server/compare/task_pool.h"
+#include "server/service_test_support.h"
+#include "server/upload_file.h"
+
+namespace saffra::server {
+namespace {
+
+using testing::TempFolder;
+
+std::vector<std::uint8_t> bytesOf(const std::string& text) {
+  return std::vector<std::uint8_t>(text.begin(), text.end());
+}
+
+// The files under the image folder, temporary ones included.
+std::size_t filesIn(const std::filesystem::path& folder) {
+  std::size_t n = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder / "images")) {
+    n += entry.is_regular_file();
+  }
+  return n;
+}
+
+// A file that a power loss cut short (it never reached the disk whole) is not taken for the
+// image: storing the same bytes again writes it whole.
+TEST(StoreTest, AnImageFileCutShortIsWrittenAgain) {
+  TempFolder folder;
+  Store store(folder.path());
+  const auto png = bytesOf("not really a PNG, but bytes all the same");
+  const std::string id = store.putImage(png);
+  EXPECT_TRUE(store.hasImage(id, png.size()));
+  store.flushImages();
+
+  const auto path = folder.path() / "images" / id.substr(0, 2) / (id + ".png");
+  std::filesystem::resize_file(path, 0);
+  EXPECT_FALSE(store.hasImage(id, png.size()));
+  EXPECT_EQ(store.putImage(png, id), id);
+  EXPECT_EQ(store.readImage(id), png);
+  EXPECT_EQ(filesIn(folder.path()), 1u);
+}
+
+// An upload is hashed and written on a storage thread, or by keep() itself when there is no
+// thread to spare; a file written ahead and not kept leaves nothing behind.
+TEST(StoreTest, UploadFilesAreKeptOrDroppedWithOrWithoutAThread) {
+  TempFolder folder;
+  Store store(folder.path());
+  compare::TaskPool pool(1), none(0);
+  for (compare::TaskPool* threads : {&pool, &none}) {
+    const auto png = bytesOf(threads == &pool ? "kept, from a thread" : "kept, without one");
+    {
+      UploadFile dropped(png, std::nullopt, true);
+      dropped.prepareOn(*threads, store);
+    }
+    EXPECT_EQ(filesIn(folder.path()), threads == &pool ? 0u : 1u);
+
+    UploadFile file(png, std::nullopt, true);
+    file.prepareOn(*threads, store);
+    const std::string id = file.keep(store);
+    EXPECT_EQ(id, Store::imageIdOf(png));
+    EXPECT_EQ(store.readImage(id), png);
+    // The same bytes again, not written ahead: the stored file serves.
+    UploadFile again(png, id, false);
+    again.prepareOn(*threads, store);
+    EXPECT_EQ(again.keep(store), id);
+  }
+  store.flushImages();
+  EXPECT_EQ(filesIn(folder.path()), 2u);
+}
+
+}  // namespace
+}  // namespace saffra::server
