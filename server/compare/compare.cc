@@ -507,6 +507,7 @@ CompareResult Comparison::State::finish() {
             });
   result.matches = result.differences.empty();
   if (!result.matches && options.keepMask) {
+    detail::resolveForgiven(a, b, mask.data());
     result.mask = mask;
     result.maskWidth = width;
     result.maskHeight = height;

@@ -206,12 +206,14 @@ SAFFRA_TARGET_AVX2 inline unsigned blendedAvx2(const std::uint8_t* const (&rows)
 // over the Strict limit (bits of `over`), calls settled(first pixel, over), and unless that
 // settled them all, far(FarPixel) for each of them left to right. With `blend`, pixels that
 // anti-aliasing plainly explains are told so (FarPixel::explained) without the per-pixel
-// tests, and a group of nothing else goes to explained(first pixel, over) at once. Returns the
-// first pixel it did not look at.
-template <class Settled, class Explained, class Far>
+// tests. Explained pixels cannot count, so while open(first pixel) says their tile does not
+// count yet, mark(first pixel, pixels, value) marks them at once: a group in which anti-aliasing
+// explains every differing pixel kUnresolved without measuring distances, a group whose far
+// pixels it all explains kForgiven. Returns the first pixel it did not look at.
+template <class Settled, class Open, class Mark, class Far>
 SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t* rb, int width,
-                                     const BlendRows* blend, Settled&& settled,
-                                     Explained&& explainedAll, Far&& far) {
+                                     const BlendRows* blend, Settled&& settled, Open&& open,
+                                     Mark&& mark, Far&& far) {
   const __m256 antialias = _mm256_set1_ps(kAntialiasLimit);
   const __m256 strict = _mm256_set1_ps(kStrictLimit);
   const __m256i opaque = _mm256_set1_epi32(static_cast<int>(0xff000000u));
@@ -229,17 +231,27 @@ SAFFRA_TARGET_AVX2 int farPixelsAvx2(const std::uint8_t* ra, const std::uint8_t*
         _mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(spread, near), near)) == -1) {
       continue;
     }
+    // In a tile that counts already, far pixels count without these tests (see settled()).
+    unsigned blended = 0;
+    if (blend && i >= blend->first && i + 8 <= blend->end && open(i)) {
+      blended = blendedAvx2(blend->b, i, va) & blendedAvx2(blend->a, i, vb);
+      const unsigned differing = ~static_cast<unsigned>(_mm256_movemask_ps(
+                                     _mm256_castsi256_ps(_mm256_cmpeq_epi32(va, vb)))) &
+                                 0xffu;
+      if (!(differing & ~blended)) {
+        mark(i, differing, kUnresolved);
+        continue;
+      }
+    }
     const YiqLanes8 ya = toYiq8(va, allOpaque), yb = toYiq8(vb, allOpaque);
     const __m256 d = distance8(ya, yb);
     unsigned over = static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(d, strict, _CMP_GT_OQ)));
     if (!over || settled(i, over)) continue;
-    unsigned explained =
+    const unsigned explained =
+        blended |
         static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(d, antialias, _CMP_LE_OQ)));
-    if (blend && i >= blend->first && i + 8 <= blend->end) {
-      explained |= blendedAvx2(blend->b, i, va) & blendedAvx2(blend->a, i, vb);
-    }
-    if (!(over & ~explained)) {
-      explainedAll(i, over);
+    if (!(over & ~explained)) {  // settled() found the tile open
+      mark(i, over, kForgiven);
       continue;
     }
     alignas(32) float lanes[7][8];
@@ -538,12 +550,13 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
         blend.first = std::max({1 - s.ax, 1 - s.bx, 0});
         blend.end = std::min(s.a->width - 1 - s.ax, s.b->width - 1 - s.bx);
       }
-      // Explained pixels do not count towards their tile, so a group of them is forgiven
-      // whole (the tile was not full, or settled() would have taken the group).
-      const auto forgiven = [&](int first, unsigned over) {
-        for (; over; over &= over - 1) m[first + __builtin_ctz(over)] = kForgiven;
+      const auto open = [&](int first) {
+        return shapesOnly || band[first / kTile] < kMinClusterPixels;
       };
-      i = farPixelsAvx2(ra, rb, s.width, inside ? &blend : nullptr, settled, forgiven, visible);
+      const auto mark = [&](int first, unsigned pixels, std::uint8_t value) {
+        for (; pixels; pixels &= pixels - 1) m[first + __builtin_ctz(pixels)] = value;
+      };
+      i = farPixelsAvx2(ra, rb, s.width, inside ? &blend : nullptr, settled, open, mark, visible);
     }
 #endif
 #if defined(__SSE2__)
@@ -590,6 +603,17 @@ std::size_t diffStrict(const Span& s, bool shapesOnly) {
     }
   }
   return count;
+}
+
+void resolveForgiven(const Pixels& a, const Pixels& b, std::uint8_t* mask) {
+  std::uint8_t* const end = mask + static_cast<std::size_t>(a.width) * a.height;
+  for (std::uint8_t* m = mask; m < end; ++m) {
+    m = static_cast<std::uint8_t*>(std::memchr(m, kUnresolved, static_cast<std::size_t>(end - m)));
+    if (!m) break;
+    const std::size_t k = static_cast<std::size_t>(m - mask);
+    const float d = distance(toYiq(load(a.data + k * 4)), toYiq(load(b.data + k * 4)));
+    *m = d > kStrictLimit ? kForgiven : kSame;
+  }
 }
 
 std::size_t diffLayout(const Span& s) {
@@ -659,19 +683,20 @@ Clusters cluster(std::uint8_t* mask, std::size_t maskStride, int width, int heig
     // Sixteen mask bytes (two tiles) at a time.
     for (; x + 16 <= width; x += 16) {
       const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(m + x));
-      const unsigned high = static_cast<unsigned>(
-          _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(v, _mm_set1_epi8(kCounted)), v)));
-      if (!high) continue;
-      marked += bitCount(high);
       const unsigned candidates =
           static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(kCandidate))));
+      const unsigned high =
+          candidates |
+          static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(kCounted))));
+      if (!high) continue;
+      marked += bitCount(high);
       counts[tile(x / kTile, y / kTile)] += bitCount(candidates & 0xffu);
       counts[tile(x / kTile + 1, y / kTile)] += bitCount(candidates >> 8);
     }
 #endif
     for (; x < width; ++x) {
       if (m[x] == kCandidate) ++counts[tile(x / kTile, y / kTile)];
-      if (m[x] >= kCounted) ++marked;
+      if (m[x] == kCounted || m[x] == kCandidate) ++marked;
     }
   }
   if (marked == 0) return result;

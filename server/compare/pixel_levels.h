@@ -12,8 +12,10 @@
 
 namespace saffra::compare::detail {
 
-/// Mask values while a comparison runs.
-enum : std::uint8_t { kSame = 0, kForgiven = 1, kCounted = 2, kCandidate = 3 };
+/// Mask values while a comparison runs. kUnresolved marks a pixel that differs where
+/// anti-aliasing plainly explains it, so it cannot count, but whether it differs enough to show
+/// as kForgiven is not measured: resolveForgiven() settles that for a mask that is kept.
+enum : std::uint8_t { kSame = 0, kForgiven = 1, kCounted = 2, kCandidate = 3, kUnresolved = 4 };
 
 /// Straight RGBA pixels in rows without padding (an Image's, or a decoding buffer's).
 struct Pixels {
@@ -45,6 +47,10 @@ std::size_t diffExact(const Span& s);
 std::size_t diffStrict(const Span& s, bool shapesOnly);
 /// Marks kCandidate where the element-box maps of the two areas differ beyond one pixel.
 std::size_t diffLayout(const Span& s);
+/// Turns the kUnresolved marks of a whole-image mask of `a` and `b` (of one size) into what
+/// diffStrict would have marked there: kForgiven where the pixels are over the Strict limit,
+/// else kSame.
+void resolveForgiven(const Pixels& a, const Pixels& b, std::uint8_t* mask);
 
 /// The verdict on a marked mask area whose top-left pixel sits at (originX, originY) in image
 /// coordinates.
