@@ -17,11 +17,11 @@
 // The Node.js tools are installed on first use by bench/tools/install-compare-tools.sh into
 // $HOME/.cache/saffra-bench; without node or npm only our engine is timed.
 //
-// Last measured (Release, SAFFRA_BENCH_ITERATIONS=5, --benchmark_min_time=1, 2 cores, AVX-512
-// Xeon, idle): 1170x2532 pairs 15.9x faster than pixelmatch and 5.6x faster than odiff
-// (geometric means), each of them 12.4x or more, 5.5-11.0 ms per pair; every pair of the set
-// 10.5x or more; verdicts 0 wrong of 20. The two files are inflated by the
-// codec's own inflater and rebuilt together piece by piece (shared rows once, Paeth rows as
+// Last measured (Release, SAFFRA_BENCH_ITERATIONS=5, --benchmark_min_time=1, 2 cores, AMD EPYC
+// with AVX-512): 1170x2532 pairs 16.2x faster than pixelmatch and 6.7x faster than odiff
+// (geometric means), each of them 11.8x or more, 6.5-13.8 ms per pair; of the smaller pairs only
+// the 750x1334 shift pair is under 10x (9.4x); verdicts 0 wrong of 20. The two files are inflated
+// by the codec's own inflater and rebuilt together piece by piece (shared rows once, Paeth rows as
 // stretches side by side); inflating, Paeth rows and the Strict kernel's anti-aliasing tests on
 // differing rows are most of what is left.
 #include <sched.h>
