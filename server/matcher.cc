@@ -71,7 +71,7 @@ MatchOutcome matchImages(const Image& baseline, const Image& current,
 
 DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> upload,
                             const DecodedImage& reference, const MatchSettings& settings,
-                            const std::function<void()>& decoded) {
+                            const std::function<void()>& beside) {
   const Image& baseline = *reference.image;
   png::RowProgress progress;
   compare::CompareOptions options = engineOptions(settings);
@@ -126,11 +126,11 @@ DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> uploa
   bool fast = false;
   {
     const Settled settled{progress, following, failure};
-    match.current = pool.decode(upload, &progress, &reference,
-                                [&] { comparisonOfRows().diffReady(progress.rows()); })
+    match.current = pool.decode(
+                            upload, &progress, &reference,
+                            [&] { comparisonOfRows().diffReady(progress.rows()); }, beside)
                         .image;
     fast = progress.complete();  // else the general decoder made the image
-    if (decoded) decoded();
   }
   if (failure) std::rethrow_exception(failure);
   if (fast && !early && progress.inBands()) early = comparisonOfRows().finish();

@@ -43,12 +43,12 @@ struct DecodedMatch {
 /// Decodes the PNG `upload` into `pool`'s buffers and compares it with `baseline` like
 /// matchImages, the comparison following the decoding band by band on other threads. Bands of
 /// the upload that are the baseline file's very bytes are copied from the baseline and not
-/// compared. `decoded` runs once the upload is known to be a valid image, while the comparison
-/// may still be going on. Throws Exception "InvalidImageException" for an upload that is not a
-/// PNG.
+/// compared. `beside` is other work for the calling thread, run once while the decoding goes on
+/// (see PixelPool::decode). Throws Exception "InvalidImageException" for an upload that is not
+/// a PNG.
 DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> upload,
                             const DecodedImage& baseline, const MatchSettings& settings,
-                            const std::function<void()>& decoded = {});
+                            const std::function<void()>& beside = {});
 
 /// The diff image of a mismatch found by matchImages with this baseline: the baseline faded
 /// with the differences marked; nullptr when the comparison found a match. Made only on request,

@@ -56,7 +56,15 @@ std::size_t PixelPool::bytes() const {
 
 DecodedImage PixelPool::decode(std::span<const std::uint8_t> png, png::RowProgress* progress,
                                const DecodedImage* reference,
-                               const std::function<void()>& afterBand) {
+                               const std::function<void()>& afterBand,
+                               const std::function<void()>& beside) {
+  bool besideDone = false;
+  const auto doBeside = [&] {
+    if (beside && !besideDone) {
+      besideDone = true;
+      beside();
+    }
+  };
   // The IHDR's size, when there is one, picks a buffer that needs no growing.
   std::size_t expected = 0;
   if (png.size() >= 24) {
@@ -86,6 +94,7 @@ DecodedImage PixelPool::decode(std::span<const std::uint8_t> png, png::RowProgre
     } catch (const std::system_error&) {
       // No thread to spare: this thread decodes every band.
     }
+    doBeside();
     banded.work(afterBand);
     if (helper) helper->finish();  // withdrawn if it has not started
     if (banded.finish()) {
@@ -101,8 +110,11 @@ DecodedImage PixelPool::decode(std::span<const std::uint8_t> png, png::RowProgre
   std::size_t width = 0, height = 0;
   if (!png::decodeCommonInto(png.data(), png.size(), buffer, width, height, progress)) {
     letGo();
-    return {Image::fromPNGData(png.data(), png.size()), nullptr};
+    std::shared_ptr<const Image> image = Image::fromPNGData(png.data(), png.size());
+    doBeside();
+    return {std::move(image), nullptr};
   }
+  doBeside();
   return {pooledImage(width, height, std::move(buffer)), nullptr};
 }
 

@@ -50,10 +50,13 @@ class PixelPool : public std::enable_shared_from_this<PixelPool> {
   /// The same, with what it learnt of the file's bands. A file compressed in bands is decoded
   /// on this thread and a pool thread, each of which runs `afterBand` after every band it
   /// published; bands it shares with `reference` (an earlier decoding) are copied from it, and
-  /// the progress says which rows those are.
+  /// the progress says which rows those are. `beside` is other work for this thread, run once:
+  /// while the pool thread decodes the first bands, or after a file of one band is decoded
+  /// (while a comparison may still follow its rows).
   DecodedImage decode(std::span<const std::uint8_t> png, png::RowProgress* progress = nullptr,
                       const DecodedImage* reference = nullptr,
-                      const std::function<void()>& afterBand = {});
+                      const std::function<void()>& afterBand = {},
+                      const std::function<void()>& beside = {});
 
  private:
   /// The image of a decoding into `buffer`, which goes back to the pool with the image.

@@ -249,8 +249,6 @@ struct Service::Impl {
   /// Pixel buffers that uploads are decoded into. A few spare ones cover the checks running at
   /// once; more would only hold memory.
   std::shared_ptr<PixelPool> uploadPixels = std::make_shared<PixelPool>(4, std::size_t{128} << 20);
-  /// Threads that hash uploads and write their files beside the decoding (see UploadFile).
-  compare::TaskPool storage{2};
 
   /// Adds the time from its creation to its end to a request counter.
   class HandlerTimer {
@@ -424,19 +422,21 @@ struct Service::Impl {
     }
   }
 
-  /// Decodes an upload into one of the pooled pixel buffers.
-  std::shared_ptr<const Image> decodeUpload(const std::vector<std::uint8_t>& png) {
+  /// Decodes an upload into one of the pooled pixel buffers; this thread prepares its file
+  /// while a helper decodes.
+  std::shared_ptr<const Image> decodeUpload(const std::vector<std::uint8_t>& png,
+                                            UploadFile& file) {
     try {
-      return uploadPixels->decodePNG(png);
+      return uploadPixels->decode(png, nullptr, nullptr, {}, [&] { file.prepare(*store); }).image;
     } catch (const Exception& e) {
       throw invalidUpload(e);
     }
   }
   /// The same, compared with `baseline` as it is decoded.
-  DecodedMatch decodeUpload(const std::vector<std::uint8_t>& png, const DecodedImage& baseline,
-                            const MatchSettings& settings) {
+  DecodedMatch decodeUpload(const std::vector<std::uint8_t>& png, UploadFile& file,
+                            const DecodedImage& baseline, const MatchSettings& settings) {
     try {
-      return decodeAndMatch(*uploadPixels, png, baseline, settings);
+      return decodeAndMatch(*uploadPixels, png, baseline, settings, [&] { file.prepare(*store); });
     } catch (const Exception& e) {
       throw invalidUpload(e);
     }
@@ -507,12 +507,11 @@ struct Service::Impl {
     const bool sameAsBaseline = uploadId && *uploadId == baseline->image;
     const bool ignoreMatch = boolAt(options, "ignoreMatch");
     const bool ignoreMismatch = boolAt(options, "ignoreMismatch");
-    // Every other upload is hashed on a storage thread while it is decoded and compared; a step
-    // recorded whatever its verdict also has a new upload written there under a temporary name.
-    // The file is stored only once the upload proved a valid image, before the step's row refers
-    // to it (otherwise it is removed), and the store flushes it to disk after the reply.
+    // Every other upload is hashed while a helper decodes it; a step recorded whatever its
+    // verdict also has a new upload written then under a temporary name. The file is stored
+    // only once the upload proved a valid image, before the step's row refers to it (otherwise
+    // it is removed), and the store flushes it to disk after the reply.
     UploadFile file(png, std::move(uploadId), !ignoreMatch && !ignoreMismatch);
-    if (!sameAsBaseline) file.prepareOn(storage, *store);
 
     std::shared_ptr<const Image> current;
     DecodedImage baselinePixels;
@@ -521,11 +520,11 @@ struct Service::Impl {
     } else if (baseline) {
       // The comparison follows the decoding.
       baselinePixels = storedImage(baseline->image);
-      DecodedMatch match = decodeUpload(png, baselinePixels, settings);
+      DecodedMatch match = decodeUpload(png, file, baselinePixels, settings);
       current = std::move(match.current);
       outcome = std::move(match.outcome);
     } else {
-      current = decodeUpload(png);
+      current = decodeUpload(png, file);
       // Steps of a new test become its proposed baseline; a step beyond an existing baseline
       // is new and needs approval.
       outcome.matches = session->isNew;

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "server/compare/task_pool.h"
 #include "server/service_test_support.h"
 #include "server/upload_file.h"
 
@@ -47,32 +46,36 @@ TEST(StoreTest, AnImageFileCutShortIsWrittenAgain) {
   EXPECT_EQ(filesIn(folder.path()), 1u);
 }
 
-// An upload is hashed and written on a storage thread, or by keep() itself when there is no
-// thread to spare; a file written ahead and not kept leaves nothing behind.
-TEST(StoreTest, UploadFilesAreKeptOrDroppedWithOrWithoutAThread) {
+// An upload's file is written ahead beside its decoding, or by keep() itself when nothing
+// prepared it; a file written ahead and not kept leaves nothing behind, and a failure to write
+// ahead is reported when the file is kept.
+TEST(StoreTest, UploadFilesAreKeptOrDropped) {
   TempFolder folder;
   Store store(folder.path());
-  compare::TaskPool pool(1), none(0);
-  for (compare::TaskPool* threads : {&pool, &none}) {
-    const auto png = bytesOf(threads == &pool ? "kept, from a thread" : "kept, without one");
-    {
-      UploadFile dropped(png, std::nullopt, true);
-      dropped.prepareOn(*threads, store);
-    }
-    EXPECT_EQ(filesIn(folder.path()), threads == &pool ? 0u : 1u);
+  const auto png = bytesOf("kept in the end");
+  {
+    UploadFile dropped(png, std::nullopt, true);
+    dropped.prepare(store);
+    EXPECT_EQ(filesIn(folder.path()), 1u);
+  }
+  EXPECT_EQ(filesIn(folder.path()), 0u);
 
+  for (const bool prepared : {true, false}) {
     UploadFile file(png, std::nullopt, true);
-    file.prepareOn(*threads, store);
+    if (prepared) file.prepare(store);
     const std::string id = file.keep(store);
     EXPECT_EQ(id, Store::imageIdOf(png));
     EXPECT_EQ(store.readImage(id), png);
-    // The same bytes again, not written ahead: the stored file serves.
-    UploadFile again(png, id, false);
-    again.prepareOn(*threads, store);
-    EXPECT_EQ(again.keep(store), id);
   }
   store.flushImages();
-  EXPECT_EQ(filesIn(folder.path()), 2u);
+  EXPECT_EQ(filesIn(folder.path()), 1u);
+
+  // A file where the image's folder should be: it cannot be written.
+  const auto other = bytesOf("never written");
+  std::ofstream(folder.path() / "images" / Store::imageIdOf(other).substr(0, 2)) << "in the way";
+  UploadFile unwritable(other, std::nullopt, true);
+  unwritable.prepare(store);
+  EXPECT_THROW(unwritable.keep(store), StoreError);
 }
 
 }  // namespace
