@@ -372,9 +372,10 @@ bool isImageId(const std::string& id) {
   return id.size() == 64 && id.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
-// Stored image files, flushed to disk in the order they were stored, each followed by its
-// folder (which holds its name). A file whose flush failed stays a failure for every later
-// flushImages(): a disk that loses writes is not trusted with a baseline.
+// Stored image files, flushed to disk in the order they were stored, then their folders (which
+// hold their names) and the folders above those (which may have gained the folders). A file
+// whose flush failed stays a failure for every later flushImages(): a disk that loses writes is
+// not trusted with a baseline.
 class Store::Flusher {
  public:
   Flusher() : thread_([this] { run(); }) {}
@@ -416,11 +417,15 @@ class Store::Flusher {
       lock.unlock();
       std::string failure;
       std::vector<fs::path> folders;
+      const auto addFolder = [&](const fs::path& folder) {
+        if (std::find(folders.begin(), folders.end(), folder) == folders.end()) {
+          folders.push_back(folder);
+        }
+      };
       for (const fs::path& file : files) {
         if (std::string why = flushToDisk(file, O_RDONLY); !why.empty()) failure = why;
-        if (std::find(folders.begin(), folders.end(), file.parent_path()) == folders.end()) {
-          folders.push_back(file.parent_path());
-        }
+        addFolder(file.parent_path());
+        addFolder(file.parent_path().parent_path());  // which may have gained the folder
       }
       for (const fs::path& folder : folders) {
         if (std::string why = flushToDisk(folder, O_RDONLY | O_DIRECTORY); !why.empty()) {
