@@ -44,18 +44,19 @@
 //     Desktop            check 8.5 ms,       service 2.74 ms,      share 0.32
 //     SmallTest          1.95 ms for a whole test (start, one check, close)
 // On a 2-core AMD EPYC (AVX-512), whose host's other tenants move times by 10-20%, that code
-// measured Phone share 0.321 and PhoneNewBytes 0.357 (medians of four runs interleaved with
-// the code below). Then uploads were hashed and written on storage threads beside their
-// decoding, files were flushed to disk after the reply instead of before it, and Strict's
-// anti-aliasing test ran on eight pixels at a time before any distance was measured:
-//     Phone              check 13.8-15.5 ms, service 4.03-4.26 ms, share 0.27-0.29 (median
-//                        0.289), 65-72 checks/s
-//     PhoneNewBytes      check 13.6-15.2 ms, service 4.40-4.64 ms, share 0.30-0.31 (median
-//                        0.304)
-//     PhoneIgnoredChange check 11.7-11.9 ms, service 2.01-2.03 ms, share 0.17
-//     PhoneSameBytes     check 11.3-11.8 ms, service 0.68-0.71 ms, share 0.06
-//     Desktop            check 10.4-11.3 ms, service 3.00-3.33 ms, share 0.29
-//     SmallTest          2.25-2.35 ms for a whole test
+// measured Phone share 0.321-0.339 and PhoneNewBytes 0.357-0.384 (medians of four runs
+// interleaved with the code below). Then the request's thread hashed and wrote the upload while
+// a pool thread decoded the first bands, files were flushed to disk after the reply instead of
+// before it, and Strict's anti-aliasing test ran on eight pixels at a time before any distance
+// was measured:
+//     Phone              check 13.3-15.5 ms, service 3.8-4.4 ms, share 0.27-0.32 (medians of
+//                        interleaved runs 0.289-0.303), 65-77 checks/s
+//     PhoneNewBytes      check 13.1-15.2 ms, service 3.9-4.6 ms, share 0.30-0.33 (medians
+//                        0.304-0.308)
+//     PhoneIgnoredChange check 11.7-12.7 ms, service 2.0 ms, share 0.16-0.17
+//     PhoneSameBytes     check 10.6-12.1 ms, service 0.65-0.77 ms, share 0.06
+//     Desktop            check 10.4-11.3 ms, service 3.0-3.5 ms, share 0.29-0.33
+//     SmallTest          2.25-2.55 ms for a whole test
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
