@@ -207,12 +207,12 @@ TEST(PixelPoolTest, DecodesIntoReusedBuffersLikeTheGeneralDecoder) {
                                                  wide.pngData()};
   for (const auto& png : pngs) {
     std::shared_ptr<const Image> expected = Image::fromPNGData(png);
-    std::shared_ptr<const Image> decoded = pool->decodePNG(png);
+    std::shared_ptr<const Image> decoded = pool->decode(png).image;
     ASSERT_EQ(decoded->width(), expected->width());
     ASSERT_EQ(decoded->height(), expected->height());
     EXPECT_EQ(decoded->pixels(), expected->pixels());
   }
-  std::shared_ptr<const Image> held = pool->decodePNG(pngs[0]);
+  std::shared_ptr<const Image> held = pool->decode(pngs[0]).image;
   EXPECT_EQ(pool->count(), 0u);
   held.reset();
   EXPECT_EQ(pool->count(), 1u);
@@ -220,12 +220,12 @@ TEST(PixelPoolTest, DecodesIntoReusedBuffersLikeTheGeneralDecoder) {
   std::vector<std::uint8_t> truncated = wide.pngData();
   truncated.resize(truncated.size() / 2);
   for (const auto& broken : {truncated, std::vector<std::uint8_t>{1, 2, 3}, {}}) {
-    EXPECT_THROW(pool->decodePNG(broken), Exception);
+    EXPECT_THROW(pool->decode(broken).image, Exception);
   }
   EXPECT_EQ(pool->count(), 1u);
 
   // Images may outlive their pool; their buffers are then simply freed.
-  held = pool->decodePNG(narrow.pngData());
+  held = pool->decode(narrow.pngData()).image;
   pool.reset();
   EXPECT_EQ(held->pixels(), narrow.pixels());
 }

@@ -42,17 +42,13 @@ class PixelPool : public std::enable_shared_from_this<PixelPool> {
   /// reference to it goes. PNGs of the common kind (8-bit RGB or RGBA) are decoded straight
   /// into the buffer, publishing rows to `progress` when given; others (and those the fast
   /// decoder gives up on, whose buffer then stays with `progress`) by the general decoder.
-  /// Throws like Image::fromPNGData.
-  std::shared_ptr<const Image> decodePNG(std::span<const std::uint8_t> png,
-                                         png::RowProgress* progress = nullptr) {
-    return decode(png, progress).image;
-  }
-  /// The same, with what it learnt of the file's bands. A file compressed in bands is decoded
-  /// on this thread and a pool thread, each of which runs `afterBand` after every band it
-  /// published; bands it shares with `reference` (an earlier decoding) are copied from it, and
-  /// the progress says which rows those are. `beside` is other work for this thread, run once:
-  /// while the pool thread decodes the first bands, or after a file of one band is decoded
-  /// (while a comparison may still follow its rows).
+  /// Throws like Image::fromPNGData. The image comes with what the decoding learnt of the
+  /// file's bands. A file compressed in bands is decoded on this thread and a pool thread, each
+  /// of which runs `afterBand` after every band it published; bands it shares with `reference`
+  /// (an earlier decoding) are copied from it, and the progress says which rows those are. `beside`
+  /// is other work for this thread, run once: while the pool thread decodes the first bands, or
+  /// after a file not compressed in bands is decoded (while a comparison may still follow its
+  /// rows).
   DecodedImage decode(std::span<const std::uint8_t> png, png::RowProgress* progress = nullptr,
                       const DecodedImage* reference = nullptr,
                       const std::function<void()>& afterBand = {},

@@ -9,8 +9,6 @@ UploadFile::UploadFile(std::span<const std::uint8_t> bytes, std::optional<std::s
     : bytes_(bytes), id_(std::move(id)), writeAhead_(writeAhead) {}
 
 void UploadFile::prepare(Store& store) noexcept {
-  if (prepared_) return;
-  prepared_ = true;
   try {
     if (!id_) id_ = Store::imageIdOf(bytes_);
     if (writeAhead_ && !store.hasImage(*id_, bytes_.size())) {

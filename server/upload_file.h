@@ -28,7 +28,8 @@ class UploadFile {
   UploadFile(const UploadFile&) = delete;
   UploadFile& operator=(const UploadFile&) = delete;
 
-  /// Hashes the upload and writes it ahead. A failure to write is kept for keep() to report.
+  /// Hashes the upload and writes it ahead; called at most once. A failure to write is kept
+  /// for keep() to report.
   void prepare(Store& store) noexcept;
 
   /// Stores the file (the one written ahead, else written now) and returns its id. Throws
@@ -39,7 +40,6 @@ class UploadFile {
   std::span<const std::uint8_t> bytes_;
   std::optional<std::string> id_;
   bool writeAhead_;
-  bool prepared_ = false;
   std::unique_ptr<Store::PendingImage> pending_;
   std::exception_ptr failure_;
 };
