@@ -6,7 +6,7 @@
 
 #include <thread>
 
-#include "saffra/platform/cpu.h"
+#include "saffra/platform/internal/cpu.h"
 #include "server/base64.h"
 #include "server/image_cache.h"
 #include "server/service_test_support.h"

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "saffra/images/bitmap.h"
-#include "saffra/platform/bytes.h"
+#include "saffra/platform/internal/bytes.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/format.h"
 
