@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/images/saffra_screenshot.h"
 #include "saffra/platform/expectation.h"
 #include "saffra/platform/system_info.h"
