@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "bench/bench_support.h"
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/platform/image.h"
 #include "saffra/service/server_connector.h"
 #include "testing/test_server.h"

@@ -21,42 +21,7 @@
 // PhoneIgnoredChange uploads the changed-word variant with the changed box as an ignore region (a
 // clock or a date on the screen).
 //
-// Earlier rounds timed a hand-made client (a test helper's base64, then httplib), not the
-// library; the service's share of the Phone check went from 0.70 to 0.40 through reading the
-// body without the JSON parser, keeping decoded baselines, hashing uploads once, pooled pixel
-// buffers, the codec's own inflater, AVX2 kernels and files compressed in bands (see the
-// README). Timed through the library, the Phone check then took 57 ms: the service's replies
-// waited 40 ms for the client's delayed acknowledgement (Nagle's algorithm on a kept-alive
-// connection), as did every close. With TCP_NODELAY, on a 2-core Xeon (AVX-512), A/B in one
-// run, --benchmark_min_time=2:
-//     Phone          check 12.4 ms, service 4.97 ms, share 0.40
-// Then the pool's helper was moved off its poster's processor (woken after the client's
-// encoding, it was mostly placed beside the busy handler and shared its core), the decoding
-// threads compared the final rows after each band, clustering skipped rows with no marks, and
-// the screenshot's text lost its escapes and was decoded sixteen characters at a time:
-//     Phone              check 11.2-11.8 ms, service 3.61-3.79 ms, share 0.32-0.33, 86 checks/s
-//     PhoneNewBytes      check 11.8-12.6 ms, service 4.16-4.55 ms, share 0.35-0.36 (the new
-//                        file is written and flushed, 0.8-1.3 ms of fsync on this disk, while
-//                        the upload is decoded and compared; 4.6-4.7 ms when it was written
-//                        after the decoding)
-//     PhoneIgnoredChange check 9.4 ms,       service 1.45 ms,      share 0.15
-//     PhoneSameBytes     check 8.4 ms,       service 0.52 ms,      share 0.06
-//     Desktop            check 8.5 ms,       service 2.74 ms,      share 0.32
-//     SmallTest          1.95 ms for a whole test (start, one check, close)
-// On a 2-core AMD EPYC (AVX-512), whose host's other tenants move times by 10-20%, that code
-// measured Phone share 0.321-0.339 and PhoneNewBytes 0.357-0.384 (medians of four runs
-// interleaved with the code below). Then the request's thread hashed and wrote the upload while
-// a pool thread decoded the first bands, files were flushed to disk after the reply instead of
-// before it, and Strict's anti-aliasing test ran on eight pixels at a time before any distance
-// was measured:
-//     Phone              check 13.3-15.5 ms, service 3.8-4.4 ms, share 0.27-0.32 (medians of
-//                        interleaved runs 0.289-0.303), 65-77 checks/s
-//     PhoneNewBytes      check 13.1-15.2 ms, service 3.9-4.6 ms, share 0.30-0.33 (medians
-//                        0.304-0.308)
-//     PhoneIgnoredChange check 11.7-12.7 ms, service 2.0 ms, share 0.16-0.17
-//     PhoneSameBytes     check 10.6-12.1 ms, service 0.65-0.77 ms, share 0.06
-//     Desktop            check 10.4-11.3 ms, service 3.0-3.5 ms, share 0.29-0.33
-//     SmallTest          2.25-2.55 ms for a whole test
+// docs/performance.md has the figures measured on the project's machines.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

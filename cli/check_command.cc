@@ -21,7 +21,7 @@
 
 #include "cli/commands.h"
 #include "cli/junit_report.h"
-#include "saffra/config/configurable.h"
+#include "saffra/base/configurable.h"
 #include "saffra/platform/system_info.h"
 #include "saffra/saffra.h"
 

@@ -12,7 +12,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/commands.h"
-#include "saffra/config/environment_helper.h"
+#include "saffra/base/environment_helper.h"
 #include "saffra/platform/system_info.h"
 #include "server/service.h"
 

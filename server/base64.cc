@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "saffra/platform/cpu.h"
+#include "saffra/platform/internal/cpu.h"
 
 #if SAFFRA_X86_DISPATCH
 #include <immintrin.h>

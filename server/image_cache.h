@@ -10,7 +10,7 @@
 #include <unordered_map>
 
 #include "saffra/platform/image.h"
-#include "saffra/platform/png_fast.h"
+#include "server/codec/png_decoder.h"
 
 namespace saffra::server {
 

@@ -6,11 +6,6 @@ namespace saffra::server {
 
 namespace {
 
-bool boolAt(const Json& object, std::string_view key) {
-  const Json* value = json::find(object, key);
-  return value && json::boolValue(*value);
-}
-
 Json rectJson(const PixelRect& r) {
   return {{"left", r.left}, {"top", r.top}, {"width", r.width}, {"height", r.height}};
 }
@@ -51,9 +46,9 @@ MatchSettings MatchSettings::fromJson(const Json& object) {
     }
   }
 
-  s.ignoreCaret = boolAt(object, "ignoreCaret");
-  s.ignoreDisplacements = boolAt(object, "IgnoreDisplacements");
-  s.enablePatterns = boolAt(object, "enablePatterns");
+  s.ignoreCaret = json::boolAt(object, "ignoreCaret");
+  s.ignoreDisplacements = json::boolAt(object, "IgnoreDisplacements");
+  s.enablePatterns = json::boolAt(object, "enablePatterns");
   return s;
 }
 

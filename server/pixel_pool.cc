@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <system_error>
 
-#include "saffra/platform/png_fast.h"
+#include "server/codec/png_decoder.h"
 #include "server/compare/task_pool.h"
 
 namespace saffra::server {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "saffra/platform/image.h"
-#include "saffra/platform/png_fast.h"
+#include "server/codec/png_decoder.h"
 #include "server/image_cache.h"
 
 namespace saffra::server {

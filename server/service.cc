@@ -18,7 +18,7 @@
 
 #include <httplib.h>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/image.h"
 #include "saffra/platform/json.h"

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "server/service_test_support.h"
 
 namespace saffra::server::testing {

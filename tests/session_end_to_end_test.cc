@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "saffra/platform/base64.h"
 #include "saffra/saffra.h"
+#include "testing/png_files.h"
 #include "testing/scoped_environment.h"
 #include "testing/test_server.h"
 
@@ -68,7 +68,7 @@ class SessionEndToEndTest : public ::testing::Test {
     return bodies;
   }
   static std::shared_ptr<Image> uploadedImage(const Json& matchBody) {
-    auto bytes = base64::decode(matchBody["appOutput"]["screenshot64"].get<std::string>());
+    auto bytes = testing::decodeBase64(matchBody["appOutput"]["screenshot64"].get<std::string>());
     return bytes ? Image::fromPNGData(*bytes) : nullptr;
   }
 

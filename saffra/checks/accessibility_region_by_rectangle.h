@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
+#include "saffra/base/region.h"
 #include "saffra/checks/match_level.h"
 #include "saffra/checks/region_provider_protocols.h"
-#include "saffra/images/region.h"
 #include "saffra/platform/json.h"
 
 namespace saffra {

@@ -1,8 +1,8 @@
 #include "saffra/checks/check_settings.h"
 
+#include "saffra/base/argument_guard.h"
 #include "saffra/checks/accessibility_region_by_rectangle.h"
 #include "saffra/checks/region_providers.h"
-#include "saffra/config/argument_guard.h"
 
 namespace saffra {
 

@@ -12,9 +12,9 @@
 #include <memory>
 #include <vector>
 
+#include "saffra/base/region.h"
 #include "saffra/checks/match_level.h"
 #include "saffra/checks/region_provider_protocols.h"
-#include "saffra/images/region.h"
 #include "saffra/platform/image.h"
 
 namespace saffra {

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "saffra/base/region.h"
 #include "saffra/checks/accessibility_region_by_rectangle.h"
 #include "saffra/checks/floating_match_settings.h"
 #include "saffra/checks/match_level.h"
-#include "saffra/images/region.h"
 #include "saffra/platform/json.h"
 
 namespace saffra {

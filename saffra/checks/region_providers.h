@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <memory>
 
+#include "saffra/base/region.h"
 #include "saffra/checks/floating_match_settings.h"
 #include "saffra/checks/region_provider_protocols.h"
-#include "saffra/images/region.h"
 #include "saffra/platform/ui_element.h"
 
 namespace saffra {

@@ -2,9 +2,9 @@
 
 #include <chrono>
 
-#include "saffra/config/argument_guard.h"
-#include "saffra/config/configurable.h"
-#include "saffra/config/environment_helper.h"
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/configurable.h"
+#include "saffra/base/environment_helper.h"
 #include "saffra/platform/format.h"
 #include "saffra/platform/uuid.h"
 

@@ -1,8 +1,8 @@
 #include "saffra/config/configuration.h"
 
-#include "saffra/config/environment_helper.h"
+#include "saffra/base/environment_helper.h"
+#include "saffra/config/session_type_converter.h"
 #include "saffra/platform/format.h"
-#include "saffra/service/session_type_converter.h"
 
 namespace saffra {
 

@@ -8,10 +8,10 @@
 #include <string>
 
 #include "saffra/checks/image_match_settings.h"
+#include "saffra/config/abstract_proxy_settings.h"
 #include "saffra/config/batch_info.h"
 #include "saffra/platform/geometry.h"
 #include "saffra/platform/nullable.h"
-#include "saffra/service/abstract_proxy_settings.h"
 
 namespace saffra {
 

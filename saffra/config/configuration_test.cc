@@ -5,11 +5,11 @@
 
 #include <regex>
 
-#include "saffra/config/argument_guard.h"
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/configurable.h"
+#include "saffra/base/environment_helper.h"
+#include "saffra/base/logger.h"
 #include "saffra/config/batch_info.h"
-#include "saffra/config/configurable.h"
-#include "saffra/config/environment_helper.h"
-#include "saffra/images/logger.h"
 #include "saffra/platform/exception.h"
 #include "testing/scoped_environment.h"
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <new>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/platform/exception.h"
 
 namespace saffra {

@@ -4,9 +4,9 @@
 
 #include <memory>
 
+#include "saffra/base/region.h"
 #include "saffra/checks/accessibility_region_by_rectangle.h"
 #include "saffra/checks/floating_match_settings.h"
-#include "saffra/images/region.h"
 
 namespace saffra {
 

@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "saffra/images/bitmap.h"
-#include "saffra/platform/bytes.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/format.h"
+#include "saffra/platform/internal/bytes.h"
 
 namespace saffra::Resize {
 

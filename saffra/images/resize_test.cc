@@ -5,8 +5,8 @@
 #include <cmath>
 #include <random>
 
+#include "saffra/base/logger.h"
 #include "saffra/images/bitmap.h"
-#include "saffra/images/logger.h"
 #include "saffra/images/resize.h"
 #include "saffra/platform/exception.h"
 

@@ -1,9 +1,23 @@
 #include "saffra/images/saffra_screenshot.h"
 
-#include "saffra/config/argument_guard.h"
+#include "saffra/base/argument_guard.h"
+#include "saffra/images/image_utils.h"
 #include "saffra/results/exceptions.h"
 
 namespace saffra {
+
+std::shared_ptr<Image> SaffraImagesImageCropper::cropRegion(
+    const std::shared_ptr<Region>& region, const std::shared_ptr<Image>& image) const {
+  const Rect rect = region ? Rect(region->location().x, region->location().y, region->size().width,
+                                  region->size().height)
+                           : Rect();
+  return cropRect(rect, image);
+}
+
+std::shared_ptr<Image> SaffraImagesImageCropper::cropRect(
+    const Rect& rect, const std::shared_ptr<Image>& image) const {
+  return ImageUtils::cropRect(rect, image);
+}
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <fstream>
 #include <regex>
 
+#include "saffra/base/logger.h"
 #include "saffra/images/debug_screenshots_provider.h"
 #include "saffra/images/image_utils.h"
-#include "saffra/images/logger.h"
 #include "saffra/images/saffra_screenshot.h"
 #include "saffra/results/exceptions.h"
 #include "testing/scoped_environment.h"

@@ -88,19 +88,6 @@ std::string encodeWithLines(const std::uint8_t* data, std::size_t size, std::siz
   return text;
 }
 
-// 0-63 for alphabet characters, 64 for characters to skip, 65 for '=', 255 for anything else.
-std::array<std::uint8_t, 256> makeDecodeTable() {
-  std::array<std::uint8_t, 256> table;
-  table.fill(255);
-  for (int i = 0; i < 64; ++i)
-    table[static_cast<unsigned char>(kAlphabet[i])] = static_cast<std::uint8_t>(i);
-  for (char c : {'\r', '\n', ' ', '\t'}) table[static_cast<unsigned char>(c)] = 64;
-  table['='] = 65;
-  return table;
-}
-
-const std::array<std::uint8_t, 256> kDecode = makeDecodeTable();
-
 }  // namespace
 
 std::size_t encodedLength(std::size_t size, std::size_t lineLength) {
@@ -124,39 +111,6 @@ std::string encodeLines64(const std::uint8_t* data, std::size_t size) {
 
 std::string encodeLines64(const std::vector<std::uint8_t>& data) {
   return encodeLines64(data.data(), data.size());
-}
-
-std::optional<std::vector<std::uint8_t>> decode(std::string_view text) {
-  std::vector<std::uint8_t> out;
-  out.reserve(text.size() / 4 * 3);
-  std::uint32_t bits = 0;
-  int count = 0;  // sextets collected in `bits`
-  int padding = 0;
-  for (char c : text) {
-    std::uint8_t v = kDecode[static_cast<unsigned char>(c)];
-    if (v == 64) continue;
-    if (v == 255) return std::nullopt;
-    if (v == 65) {
-      ++padding;
-      continue;
-    }
-    if (padding) return std::nullopt;  // data after padding
-    bits = (bits << 6) | v;
-    if (++count == 4) {
-      out.push_back(static_cast<std::uint8_t>(bits >> 16));
-      out.push_back(static_cast<std::uint8_t>(bits >> 8));
-      out.push_back(static_cast<std::uint8_t>(bits));
-      bits = 0;
-      count = 0;
-    }
-  }
-  if (count == 1 || padding > 2 || (padding && count + padding != 4)) return std::nullopt;
-  if (count == 2) out.push_back(static_cast<std::uint8_t>(bits >> 4));
-  if (count == 3) {
-    out.push_back(static_cast<std::uint8_t>(bits >> 10));
-    out.push_back(static_cast<std::uint8_t>(bits >> 2));
-  }
-  return out;
 }
 
 }  // namespace saffra::base64

@@ -1,13 +1,11 @@
-// Base64 in the standard alphabet with padding. The upload form puts a carriage return and line
-// feed between 64-character lines and none after the last one, so 48 input bytes give exactly
+// Base64 encoding in the standard alphabet with padding. The upload form puts a carriage return and
+// line feed between 64-character lines and none after the last one, so 48 input bytes give exactly
 // 64 characters. Encoding runs at memory speed: it is on the path of every uploaded screenshot.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace saffra::base64 {
@@ -23,9 +21,5 @@ std::string encode(const std::vector<std::uint8_t>& data);
 /// Encodes with CR LF between 64-character lines and no break after the last line.
 std::string encodeLines64(const std::uint8_t* data, std::size_t size);
 std::string encodeLines64(const std::vector<std::uint8_t>& data);
-
-/// Decodes standard base64, skipping CR, LF, blanks and tabs anywhere. Padding is optional at
-/// the end. Returns nothing for any other character or a length that cannot be base64.
-std::optional<std::vector<std::uint8_t>> decode(std::string_view text);
 
 }  // namespace saffra::base64

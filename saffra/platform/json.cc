@@ -301,6 +301,11 @@ const Json* find(const Json& object, std::string_view key) {
   return it == object.end() ? nullptr : &*it;
 }
 
+bool boolAt(const Json& object, std::string_view key) {
+  const Json* value = find(object, key);
+  return value && boolValue(*value);
+}
+
 std::string description(const Json& v, int indent) {
   const std::string pad(static_cast<std::size_t>(indent + 1) * 4, ' ');
   const std::string closePad(static_cast<std::size_t>(indent) * 4, ' ');

@@ -45,6 +45,8 @@ OptString stringValue(const Json& value);
 
 /// The member `key` of an object, or nullptr when `object` is not an object or lacks the key.
 const Json* find(const Json& object, std::string_view key);
+/// The boolean reading (boolValue) of the member `key`; false when there is no such member.
+bool boolAt(const Json& object, std::string_view key);
 
 /// The property-list text form of a value, as "%@" of a dictionary or list shows it:
 /// "{\n    key = value;\n}" and "(\n    item,\n    item\n)", strings that are not purely

@@ -1,5 +1,6 @@
 #include "saffra/platform/png.h"
 
+#include <libdeflate.h>
 #include <spng.h>
 #include <zlib.h>
 
@@ -11,15 +12,11 @@
 #include <string>
 #include <thread>
 
-#ifdef SAFFRA_HAVE_LIBDEFLATE
-#include <libdeflate.h>
-#endif
-
 #include "saffra/platform/base64.h"
-#include "saffra/platform/bytes.h"
-#include "saffra/platform/deflate_tables.h"
 #include "saffra/platform/exception.h"
-#include "saffra/platform/png_fast.h"
+#include "saffra/platform/internal/bytes.h"
+#include "saffra/platform/internal/deflate_tables.h"
+#include "saffra/platform/internal/png_format.h"
 
 namespace saffra::png {
 
@@ -38,37 +35,6 @@ using Context = std::unique_ptr<spng_ctx, ContextDeleter>;
 
 [[noreturn]] void fail(const std::string& what, int code) {
   throw Exception("InvalidImageException", what + ": " + spng_strerror(code));
-}
-
-// ---------------------------------------------------------------------------------------------
-// Checksums: libdeflate's are several times faster than zlib's where it is available.
-
-std::uint32_t adler32Update(std::uint32_t adler, const std::uint8_t* data, std::size_t size) {
-#ifdef SAFFRA_HAVE_LIBDEFLATE
-  return libdeflate_adler32(adler, data, size);
-#else
-  while (size > 0) {
-    auto n = static_cast<uInt>(std::min<std::size_t>(size, 1u << 30));
-    adler = static_cast<std::uint32_t>(::adler32(adler, data, n));
-    data += n;
-    size -= n;
-  }
-  return adler;
-#endif
-}
-
-std::uint32_t crc32Update(std::uint32_t crc, const std::uint8_t* data, std::size_t size) {
-#ifdef SAFFRA_HAVE_LIBDEFLATE
-  return libdeflate_crc32(crc, data, size);
-#else
-  while (size > 0) {
-    auto n = static_cast<uInt>(std::min<std::size_t>(size, 1u << 30));
-    crc = static_cast<std::uint32_t>(::crc32(crc, data, n));
-    data += n;
-    size -= n;
-  }
-  return crc;
-#endif
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -297,8 +263,8 @@ class BandCompressor {
 
     for (std::size_t y = y0; y < y1; ++y) {
       const std::uint8_t* row = pixels_ + y * R;
-      adler_ = adler32Update(adler_, &kFilterNone, 1);
-      adler_ = adler32Update(adler_, row, R);
+      adler_ = libdeflate_adler32(adler_, &kFilterNone, 1);
+      adler_ = libdeflate_adler32(adler_, row, R);
       literal(kFilterNone);
       std::size_t i = 0;
       while (i < R) {
@@ -513,7 +479,7 @@ void putChunk(std::vector<std::uint8_t>& out, const char* type, const std::uint8
   std::size_t start = out.size();
   out.insert(out.end(), type, type + 4);
   out.insert(out.end(), data, data + size);
-  bytes::appendBigEndian32(out, crc32Update(0, out.data() + start, size + 4));
+  bytes::appendBigEndian32(out, libdeflate_crc32(0, out.data() + start, size + 4));
 }
 
 // Rows of each independently compressed band: about kBandBytes of scanlines, whole rows.
@@ -582,8 +548,7 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
 
   std::vector<std::uint8_t> out;
   out.reserve(8 + 25 + 12 + 12 + 8 * bands + 2 + compressed + 4 + 12);
-  static constexpr std::uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-  out.insert(out.end(), kSignature, kSignature + 8);
+  out.insert(out.end(), kPngSignature, kPngSignature + 8);
   std::uint8_t ihdr[13];
   for (int i = 0; i < 4; ++i) {
     ihdr[i] = static_cast<std::uint8_t>(width >> (24 - 8 * i));
@@ -620,7 +585,8 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
     part->output() = {};
   }
   bytes::appendBigEndian32(out, adler);
-  bytes::appendBigEndian32(out, crc32Update(0, out.data() + idatStart, out.size() - idatStart));
+  bytes::appendBigEndian32(out,
+                           libdeflate_crc32(0, out.data() + idatStart, out.size() - idatStart));
   putChunk(out, "IEND", nullptr, 0);
   return out;
 }
@@ -629,8 +595,6 @@ std::vector<std::uint8_t> encodeContiguous(const std::uint8_t* rgba, std::size_t
 
 std::shared_ptr<Image> decode(const std::uint8_t* data, std::size_t size, double scale) {
   if (!data || size == 0) throw Exception("InvalidImageException", "Not a PNG image: no data");
-  // Screenshots are nearly always plain 8-bit RGB(A); those take a path several times faster.
-  if (std::shared_ptr<Image> image = decodeCommon(data, size, scale)) return image;
   Context ctx(spng_ctx_new(0));
   if (!ctx) throw Exception("InvalidImageException", "Cannot create PNG decoder");
   // Limits stop decompression bombs before any pixel memory is allocated.

@@ -5,9 +5,9 @@
 // compressed in independent bands of about 256 KiB of scanlines: no match reaches into an
 // earlier band, and each band but the last ends on a byte boundary with an empty stored block,
 // so the bands join into one zlib stream that any decoder reads. A private ancillary chunk
-// ("sfRB", see png_fast.h) lists the bands, so that a decoder can inflate them on several cores
-// and skip those it has seen in another file; it costs about 1% in file size. Bands may be
-// compressed on separate threads; the bytes are the same whatever the number of threads.
+// ("sfRB") lists the bands, so that a decoder such as the local service's can inflate them on
+// several cores and skip those it has seen in another file; it costs about 1% in file size. Bands
+// may be compressed on separate threads; the bytes are the same whatever the number of threads.
 #pragma once
 
 #include <cstddef>

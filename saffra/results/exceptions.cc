@@ -1,7 +1,7 @@
 #include "saffra/results/exceptions.h"
 
-#include "saffra/config/configurable.h"
-#include "saffra/images/region.h"
+#include "saffra/base/configurable.h"
+#include "saffra/base/region.h"
 #include "saffra/platform/format.h"
 #include "saffra/service/session_start_info.h"
 #include "saffra/service/test_results.h"

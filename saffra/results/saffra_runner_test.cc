@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "saffra/images/logger.h"
-#include "saffra/images/region.h"
+#include "saffra/base/logger.h"
+#include "saffra/base/region.h"
 #include "saffra/results/error_builder.h"
 #include "saffra/results/exceptions.h"
 #include "saffra/results/session_results.h"

@@ -1,6 +1,6 @@
 #include "saffra/results/session_results.h"
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/results/error_builder.h"
 #include "saffra/results/exceptions.h"
 #include "saffra/service/test_results.h"

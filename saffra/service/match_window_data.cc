@@ -1,7 +1,7 @@
 #include "saffra/service/match_window_data.h"
 
-#include "saffra/config/configurable.h"
-#include "saffra/service/record_reading.h"
+#include "saffra/base/configurable.h"
+#include "saffra/service/internal/record_reading.h"
 
 namespace saffra {
 

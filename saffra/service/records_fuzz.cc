@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/json.h"
 #include "saffra/service/match_window_data.h"

@@ -1,6 +1,6 @@
 #include "saffra/service/running_session.h"
 
-#include "saffra/service/record_reading.h"
+#include "saffra/service/internal/record_reading.h"
 
 namespace saffra {
 

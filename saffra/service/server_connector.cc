@@ -2,13 +2,13 @@
 
 #include <utility>
 
-#include "saffra/config/argument_guard.h"
-#include "saffra/config/configurable.h"
-#include "saffra/config/environment_helper.h"
-#include "saffra/images/logger.h"
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/configurable.h"
+#include "saffra/base/environment_helper.h"
+#include "saffra/base/logger.h"
 #include "saffra/platform/format.h"
 #include "saffra/service/http_request_builder.h"
-#include "saffra/service/record_reading.h"
+#include "saffra/service/internal/record_reading.h"
 
 namespace saffra {
 namespace {

@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "saffra/config/abstract_proxy_settings.h"
 #include "saffra/platform/error.h"
 #include "saffra/platform/http_transport.h"
 #include "saffra/platform/json.h"
 #include "saffra/platform/nullable.h"
-#include "saffra/service/abstract_proxy_settings.h"
 #include "saffra/service/match_window_data.h"
 #include "saffra/service/running_session.h"
 #include "saffra/service/session_start_info.h"

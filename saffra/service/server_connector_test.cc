@@ -10,9 +10,9 @@
 #include <cmath>
 #include <future>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
+#include "saffra/config/abstract_proxy_settings.h"
 #include "saffra/platform/exception.h"
-#include "saffra/service/abstract_proxy_settings.h"
 #include "saffra/service/http_request_builder.h"
 #include "testing/scoped_environment.h"
 #include "testing/test_server.h"

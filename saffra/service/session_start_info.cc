@@ -1,10 +1,10 @@
 #include "saffra/service/session_start_info.h"
 
-#include "saffra/config/argument_guard.h"
-#include "saffra/config/configurable.h"
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/configurable.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/format.h"
-#include "saffra/service/record_reading.h"
+#include "saffra/service/internal/record_reading.h"
 
 namespace saffra {
 

@@ -10,10 +10,10 @@
 
 #include "saffra/checks/image_match_settings.h"
 #include "saffra/config/batch_info.h"
+#include "saffra/config/session_type_converter.h"
 #include "saffra/platform/geometry.h"
 #include "saffra/platform/json.h"
 #include "saffra/platform/nullable.h"
-#include "saffra/service/session_type_converter.h"
 
 namespace saffra {
 

@@ -1,8 +1,8 @@
 #include "saffra/service/test_results.h"
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/platform/format.h"
-#include "saffra/service/record_reading.h"
+#include "saffra/service/internal/record_reading.h"
 
 namespace saffra {
 

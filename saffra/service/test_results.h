@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "saffra/base/region.h"
 #include "saffra/checks/match_level.h"
-#include "saffra/images/region.h"
 #include "saffra/platform/geometry.h"
 #include "saffra/platform/json.h"
 #include "saffra/platform/nullable.h"

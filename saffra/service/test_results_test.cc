@@ -6,7 +6,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/service/match_window_data.h"
 #include "saffra/service/running_session.h"
 

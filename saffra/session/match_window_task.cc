@@ -3,9 +3,9 @@
 #include <chrono>
 #include <thread>
 
-#include "saffra/config/argument_guard.h"
-#include "saffra/images/logger.h"
-#include "saffra/images/region.h"
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/logger.h"
+#include "saffra/base/region.h"
 #include "saffra/platform/expectation.h"
 #include "saffra/results/exceptions.h"
 #include "saffra/service/match_window_data.h"

@@ -1,8 +1,8 @@
 #include "saffra/session/saffra.h"
 
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/configurable.h"
 #include "saffra/checks/region_providers.h"
-#include "saffra/config/argument_guard.h"
-#include "saffra/config/configurable.h"
 #include "saffra/platform/exception.h"
 
 namespace saffra {

@@ -4,10 +4,10 @@
 #include <exception>
 #include <utility>
 
-#include "saffra/config/argument_guard.h"
-#include "saffra/config/configurable.h"
-#include "saffra/config/environment_helper.h"
-#include "saffra/images/logger.h"
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/configurable.h"
+#include "saffra/base/environment_helper.h"
+#include "saffra/base/logger.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/expectation.h"
 #include "saffra/platform/format.h"
@@ -16,7 +16,7 @@
 #include "saffra/results/exceptions.h"
 #include "saffra/results/session_results.h"
 #include "saffra/service/server_connector.h"
-#include "saffra/session/saffra_base_state.h"
+#include "saffra/session/internal/saffra_base_state.h"
 #include "saffra/version.h"
 
 namespace saffra {

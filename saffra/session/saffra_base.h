@@ -14,19 +14,19 @@
 #include <optional>
 #include <string>
 
+#include "saffra/base/region.h"
 #include "saffra/checks/check_settings.h"
 #include "saffra/checks/image_match_settings.h"
+#include "saffra/config/abstract_proxy_settings.h"
 #include "saffra/config/batch_info.h"
 #include "saffra/config/configuration.h"
 #include "saffra/images/debug_screenshots_provider.h"
-#include "saffra/images/region.h"
 #include "saffra/images/saffra_screenshot.h"
 #include "saffra/platform/error.h"
 #include "saffra/platform/geometry.h"
 #include "saffra/platform/nullable.h"
 #include "saffra/results/batch_closer_protocol.h"
 #include "saffra/results/saffra_runner.h"
-#include "saffra/service/abstract_proxy_settings.h"
 #include "saffra/service/match_window_data.h"
 #include "saffra/service/running_session.h"
 #include "saffra/service/session_start_info.h"
@@ -238,6 +238,8 @@ class SaffraBase : public AppOutputProviderProtocol, public BatchCloserProtocol 
                                   ImageMatchSettings& to) const;
   void collectAccessibilityRegionsFrom(const CheckSettingsInternalProtocol& settings,
                                        ImageMatchSettings& to) const;
+  ImageMatchSettings::RegionList filteredRegions(
+      const CheckSettingsInternalProtocol::ProviderList& providers) const;
   /// The current screenshot cropped to the region (or without the status bar), scaled, as PNG
   /// in base64 text; absent when there is no screenshot. Each stage goes to the debug provider.
   std::shared_ptr<AppOutputWithScreenshot> appOutputWithScreenshotForRegion(

@@ -2,15 +2,15 @@
 // the match task and back, and the application output the task asks for.
 #include <vector>
 
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/logger.h"
 #include "saffra/checks/region_providers.h"
-#include "saffra/config/argument_guard.h"
-#include "saffra/images/logger.h"
 #include "saffra/images/region_filter.h"
 #include "saffra/platform/base64.h"
 #include "saffra/platform/expectation.h"
 #include "saffra/results/exceptions.h"
+#include "saffra/session/internal/saffra_base_state.h"
 #include "saffra/session/saffra_base.h"
-#include "saffra/session/saffra_base_state.h"
 
 namespace saffra {
 
@@ -127,44 +127,36 @@ void SaffraBase::matchWindow(const std::shared_ptr<RegionProviderProtocol>& regi
 
 // ---- region collectors ----------------------------------------------------------------------
 
-void SaffraBase::collectIgnoredRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                           ImageMatchSettings& to) const {
+// The regions of one plain kind (ignore, layout, strict, content): each provider's region, moved
+// up by the status bar when it is cut off.
+ImageMatchSettings::RegionList SaffraBase::filteredRegions(
+    const CheckSettingsInternalProtocol::ProviderList& providers) const {
   ImageMatchSettings::RegionList regions;
-  for (const auto& provider : settings.getIgnoredRegions()) {
+  for (const auto& provider : providers) {
     regions.push_back(RegionFilter::filterRegion(provider ? provider->getRegion() : nullptr,
                                                  statusBarHeight(), shouldCropStatusBar_));
   }
-  to.setIgnoredRegions(std::move(regions));
+  return regions;
+}
+
+void SaffraBase::collectIgnoredRegionsFrom(const CheckSettingsInternalProtocol& settings,
+                                           ImageMatchSettings& to) const {
+  to.setIgnoredRegions(filteredRegions(settings.getIgnoredRegions()));
 }
 
 void SaffraBase::collectLayoutRegionsFrom(const CheckSettingsInternalProtocol& settings,
                                           ImageMatchSettings& to) const {
-  ImageMatchSettings::RegionList regions;
-  for (const auto& provider : settings.getLayoutRegions()) {
-    regions.push_back(RegionFilter::filterRegion(provider ? provider->getRegion() : nullptr,
-                                                 statusBarHeight(), shouldCropStatusBar_));
-  }
-  to.setLayoutRegions(std::move(regions));
+  to.setLayoutRegions(filteredRegions(settings.getLayoutRegions()));
 }
 
 void SaffraBase::collectStrictRegionsFrom(const CheckSettingsInternalProtocol& settings,
                                           ImageMatchSettings& to) const {
-  ImageMatchSettings::RegionList regions;
-  for (const auto& provider : settings.getStrictRegions()) {
-    regions.push_back(RegionFilter::filterRegion(provider ? provider->getRegion() : nullptr,
-                                                 statusBarHeight(), shouldCropStatusBar_));
-  }
-  to.setStrictRegions(std::move(regions));
+  to.setStrictRegions(filteredRegions(settings.getStrictRegions()));
 }
 
 void SaffraBase::collectContentRegionsFrom(const CheckSettingsInternalProtocol& settings,
                                            ImageMatchSettings& to) const {
-  ImageMatchSettings::RegionList regions;
-  for (const auto& provider : settings.getContentRegions()) {
-    regions.push_back(RegionFilter::filterRegion(provider ? provider->getRegion() : nullptr,
-                                                 statusBarHeight(), shouldCropStatusBar_));
-  }
-  to.setContentRegions(std::move(regions));
+  to.setContentRegions(filteredRegions(settings.getContentRegions()));
 }
 
 void SaffraBase::collectFloatingRegionsFrom(const CheckSettingsInternalProtocol& settings,

@@ -5,9 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/images/saffra_screenshot.h"
-#include "saffra/platform/base64.h"
 #include "saffra/platform/expectation.h"
 #include "saffra/platform/system_info.h"
 #include "saffra/results/exceptions.h"
@@ -17,6 +16,7 @@
 #include "saffra/session/match_window_task.h"
 #include "saffra/session/saffra.h"
 #include "saffra/version.h"
+#include "testing/png_files.h"
 #include "testing/scoped_environment.h"
 #include "testing/test_server.h"
 
@@ -183,7 +183,7 @@ class StatusBarSaffra : public Saffra {
 };
 
 std::shared_ptr<Image> uploaded(const std::shared_ptr<AppOutputWithScreenshot>& output) {
-  return Image::fromPNGData(*base64::decode(*output->appOutput()->screenshot64()));
+  return Image::fromPNGData(*testing::decodeBase64(*output->appOutput()->screenshot64()));
 }
 
 TEST(SaffraBaseTest, StatusBarIsCutOffAndRegionsMoveUp) {

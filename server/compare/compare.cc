@@ -11,7 +11,7 @@
 #include <mutex>
 #include <system_error>
 
-#include "saffra/platform/png_fast.h"
+#include "server/codec/png_decoder.h"
 #include "server/compare/accessibility.h"
 #include "server/compare/pixel_levels.h"
 #include "server/compare/task_pool.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "saffra/platform/cpu.h"
+#include "saffra/platform/internal/cpu.h"
 #include "server/compare/compare.h"
 
 namespace saffra::compare {

@@ -4,7 +4,7 @@
 #include <bit>
 #include <cstring>
 
-#include "saffra/platform/cpu.h"
+#include "saffra/platform/internal/cpu.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>

@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "saffra/platform/inflate.h"
-#include "saffra/platform/png_fast.h"
+#include "server/codec/inflater.h"
+#include "server/codec/png_decoder.h"
 
 namespace {
 

@@ -1,18 +1,14 @@
-#include "saffra/platform/inflate.h"
+#include "server/codec/inflater.h"
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
 
-#ifdef SAFFRA_HAVE_LIBDEFLATE
 #include <libdeflate.h>
-#else
-#include <zlib.h>
-#endif
 
-#include "saffra/platform/bytes.h"
-#include "saffra/platform/cpu.h"
-#include "saffra/platform/deflate_tables.h"
+#include "saffra/platform/internal/bytes.h"
+#include "saffra/platform/internal/cpu.h"
+#include "saffra/platform/internal/deflate_tables.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -24,15 +20,6 @@
 namespace saffra::inflate {
 
 namespace {
-
-// The Adler-32 checksum of more bytes: libdeflate's vectorised one where the build has it.
-std::uint32_t adler32(std::uint32_t adler, const std::uint8_t* bytes, std::size_t size) {
-#ifdef SAFFRA_HAVE_LIBDEFLATE
-  return libdeflate_adler32(adler, bytes, size);
-#else
-  return static_cast<std::uint32_t>(::adler32_z(adler, bytes, size));
-#endif
-}
 
 // Decoding-table entries, 32 bits each:
 //   bits 0-4    bits the entry consumes (a code's length; for a link, the main table's bits)
@@ -283,7 +270,7 @@ class Inflater {
     if (failed_) return false;
     if (!advanceTo(outStart_ + (target - offset_), target == total_)) failed_ = true;
     // The checksum runs over each piece while it is still in the caches.
-    adler_ = adler32(adler_, adlerDone_, static_cast<std::size_t>(out_ - adlerDone_));
+    adler_ = libdeflate_adler32(adler_, adlerDone_, static_cast<std::size_t>(out_ - adlerDone_));
     adlerDone_ = out_;
     if (!failed_ && ended_ && !finished_) {
       failed_ = !checkEnd();

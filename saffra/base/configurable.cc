@@ -1,4 +1,4 @@
-#include "saffra/config/configurable.h"
+#include "saffra/base/configurable.h"
 
 #include "saffra/platform/exception.h"
 #include "saffra/platform/format.h"

@@ -1,4 +1,4 @@
-#include "saffra/platform/cpu.h"
+#include "saffra/platform/internal/cpu.h"
 
 #include <atomic>
 #include <cstdlib>

@@ -1,7 +1,7 @@
-#include "saffra/service/abstract_proxy_settings.h"
+#include "saffra/config/abstract_proxy_settings.h"
 
-#include "saffra/config/argument_guard.h"
-#include "saffra/config/configurable.h"
+#include "saffra/base/argument_guard.h"
+#include "saffra/base/configurable.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/format.h"
 

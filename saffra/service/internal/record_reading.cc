@@ -1,6 +1,6 @@
-#include "saffra/service/record_reading.h"
+#include "saffra/service/internal/record_reading.h"
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/format.h"
 

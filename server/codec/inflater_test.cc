@@ -1,4 +1,4 @@
-#include "saffra/platform/inflate.h"
+#include "server/codec/inflater.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "saffra/platform/cpu.h"
+#include "saffra/platform/internal/cpu.h"
 
 namespace saffra::inflate {
 namespace {

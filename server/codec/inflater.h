@@ -1,5 +1,4 @@
-// A zlib-stream inflater for the PNG decoder, for the codec's own use. Internal: not part of
-// the public API.
+// A zlib-stream inflater for the service's PNG decoder.
 //
 // It exists for one reason: screenshots are full of runs of one colour, which an encoder that
 // does not filter them stores as long matches at a distance of 3 or 4 bytes (one pixel), and

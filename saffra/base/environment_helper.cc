@@ -1,11 +1,11 @@
-#include "saffra/config/environment_helper.h"
+#include "saffra/base/environment_helper.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <string>
 
-#include "saffra/config/configurable.h"
+#include "saffra/base/configurable.h"
 
 namespace saffra {
 

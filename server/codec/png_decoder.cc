@@ -1,5 +1,6 @@
-#include "saffra/platform/png_fast.h"
+#include "server/codec/png_decoder.h"
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -9,13 +10,11 @@
 #include <cstring>
 #include <vector>
 
-#include "saffra/platform/bytes.h"
-#include "saffra/platform/cpu.h"
-#include "saffra/platform/inflate.h"
+#include "saffra/platform/internal/bytes.h"
+#include "saffra/platform/internal/cpu.h"
+#include "saffra/platform/internal/png_format.h"
+#include "server/codec/inflater.h"
 
-#ifdef SAFFRA_HAVE_LIBDEFLATE
-#include <libdeflate.h>
-#endif
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -26,64 +25,6 @@
 namespace saffra::png {
 
 static_assert(std::endian::native == std::endian::little, "pixels are packed little-endian");
-
-void RowProgress::begin(const std::uint8_t* rgba, std::size_t width, std::size_t height,
-                        std::vector<std::uint8_t> sameRows, bool inBands) {
-  {
-    std::lock_guard lock(mutex_);
-    rgba_ = rgba, width_ = width, height_ = height;
-    sameRows_ = std::move(sameRows);
-    inBands_ = inBands;
-    started_ = true;
-  }
-  changed_.notify_all();
-}
-
-void RowProgress::publish(std::size_t rows) {
-  bool wake = false;
-  {
-    std::lock_guard lock(mutex_);
-    rows_ = std::max(rows_, rows);
-    wake = rows_ >= wanted_;
-  }
-  if (wake) changed_.notify_all();
-}
-
-void RowProgress::fail() {
-  {
-    std::lock_guard lock(mutex_);
-    failed_ = true;
-  }
-  changed_.notify_all();
-}
-
-bool RowProgress::complete() {
-  std::lock_guard lock(mutex_);
-  return started_ && !failed_ && rows_ >= height_;
-}
-
-bool RowProgress::waitForStart() {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return started_ || failed_; });
-  return started_ && !failed_;
-}
-
-bool RowProgress::waitForRows(std::size_t rows) {
-  std::unique_lock lock(mutex_);
-  while (rows_ < rows && !failed_) {
-    wanted_ = std::min(wanted_, rows);
-    changed_.wait(lock);
-    wanted_ = SIZE_MAX;  // a reader still short of its rows sets it again
-  }
-  return rows_ >= rows;
-}
-
-std::size_t RowProgress::rows() {
-  std::lock_guard lock(mutex_);
-  return failed_ ? 0 : rows_;
-}
-
-#ifdef SAFFRA_HAVE_LIBDEFLATE
 
 namespace {
 
@@ -708,8 +649,7 @@ struct Common {
 // Reads the chunks of a PNG of the common kind. False for any other kind of file, or any
 // damage to its chunks.
 bool readCommon(const std::uint8_t* data, std::size_t size, Common& png) {
-  static constexpr std::uint8_t kSignature[8] = {137, 80, 78, 71, 13, 10, 26, 10};
-  if (!data || size < 8 + 25 || std::memcmp(data, kSignature, 8) != 0) return false;
+  if (!data || size < 8 + 25 || std::memcmp(data, kPngSignature, 8) != 0) return false;
   std::size_t width = 0, height = 0, bpp = 0;
   std::vector<std::uint8_t>& compressed = png.compressed;
   compressed.clear();
@@ -1116,48 +1056,5 @@ bool BandedDecoder::finish() {
 std::shared_ptr<const BandIndex> BandedDecoder::index() const {
   return state_->index;
 }
-
-#else
-
-std::shared_ptr<Image> decodeCommon(const std::uint8_t*, std::size_t, double) {
-  return nullptr;
-}
-
-bool decodeCommonInto(const std::uint8_t*, std::size_t, std::vector<std::uint8_t>&, std::size_t&,
-                      std::size_t&, RowProgress* progress) {
-  if (progress) progress->fail();
-  return false;
-}
-
-bool decodeCommonPairInto(std::span<const std::uint8_t>, std::span<const std::uint8_t>,
-                          DecodedPixels&, DecodedPixels&, std::vector<std::uint8_t>&) {
-  return false;
-}
-
-struct BandIndex {};
-struct BandedDecoder::State {};
-BandedDecoder::BandedDecoder() : state_(std::make_unique<State>()) {}
-BandedDecoder::~BandedDecoder() = default;
-bool BandedDecoder::open(std::span<const std::uint8_t>, std::vector<std::uint8_t>&, RowProgress*,
-                         std::shared_ptr<const BandIndex>, const std::uint8_t*) {
-  return false;
-}
-std::size_t BandedDecoder::width() const {
-  return 0;
-}
-std::size_t BandedDecoder::height() const {
-  return 0;
-}
-bool BandedDecoder::work(const std::function<void()>&) {
-  return false;
-}
-bool BandedDecoder::finish() {
-  return false;
-}
-std::shared_ptr<const BandIndex> BandedDecoder::index() const {
-  return nullptr;
-}
-
-#endif
 
 }  // namespace saffra::png

@@ -1,9 +1,9 @@
-#include "saffra/images/region.h"
+#include "saffra/base/region.h"
 
 #include <cmath>
 #include <limits>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 
 namespace saffra {
 

@@ -1,4 +1,4 @@
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 
 #include <algorithm>
 #include <chrono>
@@ -49,7 +49,9 @@ void Logger::log(const OptString& message) {
   deliver(customSink(), format("%@ %@", "[QuorvantSaffra]", message));
 }
 
-void Logger::systemLog(const std::string& line) { deliver(customSystemSink(), line); }
+void Logger::systemLog(const std::string& line) {
+  deliver(customSystemSink(), line);
+}
 
 Logger::Sink Logger::setSink(Sink sink) {
   std::lock_guard<std::mutex> lock(sinkMutex());
