@@ -13,17 +13,13 @@
 #include <system_error>
 #include <thread>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-
-#include <httplib.h>
-
 #include "saffra/base/logger.h"
 #include "saffra/platform/exception.h"
 #include "saffra/platform/image.h"
 #include "saffra/platform/json.h"
 #include "saffra/platform/uuid.h"
 #include "server/base64.h"
+#include "server/http/http_server.h"
 #include "server/image_cache.h"
 #include "server/match_body.h"
 #include "server/match_settings.h"
@@ -39,8 +35,10 @@ namespace saffra::server {
 
 namespace {
 
-using httplib::Request;
-using httplib::Response;
+using http::HttpServer;
+using http::Params;
+using http::Request;
+using http::Response;
 
 /// The branch of sessions that name none, and the last fallback of every baseline lookup.
 constexpr const char* kDefaultBranch = "default";
@@ -181,15 +179,15 @@ std::string returnPath(const Request& req) {
 }
 
 /// The fields of a form posted as application/x-www-form-urlencoded.
-httplib::Params formFields(const Request& req) {
-  httplib::Params fields;
+Params formFields(const Request& req) {
+  Params fields;
   if (req.get_header_value("Content-Type").rfind("application/x-www-form-urlencoded", 0) == 0) {
-    httplib::detail::parse_query_text(req.body, fields);
+    http::parseQueryText(req.body, fields);
   }
   return fields;
 }
 
-std::string fieldAt(const httplib::Params& fields, const std::string& name) {
+std::string fieldAt(const Params& fields, const std::string& name) {
   auto found = fields.find(name);
   return found == fields.end() ? std::string() : found->second;
 }
@@ -221,6 +219,13 @@ std::optional<std::pair<std::uint64_t, std::uint64_t>> declaredPngSize(
   return std::make_pair(word(16), word(20));
 }
 
+/// The HTTP server's limits for the service's options.
+http::ServerOptions serverOptions(const ServiceOptions& options) {
+  http::ServerOptions server;
+  server.maxBodyBytes = options.maxBodyBytes;
+  return server;
+}
+
 std::string describeRequest(const Request& req) {
   return req.method + " " + req.path;
 }
@@ -234,8 +239,8 @@ struct Service::Impl {
   ServiceOptions options;
   std::unique_ptr<Store> store;
   Logins logins;
-  httplib::Server http;
-  std::thread thread;
+  AttemptLimiter attempts;
+  HttpServer http{serverOptions(options)};
   int boundPort = 0;
   bool started = false;
   bool stopped = false;
@@ -273,14 +278,23 @@ struct Service::Impl {
     return sessionLocks[std::hash<std::string>{}(sessionId) % sessionLocks.size()];
   }
 
-  bool hasApiKey(const Request& req) const {
+  /// Whether the query holds a configured key. An address whose wrong keys used up its
+  /// attempts gets 429 for any key until its attempts come back, so keys cannot be guessed fast.
+  bool hasApiKey(const Request& req) {
     if (!req.has_param("apiKey")) return false;
+    if (!attempts.allows(req.remoteAddress)) throw tooManyAttempts();
     std::string key = req.get_param_value("apiKey");
-    return std::any_of(options.apiKeys.begin(), options.apiKeys.end(),
-                       [&](const std::string& k) { return sameSecret(k, key); });
+    bool known = std::any_of(options.apiKeys.begin(), options.apiKeys.end(),
+                             [&](const std::string& k) { return sameSecret(k, key); });
+    if (!known) attempts.failed(req.remoteAddress);
+    return known;
   }
 
-  void requireApiKey(const Request& req) const {
+  static RequestError tooManyAttempts() {
+    return RequestError(429, "too many wrong API keys from this address; try again later");
+  }
+
+  void requireApiKey(const Request& req) {
     if (!hasApiKey(req)) throw RequestError(401, "missing or unknown API key");
   }
 
@@ -303,7 +317,7 @@ struct Service::Impl {
   Logins::Login pageLogin(const Request& req, Response& res) {
     requireReader(req);
     if (std::optional<Logins::Login> login = loginOf(req)) return *login;
-    Logins::Login login = logins.create();
+    Logins::Login login = logins.createProvisional();
     res.set_header("Set-Cookie", loginCookie(login.token));
     return login;
   }
@@ -672,18 +686,21 @@ struct Service::Impl {
   // POST /app/login with the form fields apiKey and next.
   void login(const Request& req, Response& res) {
     if (isForeign(req)) throw RequestError(403, "cross-site request refused");
-    httplib::Params fields = formFields(req);
+    Params fields = formFields(req);
     std::string key = fieldAt(fields, "apiKey");
     std::string next = localPathOr(fieldAt(fields, "next"), "/app/batches");
+    if (!attempts.allows(req.remoteAddress)) throw tooManyAttempts();
     bool known = std::any_of(options.apiKeys.begin(), options.apiKeys.end(),
                              [&](const std::string& k) { return sameSecret(k, key); });
     if (!known) {
+      attempts.failed(req.remoteAddress);
       if (!accepts(req, "text/html")) throw RequestError(401, "missing or unknown API key");
       replyHtml(res, 401, renderLoginPage(next, "Unknown API key."));
       return;
     }
-    Logins::Login login = logins.create();
-    res.set_header("Set-Cookie", loginCookie(login.token));
+    std::optional<Logins::Login> login = logins.create();
+    if (!login) throw RequestError(503, "too many logins are in use; try again later");
+    res.set_header("Set-Cookie", loginCookie(login->token));
     redirect(res, next);
   }
 
@@ -850,7 +867,7 @@ struct Service::Impl {
   }
 
   /// Runs a handler, turning refusals and failures into JSON error replies.
-  httplib::Server::Handler guarded(void (Impl::*handler)(const Request&, Response&)) {
+  HttpServer::Handler guarded(void (Impl::*handler)(const Request&, Response&)) {
     return [this, handler](const Request& req, Response& res) {
       setSecurityHeaders(res);
       try {
@@ -860,6 +877,8 @@ struct Service::Impl {
         redirect(res, "/app/login?next=" + percentEncode(next));
       } catch (const RequestError& e) {
         replyError(res, e.status(), e.what());
+      } catch (const StoreUnavailable& e) {
+        replyError(res, 503, "the data folder is unavailable");
       } catch (const StoreError& e) {
         Logger::logWithFormat("%@: storage failure: %@", describeRequest(req), e.what());
         replyError(res, 500, "storage failure");
@@ -894,38 +913,26 @@ struct Service::Impl {
     http.Get(stepReview, guarded(&Impl::reviewNeedsPost));
     http.Get(acceptAll, guarded(&Impl::reviewNeedsPost));
 
-    http.set_payload_max_length(options.maxBodyBytes);
     // Replies the server makes itself (no route, body too large) get a JSON error body too.
     // Refusals are logged here, before the reply goes out.
-    http.set_error_handler(
-        httplib::Server::HandlerWithResponse([this](const Request& req, Response& res) {
-          setSecurityHeaders(res);
-          if (res.body.empty()) {
-            std::string message =
-                res.status == 404 ? "not found"
-                : res.status == 413
-                    ? "the body is larger than " + std::to_string(options.maxBodyBytes) + " bytes"
-                    : "bad request";
-            replyError(res, res.status, message);
-          }
-          std::optional<Json> body = json::parse(res.body);
-          Logger::logWithFormat("%@ -> %li: %@", describeRequest(req), res.status,
-                                body ? textAt(*body, "error") : std::string());
-          return httplib::Server::HandlerResponse::Handled;
-        }));
+    http.set_error_handler([this](const Request& req, Response& res) {
+      setSecurityHeaders(res);
+      if (res.body.empty()) {
+        std::string message =
+            res.status == 404 ? "not found"
+            : res.status == 413
+                ? "the body is larger than " + std::to_string(options.maxBodyBytes) + " bytes"
+            : res.status == 408 ? "the request did not arrive in time"
+                                : "bad request";
+        replyError(res, res.status, message);
+      }
+      std::optional<Json> body = json::parse(res.body);
+      Logger::logWithFormat("%@ -> %li: %@", describeRequest(req), res.status,
+                            body ? textAt(*body, "error") : std::string());
+    });
     // One line per request that succeeded; the query (which holds the API key) is left out.
     http.set_logger([](const Request& req, const Response& res) {
       if (res.status < 400) Logger::logWithFormat("%@ -> %li", describeRequest(req), res.status);
-    });
-    // SO_REUSEADDR but not the library's default SO_REUSEPORT, which would let a second
-    // service share the port silently. TCP_NODELAY (accepted connections inherit it): a reply
-    // goes out as headers and body in two writes, and with Nagle's algorithm the body waits for
-    // the client's delayed acknowledgement of the headers, 40 ms on every request of a
-    // kept-alive connection.
-    http.set_socket_options([](socket_t sock) {
-      int yes = 1;
-      setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-      setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     });
   }
 
@@ -951,21 +958,10 @@ void Service::start() {
     throw ServiceError(e.what());
   }
   i.registerRoutes();
-  if (i.options.port == 0) {
-    i.boundPort = i.http.bind_to_any_port(i.options.host);
-  } else if (i.http.bind_to_port(i.options.host, i.options.port)) {
-    i.boundPort = i.options.port;
-  } else {
-    i.boundPort = -1;
-  }
+  i.boundPort = i.http.start(i.options.host, i.options.port);
   if (i.boundPort <= 0) {
     i.boundPort = 0;
     throw ServiceError("cannot listen on " + i.options.host + ":" + std::to_string(i.options.port));
-  }
-  i.thread = std::thread([&i] { i.http.listen_after_bind(); });
-  // stop() only reaches a server that is already running, so wait for it to be.
-  for (int n = 0; n < 5000 && !i.http.is_running(); ++n) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   i.started = true;
 }
@@ -974,7 +970,6 @@ void Service::stop() {
   Impl& i = *impl_;
   if (!i.started) return;
   i.http.stop();
-  if (i.thread.joinable()) i.thread.join();
   i.started = false;
   i.stopped = true;
 }

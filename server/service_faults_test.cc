@@ -96,7 +96,7 @@ TEST_F(ServiceFaultsTest, BadRequestsGetJsonErrorsAndALogLine) {
        upload(damaged), 409},
       {"match: id with a dot", "POST", "/api/sessions/running/.." + key, upload(kPlain), 400},
       {"match: id with encoded slashes", "POST", "/api/sessions/running/..%2F..%2Fetc" + key,
-       upload(kPlain), 404},
+       upload(kPlain), 400},
       {"stop: unknown session", "DELETE", "/api/sessions/running/ABC-123" + key, "", 404},
       {"stop: bad flag", "DELETE", "/api/sessions/running/" + id_ + key + "&aborted=maybe", "",
        400},

@@ -1,6 +1,7 @@
 #include "server/store.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@
 #include <openssl/evp.h>
 #include <sqlite3.h>
 
+#include "saffra/base/logger.h"
 #include "saffra/platform/uuid.h"
 
 namespace saffra::server {
@@ -449,6 +451,22 @@ class Store::Flusher {
   std::thread thread_;
 };
 
+namespace {
+
+/// Device and inode of the data folder, its image folder and its database file; zeros for one
+/// that is missing.
+std::array<std::pair<std::uint64_t, std::uint64_t>, 3> folderIdentity(const fs::path& folder) {
+  std::array<std::pair<std::uint64_t, std::uint64_t>, 3> identity{};
+  const fs::path paths[] = {folder, folder / "images", folder / "saffra.db"};
+  for (std::size_t i = 0; i < identity.size(); ++i) {
+    struct stat info {};
+    if (::stat(paths[i].c_str(), &info) == 0) identity[i] = {info.st_dev, info.st_ino};
+  }
+  return identity;
+}
+
+}  // namespace
+
 Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "images") {
   std::error_code error;
   fs::create_directories(imageFolder_, error);
@@ -470,12 +488,24 @@ Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "i
     exec(db_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
     exec(db_, kSchema);
     migrate();
+    identity_ = folderIdentity(folder_);
   } catch (...) {
     statements_.reset();
     sqlite3_close(db_);
     db_ = nullptr;
     throw;
   }
+}
+
+void Store::requireOwnFolder() const {
+  if (!lost_ && folderIdentity(folder_) == identity_) return;
+  if (!lost_.exchange(true)) {
+    Logger::logWithFormat(
+        "the data folder %@ or its database was removed or replaced; writes "
+        "are refused until the service restarts",
+        folder_.string());
+  }
+  throw StoreUnavailable("the data folder " + folder_.string() + " was removed or replaced");
 }
 
 Store::~Store() {
@@ -540,6 +570,7 @@ std::string Store::PendingImage::keep() {
 
 std::unique_ptr<Store::PendingImage> Store::writeImage(std::span<const std::uint8_t> png,
                                                        const std::string& id) {
+  requireOwnFolder();
   if (!isImageId(id)) throw StoreError("not an image id: " + id);
   const fs::path path = imagePath(id);
   std::error_code error;
@@ -600,6 +631,7 @@ std::optional<BaselineStep> Store::baselineStep(std::int64_t baselineId, std::in
 }
 
 void Store::recordBatch(const BatchRecord& batch) {
+  requireOwnFolder();
   std::lock_guard lock(mutex_);
   Statement s(*statements_,
               "INSERT INTO batches(id, name, started_at, sequence_name) VALUES(?, ?, ?, ?) "
@@ -619,6 +651,7 @@ std::optional<BatchRecord> Store::batch(const std::string& id) {
 }
 
 bool Store::closeBatch(const std::string& id) {
+  requireOwnFolder();
   std::lock_guard lock(mutex_);
   Statement s(*statements_, "UPDATE batches SET is_closed = 1, closed_at = ? WHERE id = ?");
   s.bind(1, now()).bind(2, id);
@@ -627,6 +660,7 @@ bool Store::closeBatch(const std::string& id) {
 }
 
 void Store::insertSession(const SessionRecord& session) {
+  requireOwnFolder();
   std::lock_guard lock(mutex_);
   Statement s(*statements_,
               "INSERT INTO sessions(id, token, info, baseline_key, baseline_id, is_new, "
@@ -684,6 +718,7 @@ std::map<std::int64_t, bool> Store::reviews(const std::string& sessionId) {
 
 void Store::reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
                         const Outcome& outcome) {
+  requireOwnFolder();
   flushImages();  // accepted steps' images become baseline images
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
@@ -798,6 +833,7 @@ std::int64_t Store::stepCount(const std::string& sessionId) {
 }
 
 void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
+  requireOwnFolder();
   std::lock_guard lock(mutex_);
   Statement s(*statements_,
               "INSERT INTO steps(session_id, position, tag, current_image, baseline_image, "
@@ -823,6 +859,7 @@ void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
 
 void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
                           const std::vector<BaselineStep>* newBaseline) {
+  requireOwnFolder();
   if (newBaseline) flushImages();
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);

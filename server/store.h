@@ -5,6 +5,8 @@
 // All operations are safe to call from several threads.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -27,6 +29,13 @@ namespace saffra::server {
 class StoreError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+/// The data folder or its database was removed or replaced while the service ran: nothing
+/// written now would survive a restart, so writes are refused until the service restarts.
+class StoreUnavailable : public StoreError {
+ public:
+  using StoreError::StoreError;
 };
 
 /// One batch of tests.
@@ -200,6 +209,9 @@ class Store {
   std::filesystem::path imagePath(const std::string& id) const;
   /// Brings a database made by an earlier version up to the current schema.
   void migrate();
+  /// Throws StoreUnavailable when the folder, the image folder or the database file is no
+  /// longer the one opened; called before every write.
+  void requireOwnFolder() const;
 
   /// The thread that flushes stored image files to disk (defined in store.cc).
   class Flusher;
@@ -210,6 +222,9 @@ class Store {
   mutable std::mutex mutex_;
   sqlite3* db_ = nullptr;
   std::unique_ptr<StatementCache> statements_;
+  /// Device and inode of the folder, the image folder and the database file when opened.
+  std::array<std::pair<std::uint64_t, std::uint64_t>, 3> identity_{};
+  mutable std::atomic<bool> lost_{false};
 };
 
 /// True for a 64-character lower-case hex text, the only form an image id takes.

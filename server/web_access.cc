@@ -56,35 +56,103 @@ std::string lower(std::string text) {
 
 }  // namespace
 
-Logins::Logins(std::chrono::seconds lifetime, std::size_t capacity)
-    : lifetime_(lifetime), capacity_(std::max<std::size_t>(capacity, 1)) {}
+Logins::Logins(std::chrono::seconds lifetime, std::size_t capacity, std::size_t provisionalCapacity)
+    : lifetime_(lifetime),
+      capacity_(std::max<std::size_t>(capacity, 1)),
+      provisionalCapacity_(std::max<std::size_t>(provisionalCapacity, 1)) {}
 
-Logins::Login Logins::create() {
+std::optional<Logins::Login> Logins::create() {
   Login login{randomToken(), randomToken()};
   auto now = std::chrono::steady_clock::now();
   std::lock_guard lock(mutex_);
   std::erase_if(entries_, [&](const auto& entry) { return entry.second.expires <= now; });
-  while (entries_.size() >= capacity_) {
-    auto oldest = std::min_element(
-        entries_.begin(), entries_.end(),
-        [](const auto& a, const auto& b) { return a.second.expires < b.second.expires; });
-    entries_.erase(oldest);
-  }
+  if (entries_.size() >= capacity_) return std::nullopt;
   entries_[sha256(login.token)] = Entry{login.csrf, now + lifetime_};
+  return login;
+}
+
+Logins::Login Logins::createProvisional() {
+  Login login{randomToken(), randomToken()};
+  auto now = std::chrono::steady_clock::now();
+  std::lock_guard lock(mutex_);
+  std::erase_if(provisional_, [&](const auto& entry) { return entry.second.expires <= now; });
+  while (provisional_.size() >= provisionalCapacity_) {
+    auto oldest = std::min_element(
+        provisional_.begin(), provisional_.end(),
+        [](const auto& a, const auto& b) { return a.second.expires < b.second.expires; });
+    provisional_.erase(oldest);
+  }
+  provisional_[sha256(login.token)] = Entry{login.csrf, now + lifetime_};
   return login;
 }
 
 std::optional<Logins::Login> Logins::find(const std::string& token) {
   if (token.empty()) return std::nullopt;
   std::string key = sha256(token);
+  auto now = std::chrono::steady_clock::now();
   std::lock_guard lock(mutex_);
   auto found = entries_.find(key);
-  if (found == entries_.end()) return std::nullopt;
-  if (found->second.expires <= std::chrono::steady_clock::now()) {
+  if (found == entries_.end()) {
+    auto offered = provisional_.find(key);
+    if (offered == provisional_.end()) return std::nullopt;
+    if (offered->second.expires <= now) {
+      provisional_.erase(offered);
+      return std::nullopt;
+    }
+    Login login{token, offered->second.csrf};
+    // The cookie came back: a browser keeps this login, so it takes a place when one is free.
+    std::erase_if(entries_, [&](const auto& entry) { return entry.second.expires <= now; });
+    if (entries_.size() < capacity_) {
+      entries_.emplace(key, offered->second);
+      provisional_.erase(offered);
+    }
+    return login;
+  }
+  if (found->second.expires <= now) {
     entries_.erase(found);
     return std::nullopt;
   }
   return Login{token, found->second.csrf};
+}
+
+AttemptLimiter::AttemptLimiter(std::size_t burst, std::chrono::milliseconds interval,
+                               std::size_t maxAddresses)
+    : burst_(static_cast<double>(std::max<std::size_t>(burst, 1))),
+      interval_(std::max(interval, std::chrono::milliseconds(1))),
+      maxAddresses_(std::max<std::size_t>(maxAddresses, 1)) {}
+
+AttemptLimiter::Bucket& AttemptLimiter::refilled(const std::string& address) {
+  auto now = std::chrono::steady_clock::now();
+  auto refill = [&](Bucket& bucket) {
+    double gained = std::chrono::duration<double>(now - bucket.updated) / interval_;
+    bucket.attempts = std::min(burst_, bucket.attempts + gained);
+    bucket.updated = now;
+  };
+  auto found = buckets_.find(address);
+  if (found != buckets_.end()) {
+    refill(found->second);
+    return found->second;
+  }
+  if (buckets_.size() >= maxAddresses_) {
+    // Addresses whose attempts are all back are the same as new ones.
+    for (auto at = buckets_.begin(); at != buckets_.end();) {
+      refill(at->second);
+      at = at->second.attempts >= burst_ ? buckets_.erase(at) : std::next(at);
+    }
+    if (buckets_.size() >= maxAddresses_) buckets_.erase(buckets_.begin());
+  }
+  return buckets_.emplace(address, Bucket{burst_, now}).first->second;
+}
+
+bool AttemptLimiter::allows(const std::string& address) {
+  std::lock_guard lock(mutex_);
+  return refilled(address).attempts >= 1;
+}
+
+void AttemptLimiter::failed(const std::string& address) {
+  std::lock_guard lock(mutex_);
+  Bucket& bucket = refilled(address);
+  bucket.attempts = std::max(0.0, bucket.attempts - 1);
 }
 
 std::string randomToken() {

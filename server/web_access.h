@@ -19,8 +19,11 @@ inline constexpr std::string_view kLoginCookie = "saffra_login";
 
 /// The logins of the running service. A login token is random and says nothing about the key
 /// it was made with; each login has its own random CSRF token for the forms of its pages.
-/// Logins expire after `lifetime` and the oldest go when there are more than `capacity`; a
-/// restart forgets them all. Safe to use from several threads.
+/// Logins expire after `lifetime`; a restart forgets them all. No login ever makes room for a
+/// new one: when `capacity` logins are in use, the login form is refused until one expires.
+/// A page opened with the key offers a provisional login that takes a place only once its
+/// cookie comes back, so clients that never keep cookies fill only the provisional places, where
+/// the oldest make room. Safe to use from several threads.
 class Logins {
  public:
   struct Login {
@@ -29,11 +32,14 @@ class Logins {
   };
 
   explicit Logins(std::chrono::seconds lifetime = std::chrono::hours(12),
-                  std::size_t capacity = 4096);
+                  std::size_t capacity = 4096, std::size_t provisionalCapacity = 1024);
 
-  /// A new login.
-  Login create();
-  /// The login of `token`, when it is known and has not expired.
+  /// A new login; nothing when every place is taken.
+  std::optional<Login> create();
+  /// A new provisional login.
+  Login createProvisional();
+  /// The login of `token`, when it is known and has not expired; a provisional one takes a
+  /// place now if one is free.
   std::optional<Login> find(const std::string& token);
 
  private:
@@ -41,12 +47,42 @@ class Logins {
     std::string csrf;
     std::chrono::steady_clock::time_point expires;
   };
+  using Entries = std::unordered_map<std::string, Entry>;
 
   std::chrono::seconds lifetime_;
   std::size_t capacity_;
+  std::size_t provisionalCapacity_;
   std::mutex mutex_;
   /// Keyed by the SHA-256 of the token, so a lookup's timing says nothing about the token.
-  std::unordered_map<std::string, Entry> entries_;
+  Entries entries_;
+  Entries provisional_;
+};
+
+/// Limits the failed key attempts of each client address: `burst` at once, then one per
+/// `interval`. Safe to use from several threads.
+class AttemptLimiter {
+ public:
+  explicit AttemptLimiter(std::size_t burst = 20,
+                          std::chrono::milliseconds interval = std::chrono::seconds(1),
+                          std::size_t maxAddresses = 65536);
+
+  /// True when `address` may try a key now.
+  bool allows(const std::string& address);
+  /// Counts a failed attempt of `address`.
+  void failed(const std::string& address);
+
+ private:
+  struct Bucket {
+    double attempts;
+    std::chrono::steady_clock::time_point updated;
+  };
+  Bucket& refilled(const std::string& address);
+
+  double burst_;
+  std::chrono::milliseconds interval_;
+  std::size_t maxAddresses_;
+  std::mutex mutex_;
+  std::unordered_map<std::string, Bucket> buckets_;
 };
 
 /// A random 256-bit value in lower-case hex.

@@ -37,8 +37,11 @@ constexpr int kWorkerThreads = 32;
 // part-way through a reply body.
 class ConnectionStream : public httplib::Stream {
  public:
-  ConnectionStream(int fd, SSL* ssl, const std::atomic<bool>& stopping)
-      : fd_(fd), ssl_(ssl), stopping_(stopping) {}
+  /// Decides from a request head whether to reset the connection part-way through its body.
+  using ResetCheck = std::function<bool(const std::string& head)>;
+
+  ConnectionStream(int fd, SSL* ssl, const std::atomic<bool>& stopping, ResetCheck resetCheck)
+      : fd_(fd), ssl_(ssl), stopping_(stopping), resetCheck_(std::move(resetCheck)) {}
 
   bool is_readable() const override { return hasBuffered() || waitFor(POLLIN, kReadTimeout); }
   bool is_writable() const override { return !dropped_ && waitFor(POLLOUT, kReadTimeout); }
@@ -53,6 +56,14 @@ class ConnectionStream : public httplib::Stream {
     if (!headComplete_) {
       head_.append(ptr, n);
       headComplete_ = head_.size() >= 4 && head_.compare(head_.size() - 4, 4, "\r\n\r\n") == 0;
+      resetArmed_ = headComplete_ && resetCheck_ && resetCheck_(head_);
+      bodySeen_ = 0;
+    } else if (resetArmed_ && (bodySeen_ += n) >= kResetAfterBodyBytes) {
+      // Unread input and a zero linger make the close a reset.
+      linger abort{1, 0};
+      setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+      dropped_ = true;
+      return -1;
     }
     pos_ += n;
     return static_cast<ssize_t>(n);
@@ -169,9 +180,14 @@ class ConnectionStream : public httplib::Stream {
     port = ntohs(address.sin_port);
   }
 
+  static constexpr size_t kResetAfterBodyBytes = 64 * 1024;
+
   int fd_;
   SSL* ssl_;
   const std::atomic<bool>& stopping_;
+  ResetCheck resetCheck_;
+  bool resetArmed_ = false;
+  size_t bodySeen_ = 0;
   std::string buffer_;
   size_t pos_ = 0;
   bool eof_ = false;
@@ -300,6 +316,27 @@ Reply Reply::hang() {
   return reply;
 }
 
+Reply Reply::trickle(int status, std::string body, std::size_t pieceBytes,
+                     std::chrono::milliseconds pieceInterval) {
+  Reply reply = json(status, std::move(body));
+  reply.fault = Fault::Trickle;
+  reply.pieceBytes = std::max<std::size_t>(1, pieceBytes);
+  reply.pieceInterval = pieceInterval;
+  return reply;
+}
+
+Reply Reply::endless() {
+  Reply reply;
+  reply.fault = Fault::Endless;
+  return reply;
+}
+
+Reply Reply::resetUpload() {
+  Reply reply;
+  reply.fault = Fault::ResetUpload;
+  return reply;
+}
+
 Reply Reply::after(std::chrono::milliseconds wait) const {
   Reply reply = *this;
   reply.delay = wait;
@@ -327,7 +364,9 @@ struct TestServer::Impl {
         ready = ssl && SSL_set_fd(ssl, sock) == 1 && SSL_accept(ssl) == 1;
       }
       if (ready) {
-        ConnectionStream stream(sock, ssl, owner_.stopping);
+        ConnectionStream stream(sock, ssl, owner_.stopping, [this](const std::string& head) {
+          return owner_.resetsUpload(head);
+        });
         while (!owner_.stopping && stream.waitForNextRequest()) {
           bool closed = false;
           tCurrentStream = &stream;
@@ -403,7 +442,51 @@ struct TestServer::Impl {
     }
     response.status = reply.status;
     for (const auto& [name, value] : reply.headers) response.set_header(name, value);
+    if (reply.fault == Reply::Fault::Trickle) {
+      auto body = std::make_shared<std::string>(std::move(reply.body));
+      response.set_content_provider(
+          body->size(), reply.contentType,
+          [this, body, reply, generation](size_t offset, size_t length, httplib::DataSink& sink) {
+            if (offset > 0) {
+              std::unique_lock<std::mutex> lock(mutex);
+              if (changed.wait_for(lock, reply.pieceInterval,
+                                   [&] { return stopping || releaseGeneration != generation; })) {
+                return false;
+              }
+            }
+            return sink.write(body->data() + offset, std::min(length, reply.pieceBytes));
+          });
+      return;
+    }
+    if (reply.fault == Reply::Fault::Endless) {
+      auto sent = std::make_shared<std::size_t>(0);
+      response.set_chunked_content_provider(reply.contentType,
+                                            [this, sent](size_t, httplib::DataSink& sink) {
+                                              static const std::string piece(64 * 1024, 'x');
+                                              if (stopping || *sent >= (std::size_t{4} << 30))
+                                                return false;
+                                              *sent += piece.size();
+                                              return sink.write(piece.data(), piece.size());
+                                            });
+      return;
+    }
     response.set_content(reply.body, reply.contentType);
+  }
+
+  // True when the route of a request head answers by resetting the upload.
+  bool resetsUpload(const std::string& head) {
+    RecordedRequest request;
+    parseHead(head, request);
+    std::lock_guard<std::mutex> lock(mutex);
+    auto found = routes.find({request.method, request.path});
+    if (found == routes.end() || found->second.replies.empty()) return false;
+    Route& route = found->second;
+    if (route.replies[std::min(route.next, route.replies.size() - 1)].fault !=
+        Reply::Fault::ResetUpload) {
+      return false;
+    }
+    ++route.next;  // the request is never handled, so its reply is used up here
+    return true;
   }
 
   // The reply scripted for a request; called under the mutex.

@@ -52,6 +52,12 @@ struct Reply {
     CutBody,
     /// Answer nothing until releaseHangs(), reset() or shutdown; then close.
     Hang,
+    /// Send the body in pieces of `pieceBytes`, waiting `pieceInterval` before each but the first.
+    Trickle,
+    /// Send a chunked body without end, until the client leaves (at most 4 GB).
+    Endless,
+    /// Read the request head and 64 KB of its body, then reset the connection.
+    ResetUpload,
   };
 
   int status = 200;
@@ -62,12 +68,18 @@ struct Reply {
   /// Wait this long before answering (cut short by reset()).
   std::chrono::milliseconds delay{0};
   Fault fault = Fault::None;
+  std::size_t pieceBytes = 0;
+  std::chrono::milliseconds pieceInterval{0};
 
   static Reply json(int status, std::string body);
   static Reply text(int status, std::string body, std::string contentType = "text/html");
   static Reply drop();
   static Reply cutBody(int status, std::string body);
   static Reply hang();
+  static Reply trickle(int status, std::string body, std::size_t pieceBytes,
+                       std::chrono::milliseconds pieceInterval);
+  static Reply endless();
+  static Reply resetUpload();
   /// This reply, sent after a delay.
   Reply after(std::chrono::milliseconds wait) const;
 };

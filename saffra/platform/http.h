@@ -3,6 +3,7 @@
 // already there replaces its value in place.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -21,7 +22,12 @@ struct HttpRequest {
   std::vector<std::pair<std::string, std::string>> headers;
   /// Absent means no body at all (no Content-Length either).
   std::optional<std::string> body;
+  /// The longest time without any byte sent or received before the request fails; a transfer
+  /// that keeps moving is never cut. Not a positive number means 300 seconds.
   double timeoutSeconds = 300.0;
+  /// The largest reply body accepted; a longer reply fails the request. 0 means the default,
+  /// 64 MB, far more than any results document.
+  std::size_t maxReplyBytes = 0;
 
   /// Sets a header, replacing an earlier value of the same name (names compare case-insensitively).
   void setValueForHTTPHeaderField(const std::string& value, const std::string& field);

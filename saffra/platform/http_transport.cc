@@ -3,9 +3,12 @@
 #include <curl/curl.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <exception>
@@ -20,6 +23,7 @@ namespace {
 
 constexpr const char* kErrorDomain = "saffra.http";
 constexpr double kDefaultTimeoutSeconds = 300.0;
+constexpr std::size_t kDefaultMaxReplyBytes = std::size_t{64} << 20;
 
 void initCurlOnce() {
   static std::once_flag once;
@@ -94,6 +98,13 @@ struct Job {
   curl_slist* headerList = nullptr;
   bool reserved = false;
   char errorBuffer[CURL_ERROR_SIZE] = {};
+  std::size_t maxReplyBytes = kDefaultMaxReplyBytes;
+  /// Set when the reply outgrew maxReplyBytes or no byte moved for the time-out.
+  bool tooLarge = false;
+  bool stalled = false;
+  long inactivityMs = 0;
+  curl_off_t lastMoved = -1;
+  std::chrono::steady_clock::time_point lastMovedAt = std::chrono::steady_clock::now();
 
   ~Job() {
     if (easy) curl_easy_cleanup(easy);
@@ -104,11 +115,15 @@ struct Job {
     auto* job = static_cast<Job*>(user);
     size_t length = size * count;
     try {
+      if (length > job->maxReplyBytes - job->response.body.size()) {
+        job->tooLarge = true;
+        return 0;  // curl ends the transfer with a write error
+      }
       if (!job->reserved) {
         job->reserved = true;
         curl_off_t expected = -1;
         curl_easy_getinfo(job->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected);
-        if (expected > 0 && expected < (curl_off_t{1} << 30)) {
+        if (expected > 0 && static_cast<std::uint64_t>(expected) <= job->maxReplyBytes) {
           job->response.body.reserve(static_cast<size_t>(expected));
         }
       }
@@ -117,6 +132,24 @@ struct Job {
       return 0;  // out of memory: curl ends the transfer with a write error
     }
     return length;
+  }
+
+  /// Fails the transfer once no byte went either way for the time-out; curl calls this at least
+  /// once a second while the transfer runs.
+  static int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t,
+                        curl_off_t uploaded) {
+    auto* job = static_cast<Job*>(user);
+    auto now = std::chrono::steady_clock::now();
+    if (downloaded + uploaded != job->lastMoved) {
+      job->lastMoved = downloaded + uploaded;
+      job->lastMovedAt = now;
+      return 0;
+    }
+    if (now - job->lastMovedAt >= std::chrono::milliseconds(job->inactivityMs)) {
+      job->stalled = true;
+      return 1;
+    }
+    return 0;
   }
 
   static size_t onHeader(char* data, size_t size, size_t count, void* user) {
@@ -241,7 +274,16 @@ struct HttpTransport::Impl : std::enable_shared_from_this<Impl> {
       curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
       job->response.statusCode = status;
       std::optional<Error> error;
-      if (result != CURLE_OK) error = curlError(result, job->errorBuffer);
+      if (job->tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
+        error = Error{kErrorDomain, CURLE_FILESIZE_EXCEEDED,
+                      "The reply is larger than the limit of " +
+                          std::to_string(job->maxReplyBytes) + " bytes"};
+      } else if (job->stalled) {
+        error = Error{kErrorDomain, CURLE_OPERATION_TIMEDOUT,
+                      "No data moved for " + std::to_string(job->inactivityMs) + " ms"};
+      } else if (result != CURLE_OK) {
+        error = curlError(result, job->errorBuffer);
+      }
       complete(*job, std::move(error));
       if (stopping) return;
     }
@@ -297,7 +339,19 @@ struct HttpTransport::Impl : std::enable_shared_from_this<Impl> {
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     set(CURLOPT_FOLLOWLOCATION, 0L);
-    set(CURLOPT_TIMEOUT_MS, timeoutMilliseconds(request.timeoutSeconds));
+    // The time-out counts time without progress, not the whole transfer: the progress
+    // callback measures it to the millisecond, and curl's own low-speed check (whole seconds)
+    // keeps it called while nothing moves.
+    job.inactivityMs = timeoutMilliseconds(request.timeoutSeconds);
+    set(CURLOPT_CONNECTTIMEOUT_MS, job.inactivityMs);
+    set(CURLOPT_NOPROGRESS, 0L);
+    set(CURLOPT_XFERINFOFUNCTION, &Job::onProgress);
+    set(CURLOPT_XFERINFODATA, &job);
+    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    set(CURLOPT_LOW_SPEED_TIME, std::max(1L, (job.inactivityMs + 999) / 1000));
+    if (request.maxReplyBytes > 0) job.maxReplyBytes = request.maxReplyBytes;
+    set(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(std::min<std::uint64_t>(
+                                       job.maxReplyBytes, std::uint64_t{1} << 62)));
     // Every server certificate is accepted, as the service connector's trust handling does.
     set(CURLOPT_SSL_VERIFYPEER, 0L);
     set(CURLOPT_SSL_VERIFYHOST, 0L);

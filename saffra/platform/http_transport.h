@@ -35,10 +35,10 @@ class HttpTransport {
 
   /// Starts the request and returns at once. The handler later receives the status, headers and
   /// body, or an error (domain "saffra.http", curl's code and message) when no complete reply
-  /// arrived: bad URL, refused connection, time-out after `request.timeoutSeconds`, reply cut
-  /// off, TLS or proxy failure. With an error, status, headers and body hold whatever arrived
-  /// before the failure. A time-out that is not a positive number means 300 seconds. Nothing is
-  /// ever thrown for a failed request.
+  /// arrived: bad URL, refused connection, no byte moving either way for
+  /// `request.timeoutSeconds`, a reply body over `request.maxReplyBytes`, reply cut off, TLS or
+  /// proxy failure. With an error, status, headers and body hold whatever arrived before the
+  /// failure. Nothing is ever thrown for a failed request.
   void send(HttpRequest request, CompletionHandler completionHandler);
 
   /// Runs `work` on the worker thread, in order with the completion handlers.

@@ -100,19 +100,23 @@ TEST(HttpTransportTest, SendsExactlyTheHeadersSetOnTheRequest) {
     EXPECT_EQ(Headers(r.headers.begin() + 1, r.headers.end()), expected) << r.head;
     EXPECT_EQ(r.body, c.request.body.value_or(""));
   }
+  for (const auto& request : server.requests()) EXPECT_NE(request.path, "/elsewhere");
 }
 
 TEST(HttpTransportTest, PassesStatusHeadersAndBodyThrough) {
   auto& server = TestServer::shared();
   std::string huge(40 * 1024 * 1024, '\0');
   for (size_t i = 0; i < huge.size(); ++i) huge[i] = static_cast<char>('a' + i % 23);
+  // A redirect is handed back as it is: its target is never requested.
+  Reply redirect = Reply::json(302, "");
+  redirect.headers = {{"Location", server.url("/elsewhere")}};
   const Reply replies[] = {
       Reply::json(200, R"({"id":"1"})"),
       Reply::json(201, R"({"id":"2","url":"u"})"),
       Reply::json(404, R"({"message":"missing"})"),
       Reply::text(500, "<html><body><h1>500 Internal Server Error</h1></body></html>"),
       Reply::text(200, "", "text/plain"),
-      Reply::json(302, ""),
+      redirect,
       Reply::text(200, huge, "application/octet-stream"),
   };
   HttpTransport transport;
@@ -155,6 +159,87 @@ TEST(HttpTransportTest, FaultsEndAsTransportErrors) {
     EXPECT_EQ(response.error->code, c.code) << response.error->localizedDescription;
     EXPECT_FALSE(response.error->localizedDescription.empty());
   }
+}
+
+TEST(HttpTransportTest, RepliesOverTheSizeLimitFail) {
+  auto& server = TestServer::shared();
+  const std::size_t limit = 1 << 20;
+  struct Case {
+    const char* name;
+    Reply reply;
+    bool fits;
+  };
+  const Case cases[] = {
+      {"endless chunked reply", Reply::endless(), false},
+      {"declared length over the limit", Reply::text(200, std::string(limit + 1, 'a')), false},
+      {"exactly the limit", Reply::text(200, std::string(limit, 'a')), true},
+  };
+  HttpTransport transport;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    server.route("GET", "/big", c.reply);
+    HttpRequest request = makeRequest("GET", server.url("/big"));
+    request.maxReplyBytes = limit;
+    HttpResponse response = fetch(transport, request);
+    if (c.fits) {
+      ASSERT_FALSE(response.error) << response.error->localizedDescription;
+      EXPECT_EQ(response.body.size(), limit);
+      continue;
+    }
+    ASSERT_TRUE(response.error);
+    EXPECT_EQ(response.error->code, CURLE_FILESIZE_EXCEEDED);
+    EXPECT_NE(response.error->localizedDescription.find("larger than the limit of 1048576 bytes"),
+              std::string::npos)
+        << response.error->localizedDescription;
+    EXPECT_LE(response.body.size(), limit);
+  }
+}
+
+TEST(HttpTransportTest, TimeOutCountsOnlyTimeWithoutProgress) {
+  auto& server = TestServer::shared();
+  struct Case {
+    const char* name;
+    Reply reply;
+    bool completes;
+  };
+  // A one-second limit: the first reply takes about three seconds but never pauses for long;
+  // the second stops moving for longer than the limit.
+  const Case cases[] = {
+      {"trickling past the limit", Reply::trickle(200, std::string(12, 't'), 1, 250ms), true},
+      {"stalled mid-body", Reply::trickle(200, std::string(2, 's'), 1, 5s), false},
+  };
+  HttpTransport transport;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    server.route("GET", "/slow", c.reply);
+    HttpRequest request = makeRequest("GET", server.url("/slow"));
+    request.timeoutSeconds = 1;
+    HttpResponse response = fetch(transport, request);
+    if (c.completes) {
+      ASSERT_FALSE(response.error) << response.error->localizedDescription;
+      EXPECT_EQ(response.body, c.reply.body);
+    } else {
+      ASSERT_TRUE(response.error);
+      EXPECT_EQ(response.error->code, CURLE_OPERATION_TIMEDOUT)
+          << response.error->localizedDescription;
+      server.releaseHangs();
+    }
+  }
+}
+
+TEST(HttpTransportTest, ResetDuringALargeUploadFailsAndTheNextRequestWorks) {
+  auto& server = TestServer::shared();
+  server.route("POST", "/upload", std::vector<Reply>{Reply::resetUpload(), Reply::json(200, "{}")});
+  HttpTransport transport;
+  HttpResponse cut =
+      fetch(transport, makeRequest("POST", server.url("/upload"), {}, std::string(32 << 20, 'u')));
+  ASSERT_TRUE(cut.error);
+  EXPECT_EQ(cut.error->domain, "saffra.http");
+  EXPECT_EQ(cut.statusCode, 0);
+  HttpResponse next =
+      fetch(transport, makeRequest("POST", server.url("/upload"), {}, std::string(1000, 'u')));
+  ASSERT_FALSE(next.error) << next.error->localizedDescription;
+  EXPECT_EQ(next.statusCode, 200);
 }
 
 TEST(HttpTransportTest, InvalidURLsFailInTheHandler) {

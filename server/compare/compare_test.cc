@@ -77,6 +77,38 @@ TEST(CompareTest, EachLevelJudgesItsKindOfChange) {
   EXPECT_GE(removed.differences.front().top, 120);
 }
 
+// The same colours with other opacity: the levels compare what shows over a white page.
+TEST(CompareTest, TransparencyThatShowsIsADifference) {
+  // Sets the alpha of every pixel, or of the ink only, or of the white only.
+  const auto withAlpha = [](Image image, std::uint8_t alpha, bool ink, bool white) {
+    for (std::size_t i = 0; i < image.width() * image.height(); ++i) {
+      std::uint8_t* p = image.mutableData() + i * 4;
+      const bool isWhite = p[0] == 255 && p[1] == 255 && p[2] == 255;
+      if (isWhite ? white : ink) p[3] = alpha;
+    }
+    return image;
+  };
+  struct Case {
+    const char* change;
+    Image other;
+    bool strict, content, layout;  // expected matches; Exact never matches
+  };
+  const Image base = page();
+  const Case cases[] = {
+      {"all fully transparent", withAlpha(page(), 0, true, true), false, false, false},
+      {"the ink half transparent", withAlpha(page(), 128, true, false), false, true, true},
+      {"white made transparent", withAlpha(page(), 0, false, true), true, true, true},
+      {"alpha 254", withAlpha(page(), 254, true, true), true, true, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.change);
+    EXPECT_FALSE(compareImages(base, c.other, at(MatchLevel::Exact)).matches);
+    EXPECT_EQ(compareImages(base, c.other, at(MatchLevel::Strict)).matches, c.strict);
+    EXPECT_EQ(compareImages(base, c.other, at(MatchLevel::Content)).matches, c.content);
+    EXPECT_EQ(compareImages(base, c.other, at(MatchLevel::Layout)).matches, c.layout);
+  }
+}
+
 TEST(CompareTest, RegionsChangeHowTheirAreaIsCompared) {
   const Image base = page(), moved = page(0, kInk, 46), recoloured = page(0, kRed);
   const PixelRect button{30, 120, 90, 45}, card{20, 20, 200, 90};

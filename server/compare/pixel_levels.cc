@@ -195,10 +195,12 @@ SAFFRA_TARGET_AVX2 inline unsigned blendedAvx2(const std::uint8_t* const (&rows)
   const __m256i inside = _mm256_and_si256(
       _mm256_cmpeq_epi8(_mm256_max_epu8(target, _mm256_subs_epu8(lo, slack)), target),
       _mm256_cmpeq_epi8(_mm256_min_epu8(target, _mm256_adds_epu8(hi, slack)), target));
-  // Alpha takes no part: a pixel passes when its three colour bytes do.
-  const __m256i passed =
-      _mm256_cmpeq_epi32(_mm256_or_si256(inside, _mm256_set1_epi32(static_cast<int>(0xff000000u))),
-                         _mm256_set1_epi32(-1));
+  // A pixel passes when its three colour bytes do and it and the whole neighbourhood are
+  // opaque: between translucent colours a blend says nothing about what shows.
+  const __m256i alpha = _mm256_set1_epi32(static_cast<int>(0xff000000u));
+  const __m256i passed = _mm256_and_si256(
+      _mm256_cmpeq_epi32(_mm256_or_si256(inside, alpha), _mm256_set1_epi32(-1)),
+      _mm256_cmpeq_epi32(_mm256_and_si256(_mm256_and_si256(lo, target), alpha), alpha));
   return static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(passed)));
 }
 
@@ -321,7 +323,9 @@ bool explainedBy(const Pixels& image, int x, int y, std::uint32_t target, const 
     const __m128i inside =
         _mm_and_si128(_mm_cmpeq_epi8(_mm_max_epu8(t, _mm_subs_epu8(lo, slack)), t),
                       _mm_cmpeq_epi8(_mm_min_epu8(t, _mm_adds_epu8(hi, slack)), t));
-    if ((_mm_movemask_epi8(inside) & 0x7) == 0x7) return true;
+    const bool opaque =
+        (target >> 24) == 255u && (static_cast<std::uint32_t>(_mm_cvtsi128_si32(lo)) >> 24) == 255u;
+    if (opaque && (_mm_movemask_epi8(inside) & 0x7) == 0x7) return true;
 #if SAFFRA_X86_DISPATCH
     if (avx2) return anyNearAvx2(rows, targetYiq, limit);
 #endif
@@ -337,7 +341,7 @@ bool explainedBy(const Pixels& image, int x, int y, std::uint32_t target, const 
   const int x0 = std::max(x - 1, 0), x1 = std::min(x + 1, w - 1);
   const int y0 = std::max(y - 1, 0), y1 = std::min(y + 1, h - 1);
   // The blend test first: integer work only, and it settles most anti-aliased pixels.
-  int lo[3] = {255, 255, 255}, hi[3] = {0, 0, 0};
+  int lo[4] = {255, 255, 255, 255}, hi[3] = {0, 0, 0};
   for (int yy = y0; yy <= y1; ++yy) {
     const std::uint8_t* row = at(image, 0, yy);
     for (int xx = x0; xx <= x1; ++xx) {
@@ -345,9 +349,11 @@ bool explainedBy(const Pixels& image, int x, int y, std::uint32_t target, const 
         const int channel = row[xx * 4 + c];
         lo[c] = std::min(lo[c], channel), hi[c] = std::max(hi[c], channel);
       }
+      lo[3] = std::min(lo[3], int{row[xx * 4 + 3]});
     }
   }
-  bool between = true;
+  // Between translucent colours a blend says nothing about what shows.
+  bool between = lo[3] == 255 && (target >> 24) == 255u;
   for (int c = 0; c < 3; ++c) {
     const int channel = static_cast<int>((target >> (8 * c)) & 255u);
     between = between && channel >= lo[c] - kBlendSlack && channel <= hi[c] + kBlendSlack;
@@ -362,9 +368,17 @@ bool explainedBy(const Pixels& image, int x, int y, std::uint32_t target, const 
   return false;
 }
 
+// A channel of a colour blended over white, as it shows.
+inline int overWhite(int channel, int alpha) {
+  return 255 - ((255 - channel) * alpha + 127) / 255;
+}
+
 inline bool contrasting(const std::uint8_t* p, const std::uint8_t* q) {
+  const bool opaque = (p[3] & q[3]) == 255;
   for (int c = 0; c < 3; ++c) {
-    if (std::abs(int{p[c]} - int{q[c]}) > kEdgeContrast) return true;
+    const int a = opaque ? p[c] : overWhite(p[c], p[3]);
+    const int b = opaque ? q[c] : overWhite(q[c], q[3]);
+    if (std::abs(a - b) > kEdgeContrast) return true;
   }
   return false;
 }
