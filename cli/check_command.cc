@@ -150,6 +150,22 @@ double parseTimeout(const std::string& text) {
   return value;
 }
 
+// The SAFFRA_FAIL_ON_NEW variable: unset or empty is off; otherwise it must read as a switch.
+bool failOnNewFromEnvironment() {
+  const std::string value =
+      EnvironmentHelper::environmentVariableForKey("SAFFRA_FAIL_ON_NEW").value_or("");
+  std::string lower = value;
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  for (const char* on : {"1", "true", "yes", "on"}) {
+    if (lower == on) return true;
+  }
+  for (const char* off : {"", "0", "false", "no", "off"}) {
+    if (lower == off) return false;
+  }
+  throw UsageError{"SAFFRA_FAIL_ON_NEW wants true or false, got \"" + value + "\""};
+}
+
 // "WIDTHxHEIGHT" in whole points, e.g. 1280x800.
 Size parseViewport(const std::string& text) {
   const std::size_t x = text.find_first_of("xX");
@@ -368,7 +384,9 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
   std::vector<ImageFile> files;
   double timeout = 0;
   Size viewport(kDefaultViewport, kDefaultViewport);
+  bool failOnNew = options.failOnNew;
   try {
+    if (!failOnNew) failOnNew = failOnNewFromEnvironment();
     for (const auto& text : options.ignore)
       ignored.push_back(std::make_shared<Region>(parseRegion(text)));
     if (!options.timeout.empty()) timeout = parseTimeout(options.timeout);
@@ -399,7 +417,7 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
   // Files do not change while a check retries, so one attempt per image is enough.
   saffra.setMatchTimeout(0);
   // A CI job that must never record quietly leaves a new test's images to a reviewer.
-  if (options.failOnNew) saffra.setSaveNewTests(false);
+  if (failOnNew) saffra.setSaveNewTests(false);
 
   const std::string server = saffra.serverURL().value_or("(null)");
   // Stops the run at its first failure to use the service: one sentence, the session aborted
@@ -424,6 +442,7 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
   record.started = std::chrono::steady_clock::now();
   const std::size_t count = files.size();
   std::size_t done = 0;
+  std::string phase = "starting a session";  // what the run waits for, for a time-out message
   try {
     saffra.openWithApplicationName(options.app, options.test, viewport);
     // Start the session before the first check so that an unreachable service is told apart
@@ -443,10 +462,9 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
         branch = EnvironmentHelper::environmentVariableForKey("QUORVANT_BRANCH").value_or("");
       std::cout << "NEW BASELINE: nothing to compare with for "
                 << baselineKey(options, branch.empty() ? "default" : branch) << ".\n"
-                << (options.failOnNew
-                        ? "NEW BASELINE: --fail-on-new: the images are not saved; they await "
-                          "approval on the results page, and the run fails.\n"
-                        : "NEW BASELINE: this run's images become the baseline.\n")
+                << (failOnNew ? "NEW BASELINE: --fail-on-new: the images are not saved; they await "
+                                "approval on the results page, and the run fails.\n"
+                              : "NEW BASELINE: this run's images become the baseline.\n")
                 << std::flush;
     }
 
@@ -464,6 +482,7 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
         saffra.abortIfNotClosed();
         return kUsageError;
       }
+      phase = "checking " + file.path.string();
       auto settings = Target::image(std::move(image));
       if (!ignored.empty()) settings->ignore(ignored);
       const bool matched = saffra.checkWithTag(file.tag, settings);
@@ -488,6 +507,7 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
     }
 
     std::optional<Error> error;
+    phase = "ending the test";
     // The base close reports a missing answer as absent results, where the runner of the
     // session object would raise on them.
     auto results = saffra.SaffraBase::closeWithThrow(false, &error);
@@ -523,14 +543,11 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
     }
     if (results->url()) std::cout << "Results: " << *results->url() << "\n";
     std::cout << std::flush;
-    if (results->isNew() && options.failOnNew) return kNotPassed;
+    if (results->isNew() && failOnNew) return kNotPassed;
     return results->status() == TestResultsStatusPassed ? kPassed : kNotPassed;
   } catch (const TestFailedException&) {
     // The library's waits end in a time-out exception.
-    return unavailable("the service at " + server + " gave " + waited + " " +
-                       (done < count ? "while checking " + files[done].path.string()
-                                     : std::string("when ending the test")) +
-                       ".");
+    return unavailable("the service at " + server + " gave " + waited + " when " + phase + ".");
   } catch (const Exception& e) {
     std::cout << std::endl;
     std::cerr << "saffra check: the run stopped: " << e.reason() << "\n";
@@ -594,11 +611,9 @@ void addCheckCommand(CLI::App& app, int& exitCode) {
       ->allow_extra_args(false);
   check->add_option("--timeout", options->timeout,
                     "Seconds to wait for each answer of the service (default 300)");
-  check
-      ->add_flag("--fail-on-new", options->failOnNew,
-                 "A test without a baseline fails (exit 1) and its images await approval "
-                 "instead of becoming the baseline")
-      ->envname("SAFFRA_FAIL_ON_NEW");
+  check->add_flag("--fail-on-new", options->failOnNew,
+                  "A test without a baseline fails (exit 1) and its images await approval "
+                  "instead of becoming the baseline (also SAFFRA_FAIL_ON_NEW=true)");
   check->add_flag("--verbose,-v", options->verbose, "Show the library's log lines");
   check
       ->add_option("--junit", options->junit,
