@@ -343,6 +343,7 @@ std::string baselineKey(const CheckOptions& options, const std::string& branch) 
 // How a run that reached the service ended, for the report.
 struct RunRecord {
   bool reachedService = false;
+  bool failOnNew = false;
   std::shared_ptr<TestResults> results;
   std::string error;
   std::string errorType;
@@ -418,6 +419,7 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
   saffra.setMatchTimeout(0);
   // A CI job that must never record quietly leaves a new test's images to a reviewer.
   if (failOnNew) saffra.setSaveNewTests(false);
+  record.failOnNew = failOnNew;
 
   const std::string server = saffra.serverURL().value_or("(null)");
   // Stops the run at its first failure to use the service: one sentence, the session aborted
@@ -572,6 +574,7 @@ int runCheckWithReport(const CheckOptions& options) {
   run.error = record.error;
   run.errorType = record.errorType;
   if (!options.matchLevel.empty()) run.matchLevel = options.matchLevel;
+  run.failOnNew = record.failOnNew;
   run.startedAt = record.startedAt;
   run.seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - record.started).count();
