@@ -15,8 +15,6 @@
 // 3 the service could not be used (no answer, connection refused or lost, time-out, or it
 // refused to start a session, e.g. a wrong key), 4 the test ran but its --junit report could
 // not be written.
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -33,7 +31,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -388,8 +385,9 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
   bool failOnNew = options.failOnNew;
   try {
     if (!failOnNew) failOnNew = failOnNewFromEnvironment();
-    for (const auto& text : options.ignore)
+    for (const auto& text : options.ignore) {
       ignored.push_back(std::make_shared<Region>(parseRegion(text)));
+    }
     if (!options.timeout.empty()) timeout = parseTimeout(options.timeout);
     if (!options.viewport.empty()) viewport = parseViewport(options.viewport);
     files = listImages(options.inputs);
@@ -424,10 +422,15 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
   const std::string server = saffra.serverURL().value_or("(null)");
   // Stops the run at its first failure to use the service: one sentence, the session aborted
   // (without waiting), exit code 3.
+  bool lineOpen = false;  // a progress line waits for its verdict
+  auto endLine = [&] {
+    if (lineOpen) std::cout << std::endl;
+    lineOpen = false;
+  };
   auto unavailable = [&](const std::string& sentence) {
     record.error = sentence;
     record.errorType = "ServiceUnavailable";
-    std::cout << std::endl;
+    endLine();
     std::cerr << "saffra check: " << sentence << "\n";
     saffra.abortIfNotClosed();
     return kServiceUnavailable;
@@ -460,8 +463,9 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
     const bool isNew = session->isNewSession();
     if (isNew) {
       std::string branch = saffra.branchName().value_or("");
-      if (branch.empty())
+      if (branch.empty()) {
         branch = EnvironmentHelper::environmentVariableForKey("QUORVANT_BRANCH").value_or("");
+      }
       std::cout << "NEW BASELINE: nothing to compare with for "
                 << baselineKey(options, branch.empty() ? "default" : branch) << ".\n"
                 << (failOnNew ? "NEW BASELINE: --fail-on-new: the images are not saved; they await "
@@ -473,13 +477,14 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
     auto lastElapsedLine = record.started;
     for (const ImageFile& file : files) {
       std::cout << "[" << (done + 1) << "/" << count << "] " << file.tag << " ... " << std::flush;
+      lineOpen = true;
       std::shared_ptr<Image> image;
       try {
         image = Image::fromPNGFile(file.path.string());
       } catch (const std::exception& e) {
         record.error = "cannot read " + file.path.string() + ": " + e.what();
         record.errorType = "UnreadableImage";
-        std::cout << std::endl;
+        endLine();
         std::cerr << "saffra check: " << record.error << "\n";
         saffra.abortIfNotClosed();
         return kUsageError;
@@ -488,7 +493,6 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
       auto settings = Target::image(std::move(image));
       if (!ignored.empty()) settings->ignore(ignored);
       const bool matched = saffra.checkWithTag(file.tag, settings);
-      settings.reset();
       // A check that completed without a result never reached the service's comparison.
       if (!saffra.matchResult()) {
         return unavailable("lost the service at " + server + " while checking " +
@@ -498,6 +502,7 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
       }
       ++done;
       std::cout << (isNew ? "new" : matched ? "matched" : "differences") << "\n";
+      lineOpen = false;
       const auto now = std::chrono::steady_clock::now();
       if (now - lastElapsedLine >= kElapsedLineEvery) {
         const double seconds = std::chrono::duration<double>(now - record.started).count();
@@ -551,7 +556,7 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
     // The library's waits end in a time-out exception.
     return unavailable("the service at " + server + " gave " + waited + " when " + phase + ".");
   } catch (const Exception& e) {
-    std::cout << std::endl;
+    endLine();
     std::cerr << "saffra check: the run stopped: " << e.reason() << "\n";
     record.error = e.reason();
     record.errorType = "CheckFailed";
