@@ -228,6 +228,12 @@ std::string junitReport(const JunitRun& run) {
     if (failures.empty()) {
       if (auto overall = overallFailure(*run.results)) failures.push_back(std::move(*overall));
     }
+    if (failures.empty() && run.failOnNew && run.results->isNew()) {
+      const std::string message =
+          std::string("A new test fails with --fail-on-new: its images await approval") +
+          (run.results->url() ? ": " + *run.results->url() : "");
+      failures.push_back({"NewTest", message, message});
+    }
   }
 
   const std::string time = xmlSeconds(run.seconds);

@@ -30,6 +30,8 @@ struct JunitRun {
   std::string errorType = "ServiceUnavailable";
   /// The match level the checks asked for; the report prefers the level the service reports.
   OptString matchLevel;
+  /// The run was asked to fail a new test: a new test is then a failure, not a passing case.
+  bool failOnNew = false;
   std::chrono::system_clock::time_point startedAt;
   double seconds = 0;
   std::string hostname;
@@ -39,8 +41,9 @@ struct JunitRun {
 ///
 /// Each step that differs from the baseline, each baseline step the run did not reach and each
 /// step without a baseline in an existing test is one `<failure>`. A run with no results is one
-/// `<error>`. A new test is a passing case: its `<system-out>` says whether its images were
-/// saved as the baseline or await approval.
+/// `<error>`. A new test is a passing case (a `<failure type="NewTest">` when the run was asked
+/// to fail on new tests): its `<system-out>` says whether its images were saved as the baseline
+/// or await approval.
 std::string junitReport(const JunitRun& run);
 
 /// `text` made safe as an XML attribute value or, with `forAttribute` false, as character data:

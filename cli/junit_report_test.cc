@@ -89,11 +89,14 @@ TEST(JunitReportTest, OutcomesGiveTheirFailuresAndCounts) {
        "Status: Unresolved"},
       {"failed without differences", reply("Failed", false, 0, 0, ok), "TestFailed",
        "Status: Failed"},
+      {"new test with --fail-on-new", reply("Unresolved", true, 0, 0, added), "NewTest",
+       "New test: its baseline awaits approval."},
       {"no results", "", "", ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     JunitRun run = runWith(c.reply.empty() ? nullptr : resultsFrom(c.reply));
+    run.failOnNew = std::string(c.what).find("--fail-on-new") != std::string::npos;
     run.error = "the service at http://127.0.0.1:1 cannot be used: Connection refused";
     const std::string xml = junitReport(run);
     XmlDocument doc = parsedValid(xml);

@@ -1,10 +1,15 @@
 // The saffra command.
+#include <string>
+
 #include <CLI/CLI.hpp>
 
 #include "cli/commands.h"
+#include "saffra/version.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"saffra: visual regression testing"};
+  app.set_version_flag("--version", std::string("saffra ") + saffra::libraryVersion(),
+                       "Print the version and exit");
   app.require_subcommand(1);
   int exitCode = 0;
   saffra::cli::addServeCommand(app, exitCode);
@@ -12,7 +17,8 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    // Help prints and succeeds; every other parse error is a usage error (exit code 2).
+    // Help and the version print and succeed; every other parse error is a usage error (exit
+    // code 2).
     const int printed = app.exit(e);
     return printed == static_cast<int>(CLI::ExitCodes::Success) ? 0 : 2;
   }
