@@ -87,8 +87,8 @@ class WebTest : public ::testing::Test {
   std::string changedSession() {
     harness_.runTest(test_, {kPlain, kPlain}, true);
     std::string id = harness_.start(test_).body["id"];
-    harness_.match(id, matchBody(kPlain, "first"));
-    harness_.match(id, matchBody(kMarked, "second"));
+    harness_.match(id, matchBody(kPlain, "step 1"));
+    harness_.match(id, matchBody(kMarked, "step 2"));
     EXPECT_EQ(harness_.stop(id, false, false).body["status"], "Unresolved");
     return id;
   }
@@ -261,7 +261,9 @@ TEST_F(WebTest, PagesShowTheMarkupHooksAndEscapeStoredText) {
   hostile.name = "\"><img src=x onerror=alert(2)>";
   hostile.batchName = "<b>batch</b>";
   hostile.batchId = "id/with \"quotes\"";
-  harness_.runTest(hostile, {kPlain}, true);
+  std::string first = harness_.start(hostile).body["id"];
+  harness_.match(first, matchBody(kPlain, "<i>tag</i>"));
+  harness_.stop(first, false, true);
   std::string id = harness_.start(hostile).body["id"];
   Json settings = wireSettings("Strict", Json::array({region(25, 20, 10, 8)}));
   settings["Floating"] = Json::parse(R"([{"left": 20, "top": 5, "width": 10, "height": 10,
