@@ -1329,7 +1329,7 @@ std::int64_t Store::removeVersions(std::int64_t before, std::int64_t keep) {
                 "AND NOT EXISTS (SELECT 1 FROM sessions s WHERE s.baseline_id = v.baseline_id "
                 "AND s.baseline_version = v.version) "
                 "AND (v.created_at < ? OR (? > 0 AND v.version <= b.latest_version - ?)) "
-                "LIMIT 500");
+                "LIMIT 50");
     s.bind(1, before).bind(2, keep).bind(3, keep);
     while (s.step()) versions.emplace_back(s.integer(0), s.integer(1));
   }
