@@ -3,6 +3,9 @@
 // it), and runs until SIGINT or SIGTERM.
 #include <signal.h>
 
+#include <chrono>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -25,6 +28,9 @@ struct ServeOptions {
   int port = 7600;
   std::string dataFolder = system_info::documentsFolderPath() + "/saffra";
   std::vector<std::string> apiKeys;
+  double idleTimeoutMinutes = 30;
+  std::int64_t keepDays = 0;
+  std::int64_t keepVersions = 0;
 };
 
 int runServe(const ServeOptions& options) {
@@ -33,6 +39,10 @@ int runServe(const ServeOptions& options) {
   service.port = options.port;
   service.dataFolder = options.dataFolder;
   service.apiKeys = options.apiKeys;
+  service.idleSessionTimeout = std::chrono::milliseconds(
+      static_cast<std::int64_t>(std::llround(options.idleTimeoutMinutes * 60 * 1000)));
+  service.keepDays = options.keepDays;
+  service.keepVersions = options.keepVersions;
   OptString environmentKey = EnvironmentHelper::environmentVariableForKey("QUORVANT_API_KEY");
   if (environmentKey && !environmentKey->empty()) service.apiKeys.push_back(*environmentKey);
   if (service.apiKeys.empty()) {
@@ -77,6 +87,24 @@ void addServeCommand(CLI::App& app, int& exitCode) {
       ->capture_default_str();
   serve->add_option("--api-key", options->apiKeys,
                     "An API key that requests may use (repeatable); QUORVANT_API_KEY adds one");
+  serve
+      ->add_option("--idle-timeout", options->idleTimeoutMinutes,
+                   "Minutes without a request after which a running session is aborted "
+                   "(also sessions an earlier run left running); 0 never aborts")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 525600.0));
+  serve
+      ->add_option("--keep-days", options->keepDays,
+                   "Remove stopped sessions and old baseline versions after this many days, and "
+                   "images nothing refers to any more; 0 keeps everything")
+      ->capture_default_str()
+      ->check(CLI::Range(std::int64_t{0}, std::int64_t{36500}));
+  serve
+      ->add_option("--keep-versions", options->keepVersions,
+                   "Keep at most this many versions of each baseline (the current one and those "
+                   "a kept session used always stay); 0 keeps all")
+      ->capture_default_str()
+      ->check(CLI::Range(std::int64_t{0}, std::int64_t{1000000}));
   serve->callback([options, &exitCode] { exitCode = runServe(*options); });
 }
 

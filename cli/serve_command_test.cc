@@ -20,7 +20,8 @@ using saffra::testing::ChildProcess;
 const std::string kCommand = std::string(SAFFRA_BINARY_DIR) + "/saffra";
 
 // Keys from --api-key and from the environment are both accepted, others refused; SIGTERM
-// stops the service cleanly with its data saved. Without any key it refuses to start.
+// stops the service cleanly with its data saved. Without any key, or with settings out of range,
+// it refuses to start.
 TEST(ServeCommandTest, ServesWithItsKeysAndRefusesToRunWithoutOne) {
   const fs::path data =
       fs::temp_directory_path() / ("saffra-serve-test-" + saffra::newUUIDString());
@@ -47,6 +48,18 @@ TEST(ServeCommandTest, ServesWithItsKeysAndRefusesToRunWithoutOne) {
   ChildProcess keyless(kCommand, {"serve", "--port", "0", "--data", data.string()}, {});
   EXPECT_NE(keyless.readLine().find("no API key"), std::string::npos);
   EXPECT_EQ(keyless.wait(), 2);
+
+  // Idle time and retention settings out of range are usage errors, before anything starts.
+  for (const auto& [option, value] : {std::pair{"--idle-timeout", "-1"},
+                                      {"--idle-timeout", "soon"},
+                                      {"--keep-days", "-3"},
+                                      {"--keep-versions", "1.5"}}) {
+    ChildProcess refused(kCommand, {"serve", "--port", "0", "--data", data.string(), option, value},
+                         {"QUORVANT_API_KEY=k"});
+    const std::string output = refused.readAll();
+    EXPECT_EQ(refused.wait(), 2) << option << " " << value << ": " << output;
+    EXPECT_NE(output.find(option), std::string::npos) << output;
+  }
   fs::remove_all(data);
 }
 

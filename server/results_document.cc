@@ -1,6 +1,8 @@
 #include "server/results_document.h"
 
+#include <algorithm>
 #include <ctime>
+#include <set>
 
 #include "server/match_settings.h"
 
@@ -39,8 +41,16 @@ Outcome decideOutcome(const std::vector<StepRecord>& steps,
   o.isAborted = aborted;
   o.stoppedAt = now;
   o.savedAsBaseline = save && !aborted;
+  std::set<std::int64_t> paired;
+  std::int64_t next = 0;  // the first place after the session's steps
+  for (const StepRecord& s : steps) {
+    if (s.baselinePosition) paired.insert(*s.baselinePosition);
+    next = std::max(next, s.position + 1);
+  }
   for (const BaselineStep& b : baseline) {
-    if (b.position >= static_cast<std::int64_t>(steps.size())) o.missing.push_back(b);
+    if (paired.count(b.position)) continue;
+    o.missing.push_back({next++, b.tag, b.image, {}});
+    o.baselinePositions.push_back(b.position);
   }
   bool mismatched = false;
   for (const StepRecord& s : steps) mismatched = mismatched || !s.asExpected;
@@ -56,12 +66,20 @@ Outcome decideOutcome(const std::vector<StepRecord>& steps,
   return o;
 }
 
-std::vector<BaselineStep> baselineAfterSave(const std::vector<StepRecord>& steps) {
+std::vector<BaselineStep> baselineAfterSave(const std::vector<StepRecord>& steps,
+                                            const std::vector<BaselineStep>& baseline) {
   std::vector<BaselineStep> saved;
   for (const StepRecord& s : steps) {
-    std::string image = s.currentImage;
-    if (s.asExpected && s.baselineImage) image = *s.baselineImage;
-    saved.push_back({s.position, s.tag, image});
+    BaselineStep step{s.position, s.tag, s.currentImage, {}};
+    if (s.asExpected && s.baselinePosition) {
+      for (const BaselineStep& b : baseline) {
+        if (b.position == *s.baselinePosition) {
+          step.image = b.image;
+          step.alternatives = b.alternatives;
+        }
+      }
+    }
+    saved.push_back(std::move(step));
   }
   return saved;
 }
@@ -114,7 +132,9 @@ Json resultsDocument(const SessionRecord& session, const OptString& batchName,
 
   for (const StepRecord& s : steps) {
     std::int64_t number = s.position + 1;
-    if (s.asExpected) {
+    if (s.asExpected && !s.baselineImage) {
+      // A new step: nothing was compared.
+    } else if (s.asExpected) {
       ++matches;
       switch (matchLevelFromName(s.matchLevel)) {
         case MatchLevel::Exact:
@@ -150,6 +170,7 @@ Json resultsDocument(const SessionRecord& session, const OptString& batchName,
                          {"hasCurrentImage", true},
                          {"appUrls", {{"step", links.stepPage(session, number)}}},
                          {"apiUrls", std::move(apiUrls)}});
+    if (s.matchedAlternative) stepsInfo.back()["matchedAlternative"] = true;
   }
   for (const BaselineStep& m : outcome.missing) {
     std::int64_t number = m.position + 1;
@@ -171,6 +192,11 @@ Json resultsDocument(const SessionRecord& session, const OptString& batchName,
   document["apiUrls"] = {{"session", links.sessionApi(session)}};
   document["appName"] = session.appName;
   document["appUrls"] = {{"session", links.sessionPage(session)}};
+  if (session.baselineVersion) document["baselineVersion"] = *session.baselineVersion;
+  if (session.baselineId) {
+    document["baselineBranchName"] = session.baselineBranch;
+    document["baselineId"] = *session.baselineId;
+  }
   document["batchId"] = session.batchId;
   if (batchName) document["batchName"] = *batchName;
   document["branchName"] = session.branchName;

@@ -38,14 +38,17 @@ class Links {
 
 /// Judges a session being stopped. Aborted sessions fail. A new test passes when it is saved
 /// as the baseline and otherwise awaits approval (Unresolved). An existing test is Unresolved
-/// when a step mismatched or a baseline step was not reached, and Passed otherwise.
+/// when a step mismatched or a baseline step was not reached, and Passed otherwise. Baseline
+/// steps that no step was paired with are missing; they are listed after the session's steps.
 Outcome decideOutcome(const std::vector<StepRecord>& steps,
                       const std::vector<BaselineStep>& baseline, bool isNew, bool aborted,
                       bool save, std::int64_t now);
 
-/// The baseline after saving a session: matching steps keep their baseline image, new and
-/// changed steps take the current one, and baseline steps beyond the session's are dropped.
-std::vector<BaselineStep> baselineAfterSave(const std::vector<StepRecord>& steps);
+/// The baseline after saving a session, in the session's order: matching steps keep their
+/// baseline step (image and alternatives), new and changed steps take the current image, and
+/// baseline steps the session did not reach are dropped.
+std::vector<BaselineStep> baselineAfterSave(const std::vector<StepRecord>& steps,
+                                            const std::vector<BaselineStep>& baseline);
 
 /// The state of a step on the results page: the reviewer's "accepted" or "rejected" when there
 /// is a verdict, else "new" (no baseline image), "matched" or "mismatched".
@@ -59,6 +62,11 @@ std::string reviewedStatus(const Outcome& outcome, const std::vector<StepRecord>
                            const std::map<std::int64_t, bool>& reviews);
 
 /// The test-results document of a session; a session that still runs has the status "Running".
+/// Besides the record's keys it names the baseline compared with: "baselineVersion" (absent
+/// for a new test) and "baselineBranchName" (the branch it belongs to: the session's own, or the
+/// parent or default branch it fell back to), and marks steps that matched an alternative image
+/// of their baseline step with "matchedAlternative". Steps without a baseline image are not
+/// counted as matches.
 Json resultsDocument(const SessionRecord& session, const OptString& batchName,
                      const std::vector<StepRecord>& steps, const Links& links);
 

@@ -13,7 +13,10 @@ StepRecord step(std::int64_t position, bool asExpected, std::string level = "Str
   s.position = position;
   s.tag = "step " + std::to_string(position + 1);
   s.currentImage = "current" + std::to_string(position);
-  if (hasBaseline) s.baselineImage = "baseline" + std::to_string(position);
+  if (hasBaseline) {
+    s.baselineImage = "baseline" + std::to_string(position);
+    s.baselinePosition = position;
+  }
   if (!asExpected) s.diffImage = "diff" + std::to_string(position);
   s.asExpected = asExpected;
   s.matchLevel = std::move(level);
@@ -23,7 +26,7 @@ StepRecord step(std::int64_t position, bool asExpected, std::string level = "Str
 std::vector<BaselineStep> baseline(int count) {
   std::vector<BaselineStep> steps;
   for (int i = 0; i < count; ++i)
-    steps.push_back({i, "b" + std::to_string(i), "baseline" + std::to_string(i)});
+    steps.push_back({i, "b" + std::to_string(i), "baseline" + std::to_string(i), {}});
   return steps;
 }
 
@@ -62,12 +65,29 @@ TEST(DecideOutcomeTest, StatusFollowsNewnessDifferencesAbortAndSaving) {
   }
 }
 
-TEST(BaselineAfterSaveTest, KeepsMatchedBaselineImagesAndTakesTheRest) {
-  std::vector<BaselineStep> saved =
-      baselineAfterSave({step(0, true), step(1, false), step(2, true, "Strict", false)});
+// Steps are paired with baseline steps by tag, not by place: baseline steps no step was paired
+// with are missing, listed after the session's steps with their place in the baseline.
+TEST(DecideOutcomeTest, MissingStepsAreThoseNoStepWasPairedWith) {
+  std::vector<StepRecord> steps = {step(0, true), step(1, true)};
+  steps[0].baselinePosition = 2;  // the files came in another order, one of them removed
+  steps[1].baselinePosition = 0;
+  Outcome o = decideOutcome(steps, baseline(3), false, false, false, 99);
+  ASSERT_EQ(o.missing.size(), 1u);
+  EXPECT_EQ(o.missing[0].tag, "b1");
+  EXPECT_EQ(o.missing[0].position, 2);
+  EXPECT_EQ(o.baselinePositions, std::vector<std::int64_t>{1});
+}
+
+TEST(BaselineAfterSaveTest, KeepsMatchedBaselineStepsAndTakesTheRest) {
+  std::vector<BaselineStep> base = baseline(2);
+  base[0].alternatives = {"other0"};
+  std::vector<StepRecord> steps = {step(0, true), step(1, false), step(2, true, "Strict", false)};
+  std::vector<BaselineStep> saved = baselineAfterSave(steps, base);
   ASSERT_EQ(saved.size(), 3u);
   EXPECT_EQ(saved[0].image, "baseline0");
+  EXPECT_EQ(saved[0].alternatives, std::vector<std::string>{"other0"});
   EXPECT_EQ(saved[1].image, "current1");
+  EXPECT_TRUE(saved[1].alternatives.empty());
   EXPECT_EQ(saved[2].image, "current2");
   EXPECT_EQ(saved[1].tag, "step 2");
 }
@@ -79,7 +99,10 @@ TEST(ResultsDocumentTest, CountsMatchesPerLevelListsMissingStepsAndLeavesOutWhat
   session.appName = "App";
   session.testName = "Test";
   session.startedAt = 1709647629;  // 2024-03-05T14:07:09Z
-  session.branchName = "default";
+  session.branchName = "feature";
+  session.baselineId = 4;
+  session.baselineVersion = 3;
+  session.baselineBranch = "default";
   session.defaultMatchSettings = {{"matchLevel", "Layout"}, {"Ignore", {{{"left", 1}}}}};
   std::vector<StepRecord> steps = {step(0, true, "Exact"),   step(1, true, "Strict"),
                                    step(2, true, "Content"), step(3, true, "Layout"),
@@ -95,7 +118,7 @@ TEST(ResultsDocumentTest, CountsMatchesPerLevelListsMissingStepsAndLeavesOutWhat
       "/mismatches": 1, "/missing": 2, "/exactMatches": 1, "/strictMatches": 1,
       "/contentMatches": 1, "/layoutMatches": 1, "/noneMatches": 1,
       "/startedAt": "2024-03-05T14:07:09Z", "/duration": 42, "/batchName": "nightly",
-      "/secretToken": "t0k", "/apiUrls/session": "http://h:1/api/sessions/S1",
+      "/secretToken": "t0k", "/baselineVersion": 3, "/baselineBranchName": "default", "/apiUrls/session": "http://h:1/api/sessions/S1",
       "/appUrls/session": "http://h:1/app/sessions/S1", "/accessibilityStatus/status": "Failed",
       "/accessibilityStatus/level": "AAA", "/defaultMatchSettings/matchLevel": "Layout",
       "/defaultMatchSettings/ignore/0": {"left": 1, "top": 0, "width": 0, "height": 0},
@@ -113,6 +136,7 @@ TEST(ResultsDocumentTest, CountsMatchesPerLevelListsMissingStepsAndLeavesOutWhat
   EXPECT_EQ(r["status"], "Running");
   EXPECT_FALSE(r.contains("accessibilityStatus"));
   EXPECT_FALSE(r.contains("batchName"));
+  EXPECT_FALSE(r.contains("baselineVersion"));
 }
 
 }  // namespace

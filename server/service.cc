@@ -15,6 +15,7 @@
 
 #include "saffra/base/logger.h"
 #include "saffra/platform/exception.h"
+#include "saffra/platform/geometry.h"
 #include "saffra/platform/image.h"
 #include "saffra/platform/json.h"
 #include "saffra/platform/uuid.h"
@@ -26,6 +27,7 @@
 #include "server/matcher.h"
 #include "server/pixel_pool.h"
 #include "server/results_document.h"
+#include "server/retention.h"
 #include "server/store.h"
 #include "server/upload_file.h"
 #include "server/web_access.h"
@@ -241,9 +243,15 @@ struct Service::Impl {
   Logins logins;
   AttemptLimiter attempts;
   HttpServer http{serverOptions(options)};
+  /// When this run of the service started (seconds since the epoch).
+  std::int64_t startedAt = 0;
+  /// The background tasks: aborting idle sessions and retention.
+  std::unique_ptr<PeriodicTask> idleSessions;
+  std::unique_ptr<PeriodicTask> retention;
   int boundPort = 0;
   bool started = false;
   bool stopped = false;
+  std::atomic<bool> stopping{false};
   /// Requests of one session run one at a time; sessions share these locks by hash.
   std::array<std::mutex, 64> sessionLocks;
   /// Match-window requests handled and the nanoseconds spent in their handler.
@@ -381,8 +389,12 @@ struct Service::Impl {
       }
     }
     for (const std::string& candidate : candidates) {
-      s.baselineId = store->findBaseline(baselineKey(s, candidate));
-      if (s.baselineId) break;
+      if (std::optional<BaselineRef> found = store->findBaseline(baselineKey(s, candidate))) {
+        s.baselineId = found->id;
+        s.baselineVersion = found->version;
+        s.baselineBranch = candidate;
+        break;
+      }
     }
     s.baselineKey = baselineKey(s, s.branchName);
     s.isNew = !s.baselineId;
@@ -399,8 +411,7 @@ struct Service::Impl {
     s.id = newUUIDString();
     s.token = randomToken();
     s.startedAt = now();
-    store->recordBatch(batch);
-    store->insertSession(s);
+    store->insertSession(s, batch);
     Logger::logWithFormat("session %@ started: '%@' of '%@'%@", s.id, s.testName, s.appName,
                           s.isNew ? " (new test)" : "");
     replyJson(res, s.isNew ? 201 : 200,
@@ -499,7 +510,8 @@ struct Service::Impl {
     std::lock_guard lock(lockFor(id));
     std::optional<SessionRecord> session = store->session(id);
     if (!session) throw RequestError(404, "unknown session");
-    if (session->outcome) throw RequestError(409, "the session is already stopped");
+    if (session->outcome) throw RequestError(409, stoppedMessage(*session->outcome));
+    store->touchSession(id, now());
     checkDeclaredSize(png);
 
     StepRecord step;
@@ -508,17 +520,33 @@ struct Service::Impl {
     step.matchLevel = matchLevelName(settings.matchLevel);
     step.settings = objectAt(options, "imageMatchSettings");
     MatchOutcome outcome;
+    // The checkpoint is paired with the baseline step of its tag: the n-th checkpoint with a
+    // tag in this session with the n-th baseline step with that tag, whatever comes between.
     std::optional<BaselineStep> baseline;
-    if (session->baselineId) baseline = store->baselineStep(*session->baselineId, step.position);
-    // An upload byte for byte equal to its baseline image has the baseline's pixels, so it
-    // matches at every level and is not decoded: the stored image was decoded, and so checked,
-    // before it was first stored. Only an upload of the baseline file's size can be it, so only
-    // such an upload is hashed before anything else.
-    std::optional<std::string> uploadId;
-    if (baseline && store->imageSize(baseline->image) == png.size()) {
-      uploadId = Store::imageIdOf(png);
+    if (session->baselineId && session->baselineVersion) {
+      baseline = store->baselineStepByTag(*session->baselineId, *session->baselineVersion, tag,
+                                          store->stepCountWithTag(id, tag));
     }
-    const bool sameAsBaseline = uploadId && *uploadId == baseline->image;
+    // An upload byte for byte equal to a baseline image of its step (its main image or an
+    // accepted alternative) has that image's pixels, so it matches at every level and is not
+    // decoded: the stored image was decoded, and so checked, before it was first stored. Only
+    // an upload of such a file's size can be it, so only such an upload is hashed before
+    // anything else.
+    std::optional<std::string> uploadId;
+    std::optional<std::string> sameImage;
+    if (baseline) {
+      std::vector<const std::string*> images{&baseline->image};
+      for (const std::string& alternative : baseline->alternatives) images.push_back(&alternative);
+      for (const std::string* image : images) {
+        if (store->imageSize(*image) != png.size()) continue;
+        if (!uploadId) uploadId = Store::imageIdOf(png);
+        if (*uploadId == *image) {
+          sameImage = *image;
+          break;
+        }
+      }
+    }
+    const bool sameAsBaseline = sameImage.has_value();
     const bool ignoreMatch = boolAt(options, "ignoreMatch");
     const bool ignoreMismatch = boolAt(options, "ignoreMismatch");
     // Every other upload is hashed while a helper decodes it; a step recorded whatever its
@@ -529,21 +557,36 @@ struct Service::Impl {
 
     std::shared_ptr<const Image> current;
     DecodedImage baselinePixels;
+    std::optional<std::string> matchedAlternative;
     if (sameAsBaseline) {
       outcome.matches = true;
+      if (*sameImage != baseline->image) matchedAlternative = sameImage;
     } else if (baseline) {
       // The comparison follows the decoding.
       baselinePixels = storedImage(baseline->image);
       DecodedMatch match = decodeUpload(png, file, baselinePixels, settings);
       current = std::move(match.current);
       outcome = std::move(match.outcome);
+      // A step rendered more than one accepted way passes when it matches any of them.
+      for (const std::string& alternative : baseline->alternatives) {
+        if (outcome.matches) break;
+        MatchOutcome other = matchImages(*storedImage(alternative).image, *current, settings);
+        if (other.matches) {
+          outcome = std::move(other);
+          matchedAlternative = alternative;
+        }
+      }
     } else {
       current = decodeUpload(png, file);
       // Steps of a new test become its proposed baseline; a step beyond an existing baseline
       // is new and needs approval.
       outcome.matches = session->isNew;
     }
-    if (baseline) step.baselineImage = baseline->image;
+    if (baseline) {
+      step.baselineImage = matchedAlternative.value_or(baseline->image);
+      step.baselinePosition = baseline->position;
+      step.matchedAlternative = matchedAlternative.has_value();
+    }
     if (boolAt(options, "forceMatch")) outcome.matches = true;
     if (boolAt(options, "forceMismatch")) outcome.matches = false;
     step.asExpected = outcome.matches;
@@ -551,7 +594,7 @@ struct Service::Impl {
     // A mismatch sent with ignoreMismatch is a retry that a later attempt replaces.
     const bool record = outcome.matches ? !ignoreMatch : !ignoreMismatch;
     if (record) {
-      step.currentImage = sameAsBaseline ? baseline->image : file.keep(*store);
+      step.currentImage = sameAsBaseline ? *sameImage : file.keep(*store);
       if (baselinePixels.image) {
         if (std::shared_ptr<Image> diff = diffImage(*baselinePixels.image, outcome)) {
           step.diffImage = store->putImage(diff->pngData());
@@ -559,7 +602,7 @@ struct Service::Impl {
       }
       if (!settings.accessibility.empty()) {
         const std::shared_ptr<const Image> pixels =
-            current ? current : storedImage(baseline->image).image;
+            current ? current : storedImage(*sameImage).image;
         if (auto verdict = checkAccessibility(*pixels, settings)) {
           step.accessibilityPassed = verdict->passed;
           step.accessibilityLevel = verdict->level;
@@ -568,6 +611,49 @@ struct Service::Impl {
       store->insertStep(id, step);
     }
     replyJson(res, 200, Json{{"asExpected", outcome.matches}});
+  }
+
+  /// Judges and records the end of a running session (under its lock). A save that would undo
+  /// what was accepted into the baseline since the session started is not made: the session is
+  /// then left for review.
+  Outcome finish(const SessionRecord& session, bool aborted, bool save) {
+    std::vector<StepRecord> steps = store->steps(session.id);
+    std::vector<BaselineStep> baseline;
+    if (session.baselineId && session.baselineVersion) {
+      baseline = store->baselineSteps(*session.baselineId, *session.baselineVersion);
+    }
+    Outcome outcome = decideOutcome(steps, baseline, session.isNew, aborted, save, now());
+    std::vector<BaselineStep> saved;
+    if (outcome.savedAsBaseline) saved = baselineAfterSave(steps, baseline);
+    try {
+      store->finishSession(session.id, outcome, outcome.savedAsBaseline ? &saved : nullptr);
+    } catch (const StaleBaselineError& e) {
+      Logger::logWithFormat("session %@ not saved as the baseline: %@", session.id,
+                            std::string(e.what()));
+      outcome = decideOutcome(steps, baseline, session.isNew, aborted, false, now());
+      store->finishSession(session.id, outcome, nullptr);
+    }
+    return outcome;
+  }
+
+  static std::string stoppedMessage(const Outcome& outcome) {
+    return outcome.isAborted ? "the session was aborted" : "the session is already stopped";
+  }
+
+  /// Aborts the running sessions whose client has sent nothing for the idle time; sessions of
+  /// an earlier run of the service count from its start.
+  void abortIdleSessions() {
+    const auto idle = std::chrono::duration_cast<std::chrono::seconds>(options.idleSessionTimeout);
+    const std::int64_t cutoff = now() - std::max<std::int64_t>(idle.count(), 1);
+    if (cutoff < startedAt) return;
+    for (const std::string& id : store->idleSessions(cutoff)) {
+      std::lock_guard lock(lockFor(id));
+      std::optional<SessionRecord> session = store->session(id);
+      if (!session || session->outcome || session->lastActiveAt >= cutoff) continue;
+      finish(*session, true, false);
+      Logger::logWithFormat("session %@ aborted: no request for %li s", id,
+                            static_cast<std::int64_t>(idle.count()));
+    }
   }
 
   // DELETE /api/sessions/running/{id}?aborted=..&updateBaseline=..
@@ -581,16 +667,9 @@ struct Service::Impl {
     std::optional<SessionRecord> session = store->session(id);
     if (!session) throw RequestError(404, "unknown session");
     if (!session->outcome) {  // a repeated stop answers with the results of the first
-      std::vector<StepRecord> steps = store->steps(id);
-      std::vector<BaselineStep> baseline;
-      if (session->baselineId) baseline = store->baselineSteps(*session->baselineId);
-      Outcome outcome = decideOutcome(steps, baseline, session->isNew, aborted, save, now());
-      std::vector<BaselineStep> saved;
-      if (outcome.savedAsBaseline) saved = baselineAfterSave(steps);
-      store->finishSession(id, outcome, outcome.savedAsBaseline ? &saved : nullptr);
-      session->outcome = outcome;
-      Logger::logWithFormat("session %@ stopped: %@%@", id, outcome.status,
-                            outcome.savedAsBaseline ? ", saved as baseline" : "");
+      session->outcome = finish(*session, aborted, save);
+      Logger::logWithFormat("session %@ stopped: %@%@", id, session->outcome->status,
+                            session->outcome->savedAsBaseline ? ", saved as baseline" : "");
     }
     replyJson(res, 200, documentFor(*session, linksFor(req)));
   }
@@ -605,8 +684,13 @@ struct Service::Impl {
 
   // GET /api/sessions/{id} and /app/sessions/{id}: the page, or the document for JSON clients.
   void sessionResults(const Request& req, Response& res, bool api) {
+    if (api && accepts(req, "text/html") && !accepts(req, "application/json")) {
+      // The results address the client prints: a browser following it gets the test's page.
+      redirect(res, "/app/sessions/" + percentEncode(sessionIdFrom(req.matches[1])));
+      return;
+    }
     SessionRecord session = readableSession(req, req.matches[1]);
-    if (api && accepts(req, "application/json")) {
+    if (api) {
       replyJson(res, 200, documentFor(session, linksFor(req)));
       return;
     }
@@ -633,10 +717,10 @@ struct Service::Impl {
     view.document = documentFor(session, links);
     view.csrf = csrf;
     view.reviewable = session.outcome.has_value();
-    std::map<std::int64_t, bool> reviews = store->reviews(session.id);
+    std::map<std::int64_t, Verdict> reviews = store->reviews(session.id);
     auto verdict = [&](std::int64_t position) -> std::optional<bool> {
       auto found = reviews.find(position);
-      return found == reviews.end() ? std::nullopt : std::optional<bool>(found->second);
+      return found == reviews.end() ? std::nullopt : std::optional<bool>(found->second.accepted);
     };
     for (const StepRecord& s : store->steps(session.id)) {
       StepView step;
@@ -650,6 +734,8 @@ struct Service::Impl {
       step.current = imageRef(links, session, step.number, "current", s.currentImage);
       if (s.diffImage) step.diff = imageRef(links, session, step.number, "diff", *s.diffImage);
       step.regions = regionsOf(MatchSettings::fromJson(s.settings));
+      step.matchedAlternative = s.matchedAlternative;
+      step.canAcceptAlternative = s.baselineImage && !s.asExpected;
       view.steps.push_back(std::move(step));
     }
     if (session.outcome) {
@@ -737,12 +823,15 @@ struct Service::Impl {
 
   /// Checks a review form: from this service's own pages, by a logged-in reader, with the
   /// login's CSRF token.
-  void requireReviewForm(const Request& req, const std::string& sessionId) {
+  void requireReviewForm(const Request& req, const std::string& sessionIdOrPage) {
     if (isForeign(req)) throw RequestError(403, "cross-site request refused");
     std::optional<Logins::Login> login = loginOf(req);
     if (!login) {
-      // A browser whose login expired logs in again and returns to the test page.
-      if (!hasApiKey(req)) requireReader(req, "/app/sessions/" + sessionId);
+      // A browser whose login expired logs in again and returns to the page.
+      const std::string page = sessionIdOrPage.rfind("/app/", 0) == 0
+                                   ? sessionIdOrPage
+                                   : "/app/sessions/" + sessionIdOrPage;
+      if (!hasApiKey(req)) requireReader(req, page);
       throw RequestError(403, "missing or invalid CSRF token");
     }
     std::string csrf = fieldAt(formFields(req), "csrf");
@@ -751,16 +840,31 @@ struct Service::Impl {
     }
   }
 
-  // POST /app/sessions/{id}/steps/{n}/{accept|reject} and POST /app/sessions/{id}/accept
+  // POST /app/sessions/{id}/steps/{n}/{accept|alternative|reject} and
+  // POST /app/sessions/{id}/accept, from the pages.
   void review(const Request& req, Response& res) {
     std::string id = sessionIdFrom(req.matches[1]);
     requireReviewForm(req, id);
+    const bool confirmed = fieldAt(formFields(req), "confirm") == "1";
+    reviewSession(req, res, id, confirmed, accepts(req, "application/json"));
+  }
+
+  // POST /api/sessions/{id}/steps/{n}/{accept|alternative|reject} and
+  // POST /api/sessions/{id}/accept, with the API key.
+  void reviewApi(const Request& req, Response& res) {
+    requireApiKey(req);
+    std::string id = sessionIdFrom(req.matches[1]);
+    reviewSession(req, res, id, queryFlag(req, "confirm"), true);
+  }
+
+  void reviewSession(const Request& req, Response& res, const std::string& id, bool confirmed,
+                     bool replyWithJson) {
     bool all = req.matches.size() < 4;
     std::int64_t number = 0;
-    bool accept = true;
+    std::string action = "accept";
     if (!all) {
       number = std::stoll(req.matches[2]);
-      accept = req.matches[3] == "accept";
+      action = req.matches[3];
     }
 
     std::lock_guard lock(lockFor(id));
@@ -768,42 +872,93 @@ struct Service::Impl {
     if (!session) throw RequestError(404, "unknown session");
     if (!session->outcome) throw RequestError(409, "the session is still running");
     std::vector<StepRecord> steps = store->steps(id);
-    std::map<std::int64_t, bool> reviews = store->reviews(id);
+    std::map<std::int64_t, bool> reviews;
+    for (const auto& [position, verdict] : store->reviews(id)) reviews[position] = verdict.accepted;
+    const Outcome& stopped = *session->outcome;
 
-    std::vector<StepReview> changes;
-    auto verdictOn = [&](std::int64_t position, bool accepted) {
-      for (const StepRecord& s : steps) {
-        if (s.position == position) {
-          StepReview r{position, accepted, std::nullopt};
-          if (accepted) r.newBaselineStep = BaselineStep{position, s.tag, s.currentImage};
-          changes.push_back(std::move(r));
-          return true;
-        }
+    // Accepted images go to the baseline step of their own tag: the n-th step with a tag in
+    // the session to the n-th baseline step with that tag.
+    auto occurrenceOf = [&](const StepRecord& step) {
+      return static_cast<std::int64_t>(std::count_if(steps.begin(), steps.end(), [&](auto& s) {
+        return s.tag == step.tag && s.position < step.position;
+      }));
+    };
+    std::optional<std::vector<BaselineStep>> compared;
+    auto occurrenceOfMissing = [&](std::size_t i) -> std::int64_t {
+      if (!compared) {
+        compared = session->baselineId && session->baselineVersion
+                       ? store->baselineSteps(*session->baselineId, *session->baselineVersion)
+                       : std::vector<BaselineStep>{};
       }
-      for (const BaselineStep& m : session->outcome->missing) {
-        if (m.position == position) {
-          changes.push_back({position, accepted, std::nullopt});
-          return true;
+      const std::int64_t at = i < stopped.baselinePositions.size() ? stopped.baselinePositions[i]
+                                                                   : stopped.missing[i].position;
+      return static_cast<std::int64_t>(std::count_if(
+          compared->begin(), compared->end(),
+          [&](auto& b) { return b.tag == stopped.missing[i].tag && b.position < at; }));
+    };
+    std::vector<StepReview> changes;
+    auto verdictOn = [&](std::int64_t position, const std::string& verdict) {
+      const bool accepted = verdict != "reject";
+      for (const StepRecord& s : steps) {
+        if (s.position != position) continue;
+        StepReview r{position, accepted, false, std::nullopt};
+        if (accepted) {
+          // Beside the baseline's image only where there is one to keep.
+          r.asAlternative = verdict == "alternative" && s.baselineImage.has_value();
+          r.change = BaselineChange{r.asAlternative ? BaselineChange::Kind::AddAlternative
+                                                    : BaselineChange::Kind::Replace,
+                                    s.tag, occurrenceOf(s), s.currentImage};
         }
+        changes.push_back(std::move(r));
+        return true;
+      }
+      for (std::size_t i = 0; i < stopped.missing.size(); ++i) {
+        const BaselineStep& m = stopped.missing[i];
+        if (m.position != position) continue;
+        if (verdict == "alternative") {
+          throw RequestError(400, "a missing step has no image to accept as an alternative");
+        }
+        StepReview r{position, accepted, false, std::nullopt};
+        if (accepted) {
+          r.change = BaselineChange{BaselineChange::Kind::Drop, m.tag, occurrenceOfMissing(i), ""};
+        }
+        changes.push_back(std::move(r));
+        return true;
       }
       return false;
     };
     if (all) {
       // Everything that keeps the test from passing: changed, new and missing steps.
       for (const StepRecord& s : steps) {
-        if (stepState(s, std::nullopt) != "matched") verdictOn(s.position, true);
+        if (stepState(s, std::nullopt) != "matched") verdictOn(s.position, "accept");
       }
-      for (const BaselineStep& m : session->outcome->missing) verdictOn(m.position, true);
-    } else if (number < 1 || !verdictOn(number - 1, accept)) {
+      for (const BaselineStep& m : stopped.missing) verdictOn(m.position, "accept");
+    } else if (number < 1 || !verdictOn(number - 1, action)) {
       throw RequestError(404, "unknown step");
     }
     for (const StepReview& r : changes) reviews[r.position] = r.accepted;
-    Outcome outcome = *session->outcome;
+    Outcome outcome = stopped;
     outcome.status = reviewedStatus(outcome, steps, reviews);
-    store->reviewSteps(id, changes, outcome);
+    try {
+      store->reviewSteps(id, changes, outcome, confirmed);
+    } catch (const StaleBaselineError& e) {
+      const std::string message = std::string(e.what()) + "; accepting would replace it";
+      if (!replyWithJson && accepts(req, "text/html")) {
+        std::optional<Logins::Login> login = loginOf(req);
+        replyHtml(res, 409,
+                  renderConfirmAcceptPage(e.what(), req.path, login ? login->csrf : "",
+                                          "/app/sessions/" + id));
+        return;
+      }
+      replyJson(res, 409,
+                Json{{"error", message + " (confirm to accept anyway)"},
+                     {"comparedVersion", e.comparedVersion()},
+                     {"currentVersion", e.currentVersion()}});
+      return;
+    }
     Logger::logWithFormat("session %@ reviewed: %@", id, outcome.status);
 
-    if (!accepts(req, "application/json")) {
+    if (!replyWithJson) {
       redirect(res, "/app/sessions/" + id + (all ? "" : "#step-" + std::to_string(number)));
       return;
     }
@@ -815,7 +970,7 @@ struct Service::Impl {
            {"status", stepState(s, found == reviews.end() ? std::nullopt
                                                           : std::optional<bool>(found->second))}});
     }
-    for (const BaselineStep& m : session->outcome->missing) {
+    for (const BaselineStep& m : stopped.missing) {
       auto found = reviews.find(m.position);
       std::string state = found == reviews.end() ? "missing"
                           : found->second        ? "accepted"
@@ -830,6 +985,99 @@ struct Service::Impl {
     }
     reply["steps"] = std::move(stepStates);
     replyJson(res, 200, reply);
+  }
+
+  /// The identity of a baseline as its key holds it, for its page.
+  static std::vector<std::pair<std::string, std::string>> baselineIdentity(const std::string& key) {
+    static const char* const kLabels[] = {"Application", "Test",          "OS",
+                                          "Hosting app", "Display width", "Display height",
+                                          "Environment", "Branch"};
+    std::vector<std::pair<std::string, std::string>> identity;
+    std::optional<Json> parts = json::parse(key);
+    if (!parts || !parts->is_array()) return identity;
+    for (std::size_t i = 0; i < parts->size() && i < std::size(kLabels); ++i) {
+      const Json& part = (*parts)[i];
+      identity.emplace_back(kLabels[i], part.is_string() ? part.get<std::string>()
+                                                         : formatNumber(json::doubleValue(part)));
+    }
+    return identity;
+  }
+
+  static std::int64_t baselineIdFrom(const std::string& text) {
+    try {
+      std::size_t used = 0;
+      const std::int64_t id = std::stoll(text, &used);
+      if (used == text.size() && id > 0) return id;
+    } catch (const std::exception&) {
+    }
+    throw RequestError(404, "unknown baseline");
+  }
+
+  static Json historyJson(const BaselineHistory& h) {
+    Json versions = Json::array();
+    for (const BaselineVersion& v : h.versions) {
+      Json entry{{"version", v.version},
+                 {"createdAt", isoTime(v.createdAt)},
+                 {"kind", v.kind},
+                 {"steps", v.steps}};
+      if (v.sessionId) entry["sessionId"] = *v.sessionId;
+      if (v.fromVersion) entry["fromVersion"] = *v.fromVersion;
+      versions.push_back(std::move(entry));
+    }
+    return Json{
+        {"id", h.id}, {"currentVersion", h.currentVersion}, {"versions", std::move(versions)}};
+  }
+
+  // GET /api/baselines/{id} and /app/baselines/{id}
+  void baselineApi(const Request& req, Response& res) { baselineResults(req, res, true); }
+  void baselinePage(const Request& req, Response& res) { baselineResults(req, res, false); }
+  void baselineResults(const Request& req, Response& res, bool api) {
+    requireReader(req);
+    std::optional<BaselineHistory> history = store->baselineHistory(baselineIdFrom(req.matches[1]));
+    if (!history) throw RequestError(404, "unknown baseline");
+    if (api) {
+      replyJson(res, 200, historyJson(*history));
+      return;
+    }
+    Logins::Login login = pageLogin(req, res);
+    replyHtml(res, 200, renderBaselinePage({*history, baselineIdentity(history->key), login.csrf}));
+  }
+
+  // POST /api/baselines/{id}/rollback?version=N (API key) and
+  // POST /app/baselines/{id}/versions/{n}/rollback (page form)
+  void rollbackApi(const Request& req, Response& res) {
+    requireApiKey(req);
+    rollback(req, res, baselineIdFrom(req.matches[1]), req.get_param_value("version"), true);
+  }
+  void rollbackForm(const Request& req, Response& res) {
+    const std::int64_t id = baselineIdFrom(req.matches[1]);
+    requireReviewForm(req, "/app/baselines/" + std::to_string(id));
+    rollback(req, res, id, req.matches[2], accepts(req, "application/json"));
+  }
+  void rollback(const Request&, Response& res, std::int64_t id, const std::string& versionText,
+                bool replyWithJson) {
+    std::int64_t version = 0;
+    try {
+      std::size_t used = 0;
+      version = std::stoll(versionText, &used);
+      if (used != versionText.size()) throw RequestError(400, "version must be a number");
+    } catch (const std::logic_error&) {
+      throw RequestError(400, "version must be a number");
+    }
+    std::int64_t made = 0;
+    try {
+      made = store->rollBack(id, version);
+    } catch (const UnknownVersionError& e) {
+      throw RequestError(e.removed() ? 410 : 404, e.what());
+    }
+    Logger::logWithFormat("baseline %li rolled back to version %li as version %li", id, version,
+                          made);
+    if (!replyWithJson) {
+      redirect(res, "/app/baselines/" + std::to_string(id));
+      return;
+    }
+    std::optional<BaselineHistory> history = store->baselineHistory(id);
+    replyJson(res, 200, history ? historyJson(*history) : Json{{"id", id}});
   }
 
   // GET of a review address.
@@ -906,12 +1154,21 @@ struct Service::Impl {
     http.Post("/app/login", guarded(&Impl::login));
     http.Get("/app/batches/?", guarded(&Impl::batchList));
     http.Get("/app/batches/(.+)", guarded(&Impl::batchPage));
-    const std::string stepReview = "/app/sessions/([^/]+)/steps/([0-9]{1,9})/(accept|reject)";
+    const std::string stepReview =
+        "/app/sessions/([^/]+)/steps/([0-9]{1,9})/(accept|alternative|reject)";
     const std::string acceptAll = "/app/sessions/([^/]+)/accept";
     http.Post(stepReview, guarded(&Impl::review));
     http.Post(acceptAll, guarded(&Impl::review));
     http.Get(stepReview, guarded(&Impl::reviewNeedsPost));
     http.Get(acceptAll, guarded(&Impl::reviewNeedsPost));
+    http.Post("/api/sessions/([^/]+)/steps/([0-9]{1,9})/(accept|alternative|reject)",
+              guarded(&Impl::reviewApi));
+    http.Post("/api/sessions/([^/]+)/accept", guarded(&Impl::reviewApi));
+    http.Get("/api/baselines/([^/]+)", guarded(&Impl::baselineApi));
+    http.Post("/api/baselines/([^/]+)/rollback", guarded(&Impl::rollbackApi));
+    http.Get("/app/baselines/([^/]+)", guarded(&Impl::baselinePage));
+    http.Post("/app/baselines/([^/]+)/versions/([0-9]{1,9})/rollback",
+              guarded(&Impl::rollbackForm));
 
     // Replies the server makes itself (no route, body too large) get a JSON error body too.
     // Refusals are logged here, before the reply goes out.
@@ -963,12 +1220,30 @@ void Service::start() {
     i.boundPort = 0;
     throw ServiceError("cannot listen on " + i.options.host + ":" + std::to_string(i.options.port));
   }
+  i.startedAt = now();
+  if (i.options.idleSessionTimeout.count() > 0) {
+    // Checked a few times per idle time, at least every minute.
+    const auto every = std::clamp<std::chrono::milliseconds>(
+        i.options.idleSessionTimeout / 4, std::chrono::milliseconds(200), std::chrono::minutes(1));
+    i.idleSessions = std::make_unique<PeriodicTask>(
+        every, [&i] { i.abortIdleSessions(); }, false);
+  }
+  if (i.options.keepDays > 0 || i.options.keepVersions > 0) {
+    RetentionPolicy policy{i.options.keepDays, i.options.keepVersions, i.options.imageGrace};
+    i.retention = std::make_unique<PeriodicTask>(
+        i.options.retentionInterval,
+        [&i, policy] { runRetention(*i.store, policy, now(), [&i] { return i.stopping.load(); }); },
+        true);
+  }
   i.started = true;
 }
 
 void Service::stop() {
   Impl& i = *impl_;
   if (!i.started) return;
+  i.stopping = true;
+  i.retention.reset();
+  i.idleSessions.reset();
   i.http.stop();
   i.started = false;
   i.stopped = true;

@@ -10,9 +10,16 @@
 //   GET  /app/batches/{batchId}            the batch's tests
 //   GET  /app/sessions/{id}                one test: steps, images, regions, review buttons
 //   GET  /app/login?next=/path             login form; POST /app/login (apiKey, next) logs in
-//   POST /app/sessions/{id}/steps/{n}/accept | reject, POST /app/sessions/{id}/accept (all)
+//   POST /app/sessions/{id}/steps/{n}/accept | alternative | reject,
+//   POST /app/sessions/{id}/accept (all)
+//   GET  /app/baselines/{id}                a baseline's versions; POST
+//        /app/baselines/{id}/versions/{n}/rollback makes a new version with version n's steps
+// API (API key): GET /api/baselines/{id}, POST /api/baselines/{id}/rollback?version=N, and the
+// reviews as POST /api/sessions/{id}/accept and /api/sessions/{id}/steps/{n}/{action}
+// (JSON replies; confirm=true accepts over a baseline that moved on).
 // Pages, images (/api/sessions/{id}/steps/{n}/{baseline,current,diff}.png) and the results
-// document (GET /api/sessions/{id} with Accept: application/json) need an API key in the query
+// document (GET /api/sessions/{id}; a browser, which asks for text/html, is sent to the test's
+// page instead) need an API key in the query
 // or a login cookie. The cookie holds a random login token kept in memory (a restart logs
 // everyone out), never the key. A page opened with the key also sets that cookie so its images
 // and forms work. Browsers (Accept: text/html) without either are redirected to the login form,
@@ -22,8 +29,12 @@
 //
 // Reviews are form posts that must come from the service's own pages: they need the login's
 // CSRF token (hidden field "csrf") and are refused with 403 when Sec-Fetch-Site is cross-site
-// or Origin (else Referer) names another origin. Accepting a step makes its current image the
-// baseline at that position (creating the baseline of a new test); rejecting marks it failed.
+// or Origin (else Referer) names another origin. Accepting a step makes a new version of the
+// baseline in which the baseline step of the step's tag has its current image (creating the
+// baseline of a new test); accepting it as an alternative keeps the baseline's image and adds
+// the current one beside it; rejecting marks it failed. An accept is refused with 409 when the
+// baseline moved on since the session was compared with it, unless confirmed (form field
+// confirm=1).
 // A rejected step fails the test; once every changed, new or missing step is accepted the test
 // passes. A review replies 303 to the test page, or JSON with the new statuses when the client
 // accepts application/json.
@@ -62,6 +73,19 @@ struct ServiceOptions {
   std::size_t maxImagePixels = std::size_t{64} << 20;
   /// Memory for decoded baselines kept between checks (pixel bytes); 0 keeps none.
   std::size_t decodedImageCacheBytes = std::size_t{256} << 20;
+  /// A running session that gets no request for this long is aborted; sessions that an earlier
+  /// run of the service left running are aborted this long after the start. 0 never aborts.
+  std::chrono::milliseconds idleSessionTimeout = std::chrono::minutes(30);
+  /// Retention (off while both are 0): stopped sessions and baseline versions older than
+  /// `keepDays` days are removed, and each baseline keeps at most `keepVersions` versions. The
+  /// current version and versions a kept session was compared with always stay; image files
+  /// are removed once nothing refers to them.
+  std::int64_t keepDays = 0;
+  std::int64_t keepVersions = 0;
+  /// How often retention runs (also once at the start).
+  std::chrono::milliseconds retentionInterval = std::chrono::hours(1);
+  /// Image files written or used this recently are never removed by retention.
+  std::chrono::seconds imageGrace = std::chrono::hours(1);
 };
 
 /// Time the service spent handling requests of one kind, measured inside its handler (from

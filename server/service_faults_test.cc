@@ -33,12 +33,12 @@ class ServiceFaultsTest : public ::testing::Test {
   void SetUp() override {
     harness_.runTest(test_, {kPlain, kPlain}, true);
     id_ = harness_.start(test_).body["id"];
-    ASSERT_EQ(harness_.match(id_, matchBody(kPlain, "kept")).body["asExpected"], true);
+    ASSERT_EQ(harness_.match(id_, matchBody(kPlain, "step 1")).body["asExpected"], true);
   }
 
   // The session that the refused requests aimed at still works and kept exactly its step.
   void expectStoredDataIntact() {
-    EXPECT_EQ(harness_.match(id_, matchBody(kPlain, "after")).body["asExpected"], true);
+    EXPECT_EQ(harness_.match(id_, matchBody(kPlain, "step 2")).body["asExpected"], true);
     Json results = harness_.stop(id_, false, false).body;
     EXPECT_EQ(results["steps"], 2);
     EXPECT_EQ(results["status"], "Passed");

@@ -89,6 +89,73 @@ constexpr AddedColumn kAddedColumns[] = {
     {"steps", "settings", "settings TEXT"},
 };
 
+// The schema's versions after the first: each step runs once, in one transaction, on a database
+// of the version before it, and the number it reaches is kept in schema_version. The SQL keeps
+// to what other engines share (no engine-specific types or statements).
+struct SchemaStep {
+  std::int64_t version;
+  const char* sql;
+};
+constexpr SchemaStep kSchemaSteps[] = {
+    // Baselines keep their history: every saved or accepted change makes a version, and a
+    // version's steps may have alternative images. Sessions note the version and branch they
+    // were compared with and when their client was last heard of; steps note the baseline step
+    // they were paired with (by tag) and whether they matched an alternative.
+    {2, R"sql(
+CREATE TABLE baseline_versions(
+  baseline_id INTEGER NOT NULL REFERENCES baselines(id),
+  version INTEGER NOT NULL,
+  created_at INTEGER NOT NULL,
+  kind TEXT NOT NULL,
+  session_id TEXT,
+  from_version INTEGER,
+  PRIMARY KEY(baseline_id, version));
+CREATE TABLE baseline_version_steps(
+  baseline_id INTEGER NOT NULL,
+  version INTEGER NOT NULL,
+  position INTEGER NOT NULL,
+  tag TEXT NOT NULL,
+  image TEXT NOT NULL,
+  PRIMARY KEY(baseline_id, version, position),
+  FOREIGN KEY(baseline_id, version) REFERENCES baseline_versions(baseline_id, version));
+CREATE INDEX baseline_version_steps_by_tag
+  ON baseline_version_steps(baseline_id, version, tag, position);
+CREATE INDEX baseline_version_steps_by_image ON baseline_version_steps(image);
+CREATE TABLE baseline_alternatives(
+  baseline_id INTEGER NOT NULL,
+  version INTEGER NOT NULL,
+  position INTEGER NOT NULL,
+  image TEXT NOT NULL,
+  PRIMARY KEY(baseline_id, version, position, image),
+  FOREIGN KEY(baseline_id, version) REFERENCES baseline_versions(baseline_id, version));
+CREATE INDEX baseline_alternatives_by_image ON baseline_alternatives(image);
+ALTER TABLE baselines ADD COLUMN current_version INTEGER NOT NULL DEFAULT 1;
+ALTER TABLE baselines ADD COLUMN latest_version INTEGER NOT NULL DEFAULT 1;
+INSERT INTO baseline_versions(baseline_id, version, created_at, kind)
+  SELECT id, 1, updated_at, 'migrated' FROM baselines;
+INSERT INTO baseline_version_steps(baseline_id, version, position, tag, image)
+  SELECT baseline_id, 1, position, tag, image FROM baseline_steps;
+DROP TABLE baseline_steps;
+ALTER TABLE sessions ADD COLUMN baseline_version INTEGER;
+ALTER TABLE sessions ADD COLUMN baseline_branch TEXT;
+ALTER TABLE sessions ADD COLUMN last_active_at INTEGER;
+UPDATE sessions SET baseline_version = 1 WHERE baseline_id IS NOT NULL;
+UPDATE sessions SET last_active_at = started_at;
+CREATE INDEX sessions_by_start ON sessions(started_at);
+CREATE INDEX sessions_by_baseline ON sessions(baseline_id, baseline_version);
+CREATE INDEX sessions_running ON sessions(last_active_at) WHERE outcome IS NULL;
+ALTER TABLE steps ADD COLUMN baseline_position INTEGER;
+ALTER TABLE steps ADD COLUMN matched_alternative INTEGER NOT NULL DEFAULT 0;
+UPDATE steps SET baseline_position = position WHERE baseline_image IS NOT NULL;
+CREATE INDEX steps_by_tag ON steps(session_id, tag);
+CREATE INDEX steps_by_current_image ON steps(current_image);
+CREATE INDEX steps_by_baseline_image ON steps(baseline_image);
+CREATE INDEX steps_by_diff_image ON steps(diff_image);
+ALTER TABLE reviews ADD COLUMN as_alternative INTEGER NOT NULL DEFAULT 0;
+)sql"},
+};
+constexpr std::int64_t kSchemaVersion = 2;
+
 std::int64_t now() {
   return static_cast<std::int64_t>(std::time(nullptr));
 }
@@ -319,8 +386,11 @@ void readSessionInfo(const Json& info, SessionRecord& s) {
 
 Json outcomeJson(const Outcome& o) {
   Json missing = Json::array();
-  for (const BaselineStep& m : o.missing) {
-    missing.push_back({{"position", m.position}, {"tag", m.tag}, {"image", m.image}});
+  for (std::size_t i = 0; i < o.missing.size(); ++i) {
+    const BaselineStep& m = o.missing[i];
+    Json entry{{"position", m.position}, {"tag", m.tag}, {"image", m.image}};
+    if (i < o.baselinePositions.size()) entry["baselinePosition"] = o.baselinePositions[i];
+    missing.push_back(std::move(entry));
   }
   return Json{{"status", o.status},
               {"stoppedStatus", o.stoppedStatus},
@@ -342,17 +412,21 @@ Outcome readOutcome(const Json& j) {
   if (const Json* t = json::find(j, "stoppedAt")) o.stoppedAt = json::integerValue(*t);
   if (const Json* missing = json::find(j, "missing"); missing && missing->is_array()) {
     for (const Json& m : *missing) {
+      // Sessions stopped before steps were paired by tag listed missing steps at their
+      // baseline position, which was also their place after the session's steps.
       const Json* position = json::find(m, "position");
-      o.missing.push_back(
-          {position ? json::integerValue(*position) : 0, stringAt(m, "tag"), stringAt(m, "image")});
+      const Json* inBaseline = json::find(m, "baselinePosition");
+      const std::int64_t at = position ? json::integerValue(*position) : 0;
+      o.missing.push_back({at, stringAt(m, "tag"), stringAt(m, "image"), {}});
+      o.baselinePositions.push_back(inBaseline ? json::integerValue(*inBaseline) : at);
     }
   }
   return o;
 }
 
 constexpr const char* kSessionColumns =
-    "SELECT id, token, info, baseline_key, baseline_id, is_new, started_at, batch_id, outcome "
-    "FROM sessions";
+    "SELECT id, token, info, baseline_key, baseline_id, is_new, started_at, batch_id, outcome, "
+    "baseline_version, baseline_branch, last_active_at FROM sessions";
 
 SessionRecord readSession(const Statement& s) {
   SessionRecord r;
@@ -365,6 +439,9 @@ SessionRecord readSession(const Statement& s) {
   r.startedAt = s.integer(6);
   r.batchId = s.text(7);
   if (!s.isNull(8)) r.outcome = readOutcome(json::parse(s.text(8)).value_or(Json::object()));
+  if (!s.isNull(9)) r.baselineVersion = s.integer(9);
+  r.baselineBranch = s.text(10);
+  r.lastActiveAt = s.isNull(11) ? r.startedAt : s.integer(11);
   return r;
 }
 
@@ -486,7 +563,6 @@ Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "i
     statements_ = std::make_unique<StatementCache>(db_);
     sqlite3_busy_timeout(db_, 10000);
     exec(db_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
-    exec(db_, kSchema);
     migrate();
     identity_ = folderIdentity(folder_);
   } catch (...) {
@@ -514,6 +590,43 @@ Store::~Store() {
 }
 
 void Store::migrate() {
+  exec(db_, "CREATE TABLE IF NOT EXISTS schema_version(version INTEGER NOT NULL)");
+  std::optional<std::int64_t> version;
+  {
+    Statement s(*statements_, "SELECT max(version) FROM schema_version");
+    if (s.step() && !s.isNull(0)) version = s.integer(0);
+  }
+  if (!version) {
+    // A new database, or one of the first release (which kept no version): the first schema,
+    // with the columns added during its life.
+    exec(db_, kSchema);
+    migrateFirstSchema();
+    exec(db_, "INSERT INTO schema_version(version) VALUES(1)");
+    version = 1;
+  }
+  if (*version > kSchemaVersion) {
+    throw StoreError("the database has schema version " + std::to_string(*version) +
+                     ", newer than this service's " + std::to_string(kSchemaVersion));
+  }
+  for (const SchemaStep& step : kSchemaSteps) {
+    if (step.version <= *version) continue;
+    Transaction transaction(db_);
+    exec(db_, step.sql);
+    Statement s(*statements_, "UPDATE schema_version SET version = ?");
+    s.bind(1, step.version);
+    s.run();
+    transaction.commit();
+  }
+}
+
+std::int64_t Store::schemaVersion() {
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_, "SELECT max(version) FROM schema_version");
+  s.step();
+  return s.integer(0);
+}
+
+void Store::migrateFirstSchema() {
   for (const AddedColumn& added : kAddedColumns) {
     bool present = false;
     {
@@ -544,7 +657,14 @@ std::string Store::putImage(std::span<const std::uint8_t> png) {
 }
 
 std::string Store::putImage(std::span<const std::uint8_t> png, const std::string& id) {
-  if (hasImage(id, png.size())) return id;
+  {
+    // A file found present is touched, so retention, which leaves recently used files alone,
+    // does not remove it before the row that refers to it is written.
+    std::lock_guard use(imageUseMutex_);
+    if (hasImage(id, png.size()) && ::utimensat(AT_FDCWD, imagePath(id).c_str(), nullptr, 0) == 0) {
+      return id;
+    }
+  }
   return writeImage(png, id)->keep();
 }
 
@@ -558,7 +678,9 @@ Store::PendingImage::~PendingImage() {
 std::string Store::PendingImage::keep() {
   if (kept_) return id_;
   kept_ = true;
-  // One rename, so readers see the whole file or none.
+  // One rename, so readers see the whole file or none; the file is new, so retention leaves
+  // it alone until the row that refers to it is written.
+  std::lock_guard use(store_.imageUseMutex_);
   if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
     const int error = errno;
     ::unlink(temporary_.c_str());
@@ -601,35 +723,6 @@ std::optional<std::vector<std::uint8_t>> Store::readImage(const std::string& id)
   return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
-std::optional<std::int64_t> Store::findBaseline(const std::string& key) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT id FROM baselines WHERE key = ?");
-  s.bind(1, key);
-  if (!s.step()) return std::nullopt;
-  return s.integer(0);
-}
-
-std::vector<BaselineStep> Store::baselineSteps(std::int64_t baselineId) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
-              "SELECT position, tag, image FROM baseline_steps WHERE baseline_id = ? "
-              "ORDER BY position");
-  s.bind(1, baselineId);
-  std::vector<BaselineStep> steps;
-  while (s.step()) steps.push_back({s.integer(0), s.text(1), s.text(2)});
-  return steps;
-}
-
-std::optional<BaselineStep> Store::baselineStep(std::int64_t baselineId, std::int64_t position) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
-              "SELECT position, tag, image FROM baseline_steps "
-              "WHERE baseline_id = ? AND position = ?");
-  s.bind(1, baselineId).bind(2, position);
-  if (!s.step()) return std::nullopt;
-  return BaselineStep{s.integer(0), s.text(1), s.text(2)};
-}
-
 void Store::recordBatch(const BatchRecord& batch) {
   requireOwnFolder();
   std::lock_guard lock(mutex_);
@@ -657,23 +750,6 @@ bool Store::closeBatch(const std::string& id) {
   s.bind(1, now()).bind(2, id);
   s.run();
   return sqlite3_changes(db_) > 0;
-}
-
-void Store::insertSession(const SessionRecord& session) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
-              "INSERT INTO sessions(id, token, info, baseline_key, baseline_id, is_new, "
-              "started_at, batch_id) VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
-  s.bind(1, session.id)
-      .bind(2, session.token)
-      .bind(3, json::write(sessionInfoJson(session)))
-      .bind(4, session.baselineKey)
-      .bind(5, session.baselineId)
-      .bind(6, std::int64_t{session.isNew})
-      .bind(7, session.startedAt)
-      .bind(8, session.batchId);
-  s.run();
 }
 
 std::optional<SessionRecord> Store::session(const std::string& id) {
@@ -707,83 +783,371 @@ std::vector<BatchRecord> Store::batches() {
   return list;
 }
 
-std::map<std::int64_t, bool> Store::reviews(const std::string& sessionId) {
+void Store::insertSession(const SessionRecord& session, const BatchRecord& batch) {
+  requireOwnFolder();
   std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT position, accepted FROM reviews WHERE session_id = ?");
+  Transaction transaction(db_);
+  {
+    Statement s(*statements_,
+                "INSERT INTO batches(id, name, started_at, sequence_name) VALUES(?, ?, ?, ?) "
+                "ON CONFLICT(id) DO UPDATE SET name = coalesce(excluded.name, name), "
+                "sequence_name = coalesce(excluded.sequence_name, sequence_name)");
+    s.bind(1, batch.id).bind(2, batch.name).bind(3, batch.startedAt).bind(4, batch.sequenceName);
+    s.run();
+  }
+  Statement s(*statements_,
+              "INSERT INTO sessions(id, token, info, baseline_key, baseline_id, is_new, "
+              "started_at, batch_id, baseline_version, baseline_branch, last_active_at) "
+              "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  s.bind(1, session.id)
+      .bind(2, session.token)
+      .bind(3, json::write(sessionInfoJson(session)))
+      .bind(4, session.baselineKey)
+      .bind(5, session.baselineId)
+      .bind(6, std::int64_t{session.isNew})
+      .bind(7, session.startedAt)
+      .bind(8, session.batchId)
+      .bind(9, session.baselineVersion)
+      .bind(10, session.baselineBranch)
+      .bind(11, session.startedAt);
+  s.run();
+  transaction.commit();
+}
+
+void Store::touchSession(const std::string& sessionId, std::int64_t at) {
+  requireOwnFolder();
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_, "UPDATE sessions SET last_active_at = ? WHERE id = ?");
+  s.bind(1, at).bind(2, sessionId);
+  s.run();
+}
+
+std::vector<std::string> Store::idleSessions(std::int64_t before) {
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_,
+              "SELECT id FROM sessions WHERE outcome IS NULL AND last_active_at < ? "
+              "ORDER BY last_active_at");
+  s.bind(1, before);
+  std::vector<std::string> ids;
+  while (s.step()) ids.push_back(s.text(0));
+  return ids;
+}
+
+std::optional<BaselineRef> Store::findBaseline(const std::string& key) {
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_, "SELECT id, current_version FROM baselines WHERE key = ?");
+  s.bind(1, key);
+  if (!s.step()) return std::nullopt;
+  return BaselineRef{s.integer(0), s.integer(1), ""};
+}
+
+namespace {
+
+// The alternatives of the steps of one version, by position.
+std::map<std::int64_t, std::vector<std::string>> alternativesOf(Store::StatementCache& statements,
+                                                                std::int64_t baselineId,
+                                                                std::int64_t version) {
+  Statement s(statements,
+              "SELECT position, image FROM baseline_alternatives "
+              "WHERE baseline_id = ? AND version = ? ORDER BY position, image");
+  s.bind(1, baselineId).bind(2, version);
+  std::map<std::int64_t, std::vector<std::string>> found;
+  while (s.step()) found[s.integer(0)].push_back(s.text(1));
+  return found;
+}
+
+// The position of the `occurrence`-th step with `tag` of a version.
+std::optional<std::int64_t> positionOfTag(Store::StatementCache& statements,
+                                          std::int64_t baselineId, std::int64_t version,
+                                          const std::string& tag, std::int64_t occurrence) {
+  Statement s(statements,
+              "SELECT position FROM baseline_version_steps "
+              "WHERE baseline_id = ? AND version = ? AND tag = ? ORDER BY position "
+              "LIMIT 1 OFFSET ?");
+  s.bind(1, baselineId).bind(2, version).bind(3, tag).bind(4, occurrence);
+  if (!s.step()) return std::nullopt;
+  return s.integer(0);
+}
+
+}  // namespace
+
+std::vector<BaselineStep> Store::baselineSteps(std::int64_t baselineId, std::int64_t version) {
+  std::lock_guard lock(mutex_);
+  std::map<std::int64_t, std::vector<std::string>> alternatives =
+      alternativesOf(*statements_, baselineId, version);
+  Statement s(*statements_,
+              "SELECT position, tag, image FROM baseline_version_steps "
+              "WHERE baseline_id = ? AND version = ? ORDER BY position");
+  s.bind(1, baselineId).bind(2, version);
+  std::vector<BaselineStep> steps;
+  while (s.step()) {
+    BaselineStep step{s.integer(0), s.text(1), s.text(2), {}};
+    if (auto found = alternatives.find(step.position); found != alternatives.end()) {
+      step.alternatives = std::move(found->second);
+    }
+    steps.push_back(std::move(step));
+  }
+  return steps;
+}
+
+std::optional<BaselineStep> Store::baselineStepByTag(std::int64_t baselineId, std::int64_t version,
+                                                     const std::string& tag,
+                                                     std::int64_t occurrence) {
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_,
+              "SELECT position, tag, image FROM baseline_version_steps "
+              "WHERE baseline_id = ? AND version = ? AND tag = ? ORDER BY position "
+              "LIMIT 1 OFFSET ?");
+  s.bind(1, baselineId).bind(2, version).bind(3, tag).bind(4, occurrence);
+  if (!s.step()) return std::nullopt;
+  BaselineStep step{s.integer(0), s.text(1), s.text(2), {}};
+  Statement a(*statements_,
+              "SELECT image FROM baseline_alternatives "
+              "WHERE baseline_id = ? AND version = ? AND position = ? ORDER BY image");
+  a.bind(1, baselineId).bind(2, version).bind(3, step.position);
+  while (a.step()) step.alternatives.push_back(a.text(0));
+  return step;
+}
+
+std::optional<BaselineHistory> Store::baselineHistory(std::int64_t baselineId) {
+  std::lock_guard lock(mutex_);
+  BaselineHistory history;
+  {
+    Statement s(*statements_, "SELECT id, key, current_version FROM baselines WHERE id = ?");
+    s.bind(1, baselineId);
+    if (!s.step()) return std::nullopt;
+    history = {s.integer(0), s.text(1), s.integer(2), {}};
+  }
+  Statement s(*statements_,
+              "SELECT v.version, v.created_at, v.kind, v.session_id, v.from_version, "
+              "(SELECT count(*) FROM baseline_version_steps t "
+              "WHERE t.baseline_id = v.baseline_id AND t.version = v.version) "
+              "FROM baseline_versions v WHERE v.baseline_id = ? ORDER BY v.version DESC");
+  s.bind(1, baselineId);
+  while (s.step()) {
+    BaselineVersion v;
+    v.version = s.integer(0);
+    v.createdAt = s.integer(1);
+    v.kind = s.text(2);
+    v.sessionId = s.optText(3);
+    if (!s.isNull(4)) v.fromVersion = s.integer(4);
+    v.steps = s.integer(5);
+    history.versions.push_back(std::move(v));
+  }
+  return history;
+}
+
+std::int64_t Store::newVersion(std::int64_t toId,
+                               std::optional<std::pair<std::int64_t, std::int64_t>> from,
+                               const std::string& kind, const OptString& sessionId,
+                               std::optional<std::int64_t> fromVersion) {
+  std::int64_t version = 0;
+  {
+    Statement s(*statements_, "SELECT latest_version FROM baselines WHERE id = ?");
+    s.bind(1, toId);
+    if (!s.step()) throw StoreError("unknown baseline " + std::to_string(toId));
+    version = s.integer(0) + 1;
+  }
+  const std::int64_t at = now();
+  {
+    Statement s(*statements_,
+                "INSERT INTO baseline_versions(baseline_id, version, created_at, kind, session_id, "
+                "from_version) VALUES(?, ?, ?, ?, ?, ?)");
+    s.bind(1, toId)
+        .bind(2, version)
+        .bind(3, at)
+        .bind(4, kind)
+        .bind(5, sessionId)
+        .bind(6, fromVersion);
+    s.run();
+  }
+  if (from) {
+    Statement steps(
+        *statements_,
+        "INSERT INTO baseline_version_steps(baseline_id, version, position, tag, image) "
+        "SELECT ?, ?, position, tag, image FROM baseline_version_steps "
+        "WHERE baseline_id = ? AND version = ?");
+    steps.bind(1, toId).bind(2, version).bind(3, from->first).bind(4, from->second);
+    steps.run();
+    Statement alternatives(
+        *statements_,
+        "INSERT INTO baseline_alternatives(baseline_id, version, position, image) "
+        "SELECT ?, ?, position, image FROM baseline_alternatives "
+        "WHERE baseline_id = ? AND version = ?");
+    alternatives.bind(1, toId).bind(2, version).bind(3, from->first).bind(4, from->second);
+    alternatives.run();
+  }
+  Statement s(*statements_,
+              "UPDATE baselines SET current_version = ?, latest_version = ?, updated_at = ? "
+              "WHERE id = ?");
+  s.bind(1, version).bind(2, version).bind(3, at).bind(4, toId);
+  s.run();
+  return version;
+}
+
+std::optional<std::pair<std::int64_t, std::int64_t>> Store::requireFreshBaseline(
+    const std::string& sessionId, bool confirmed) {
+  std::string key;
+  std::optional<std::int64_t> comparedId, comparedVersion;
+  {
+    Statement s(*statements_,
+                "SELECT baseline_key, baseline_id, baseline_version FROM sessions WHERE id = ?");
+    s.bind(1, sessionId);
+    if (!s.step()) throw StoreError("unknown session " + sessionId);
+    key = s.text(0);
+    if (!s.isNull(1)) comparedId = s.integer(1);
+    if (!s.isNull(2)) comparedVersion = s.integer(2);
+  }
+  std::optional<std::pair<std::int64_t, std::int64_t>> target;
+  {
+    Statement s(*statements_, "SELECT id, current_version FROM baselines WHERE key = ?");
+    s.bind(1, key);
+    if (s.step()) target = std::make_pair(s.integer(0), s.integer(1));
+  }
+  if (!target || confirmed) return target;
+  // Versions made by the session's own reviews since do not count; any other one does.
+  const bool sameBaseline = comparedId == target->first;
+  Statement s(*statements_,
+              "SELECT count(*) FROM baseline_versions WHERE baseline_id = ? AND version > ? "
+              "AND (session_id IS NULL OR session_id <> ?)");
+  s.bind(1, target->first)
+      .bind(2, sameBaseline ? comparedVersion.value_or(0) : std::int64_t{0})
+      .bind(3, sessionId);
+  s.step();
+  if (s.integer(0) > 0) {
+    const std::int64_t compared = sameBaseline ? comparedVersion.value_or(0) : 0;
+    throw StaleBaselineError(
+        compared > 0
+            ? "the session was compared with version " + std::to_string(compared) +
+                  " of the baseline, which is now at version " + std::to_string(target->second)
+            : "a baseline was saved after the session started (now at version " +
+                  std::to_string(target->second) + ")",
+        compared, target->second);
+  }
+  return target;
+}
+
+std::map<std::int64_t, Verdict> Store::reviews(const std::string& sessionId) {
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_,
+              "SELECT position, accepted, as_alternative FROM reviews WHERE session_id = ?");
   s.bind(1, sessionId);
-  std::map<std::int64_t, bool> verdicts;
-  while (s.step()) verdicts[s.integer(0)] = s.integer(1) != 0;
+  std::map<std::int64_t, Verdict> verdicts;
+  while (s.step()) verdicts[s.integer(0)] = {s.integer(1) != 0, s.integer(2) != 0};
   return verdicts;
 }
 
 void Store::reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
-                        const Outcome& outcome) {
+                        const Outcome& outcome, bool confirmed) {
   requireOwnFolder();
   flushImages();  // accepted steps' images become baseline images
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
-  std::string key;
-  std::optional<std::int64_t> comparedWith;
-  {
-    Statement s(*statements_, "SELECT baseline_key, baseline_id FROM sessions WHERE id = ?");
-    s.bind(1, sessionId);
-    if (!s.step()) throw StoreError("unknown session " + sessionId);
-    key = s.text(0);
-    if (!s.isNull(1)) comparedWith = s.integer(1);
-  }
-  std::optional<std::int64_t> baselineId;
-  auto ensureBaseline = [&]() -> std::int64_t {
-    if (baselineId) return *baselineId;
-    {
-      Statement s(*statements_, "SELECT id FROM baselines WHERE key = ?");
-      s.bind(1, key);
-      if (s.step()) baselineId = s.integer(0);
-    }
-    if (!baselineId) {
-      Statement s(*statements_, "INSERT INTO baselines(key, updated_at) VALUES(?, ?) RETURNING id");
+  const bool changesBaseline = std::any_of(
+      reviews.begin(), reviews.end(), [](const StepReview& r) { return r.change.has_value(); });
+  if (changesBaseline) {
+    std::optional<std::pair<std::int64_t, std::int64_t>> target =
+        requireFreshBaseline(sessionId, confirmed);
+    std::int64_t baselineId = 0;
+    std::optional<std::pair<std::int64_t, std::int64_t>> base = target;
+    if (target) {
+      baselineId = target->first;
+    } else {
+      // The first baseline under the session's key starts from the one it was compared with.
+      std::string key;
+      {
+        Statement s(
+            *statements_,
+            "SELECT baseline_key, baseline_id, baseline_version FROM sessions WHERE id = ?");
+        s.bind(1, sessionId);
+        if (!s.step()) throw StoreError("unknown session " + sessionId);
+        key = s.text(0);
+        if (!s.isNull(1) && !s.isNull(2)) base = std::make_pair(s.integer(1), s.integer(2));
+      }
+      Statement s(*statements_,
+                  "INSERT INTO baselines(key, updated_at, current_version, latest_version) "
+                  "VALUES(?, ?, 0, 0) RETURNING id");
       s.bind(1, key).bind(2, now());
       if (!s.step()) throw StoreError("cannot create baseline");
       baselineId = s.integer(0);
       s.run();
-      if (comparedWith) {
-        Statement copy(*statements_,
-                       "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
-                       "SELECT ?, position, tag, image FROM baseline_steps WHERE baseline_id = ?");
-        copy.bind(1, *baselineId).bind(2, *comparedWith);
-        copy.run();
+    }
+    const std::int64_t version = newVersion(baselineId, base, "accepted", sessionId, std::nullopt);
+    auto append = [&](const std::string& tag, const std::string& image) {
+      Statement s(*statements_,
+                  "INSERT INTO baseline_version_steps(baseline_id, version, position, tag, image) "
+                  "SELECT ?, ?, coalesce(max(position) + 1, 0), ?, ? FROM baseline_version_steps "
+                  "WHERE baseline_id = ? AND version = ?");
+      s.bind(1, baselineId)
+          .bind(2, version)
+          .bind(3, tag)
+          .bind(4, image)
+          .bind(5, baselineId)
+          .bind(6, version);
+      s.run();
+    };
+    auto dropAlternatives = [&](std::int64_t position) {
+      Statement s(*statements_,
+                  "DELETE FROM baseline_alternatives "
+                  "WHERE baseline_id = ? AND version = ? AND position = ?");
+      s.bind(1, baselineId).bind(2, version).bind(3, position);
+      s.run();
+    };
+    for (const StepReview& review : reviews) {
+      if (!review.change) continue;
+      const BaselineChange& change = *review.change;
+      std::optional<std::int64_t> position =
+          positionOfTag(*statements_, baselineId, version, change.tag, change.occurrence);
+      switch (change.kind) {
+        case BaselineChange::Kind::Replace:
+          if (!position) {
+            append(change.tag, change.image);
+          } else {
+            dropAlternatives(*position);
+            Statement s(*statements_,
+                        "UPDATE baseline_version_steps SET image = ? "
+                        "WHERE baseline_id = ? AND version = ? AND position = ?");
+            s.bind(1, change.image).bind(2, baselineId).bind(3, version).bind(4, *position);
+            s.run();
+          }
+          break;
+        case BaselineChange::Kind::AddAlternative:
+          if (!position) {
+            append(change.tag, change.image);
+          } else {
+            Statement s(*statements_,
+                        "INSERT INTO baseline_alternatives(baseline_id, version, position, image) "
+                        "SELECT ?, ?, ?, ? WHERE NOT EXISTS (SELECT 1 FROM baseline_version_steps "
+                        "WHERE baseline_id = ? AND version = ? AND position = ? AND image = ?) "
+                        "ON CONFLICT DO NOTHING");
+            s.bind(1, baselineId).bind(2, version).bind(3, *position).bind(4, change.image);
+            s.bind(5, baselineId).bind(6, version).bind(7, *position).bind(8, change.image);
+            s.run();
+          }
+          break;
+        case BaselineChange::Kind::Drop:
+          if (position) {
+            dropAlternatives(*position);
+            Statement s(*statements_,
+                        "DELETE FROM baseline_version_steps "
+                        "WHERE baseline_id = ? AND version = ? AND position = ?");
+            s.bind(1, baselineId).bind(2, version).bind(3, *position);
+            s.run();
+          }
+          break;
       }
     }
-    Statement touch(*statements_, "UPDATE baselines SET updated_at = ? WHERE id = ?");
-    touch.bind(1, now()).bind(2, *baselineId);
-    touch.run();
-    return *baselineId;
-  };
+  }
   for (const StepReview& review : reviews) {
-    {
-      Statement s(*statements_,
-                  "INSERT INTO reviews(session_id, position, accepted) VALUES(?, ?, ?) "
-                  "ON CONFLICT(session_id, position) DO UPDATE SET accepted = excluded.accepted");
-      s.bind(1, sessionId).bind(2, review.position).bind(3, std::int64_t{review.accepted});
-      s.run();
-    }
-    if (!review.accepted) continue;
-    std::int64_t id = ensureBaseline();
-    if (review.newBaselineStep) {
-      Statement s(*statements_,
-                  "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
-                  "VALUES(?, ?, ?, ?) ON CONFLICT(baseline_id, position) "
-                  "DO UPDATE SET tag = excluded.tag, image = excluded.image");
-      s.bind(1, id)
-          .bind(2, review.position)
-          .bind(3, review.newBaselineStep->tag)
-          .bind(4, review.newBaselineStep->image);
-      s.run();
-    } else {
-      Statement s(*statements_,
-                  "DELETE FROM baseline_steps WHERE baseline_id = ? AND position = ?");
-      s.bind(1, id).bind(2, review.position);
-      s.run();
-    }
+    Statement s(*statements_,
+                "INSERT INTO reviews(session_id, position, accepted, as_alternative) "
+                "VALUES(?, ?, ?, ?) ON CONFLICT(session_id, position) DO UPDATE SET "
+                "accepted = excluded.accepted, as_alternative = excluded.as_alternative");
+    s.bind(1, sessionId)
+        .bind(2, review.position)
+        .bind(3, std::int64_t{review.accepted})
+        .bind(4, std::int64_t{review.accepted && review.asAlternative});
+    s.run();
   }
   {
     Statement s(*statements_, "UPDATE sessions SET outcome = ? WHERE id = ?");
@@ -793,12 +1157,42 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
   transaction.commit();
 }
 
+std::int64_t Store::rollBack(std::int64_t baselineId, std::int64_t version) {
+  requireOwnFolder();
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  std::int64_t latest = 0;
+  {
+    Statement s(*statements_, "SELECT latest_version FROM baselines WHERE id = ?");
+    s.bind(1, baselineId);
+    if (!s.step()) throw UnknownVersionError("unknown baseline", false);
+    latest = s.integer(0);
+  }
+  {
+    Statement s(*statements_,
+                "SELECT count(*) FROM baseline_versions WHERE baseline_id = ? AND version = ?");
+    s.bind(1, baselineId).bind(2, version);
+    s.step();
+    if (s.integer(0) == 0) {
+      const bool removed = version >= 1 && version <= latest;
+      throw UnknownVersionError(removed ? "version " + std::to_string(version) +
+                                              " of the baseline was removed by retention"
+                                        : "the baseline has no version " + std::to_string(version),
+                                removed);
+    }
+  }
+  const std::int64_t made = newVersion(baselineId, std::make_pair(baselineId, version), "rollback",
+                                       std::nullopt, version);
+  transaction.commit();
+  return made;
+}
+
 std::vector<StepRecord> Store::steps(const std::string& sessionId) {
   std::lock_guard lock(mutex_);
   Statement s(*statements_,
               "SELECT position, tag, current_image, baseline_image, diff_image, as_expected, "
-              "match_level, accessibility, settings FROM steps WHERE session_id = ? "
-              "ORDER BY position");
+              "match_level, accessibility, settings, baseline_position, matched_alternative "
+              "FROM steps WHERE session_id = ? ORDER BY position");
   s.bind(1, sessionId);
   std::vector<StepRecord> steps;
   while (s.step()) {
@@ -819,6 +1213,8 @@ std::vector<StepRecord> Store::steps(const std::string& sessionId) {
       std::optional<Json> settings = json::parse(s.text(8));
       if (settings && settings->is_object()) r.settings = std::move(*settings);
     }
+    if (!s.isNull(9)) r.baselinePosition = s.integer(9);
+    r.matchedAlternative = s.integer(10) != 0;
     steps.push_back(std::move(r));
   }
   return steps;
@@ -832,13 +1228,21 @@ std::int64_t Store::stepCount(const std::string& sessionId) {
   return s.integer(0);
 }
 
+std::int64_t Store::stepCountWithTag(const std::string& sessionId, const std::string& tag) {
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_, "SELECT count(*) FROM steps WHERE session_id = ? AND tag = ?");
+  s.bind(1, sessionId).bind(2, tag);
+  s.step();
+  return s.integer(0);
+}
+
 void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
   requireOwnFolder();
   std::lock_guard lock(mutex_);
   Statement s(*statements_,
               "INSERT INTO steps(session_id, position, tag, current_image, baseline_image, "
-              "diff_image, as_expected, match_level, accessibility, settings) "
-              "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+              "diff_image, as_expected, match_level, accessibility, settings, baseline_position, "
+              "matched_alternative) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   s.bind(1, sessionId)
       .bind(2, step.position)
       .bind(3, step.tag)
@@ -854,6 +1258,8 @@ void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
     s.bindNull(9);
   }
   s.bind(10, json::write(step.settings));
+  s.bind(11, step.baselinePosition);
+  s.bind(12, std::int64_t{step.matchedAlternative});
   s.run();
 }
 
@@ -863,43 +1269,169 @@ void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
   if (newBaseline) flushImages();
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
-  {
-    Statement s(*statements_, "UPDATE sessions SET outcome = ? WHERE id = ?");
-    s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
-    s.run();
-  }
   if (newBaseline) {
-    std::string key;
-    {
-      Statement s(*statements_, "SELECT baseline_key FROM sessions WHERE id = ?");
-      s.bind(1, sessionId);
-      if (!s.step()) throw StoreError("unknown session " + sessionId);
-      key = s.text(0);
-    }
+    std::optional<std::pair<std::int64_t, std::int64_t>> target =
+        requireFreshBaseline(sessionId, false);
     std::int64_t baselineId = 0;
-    {
+    if (target) {
+      baselineId = target->first;
+    } else {
+      std::string key;
+      {
+        Statement s(*statements_, "SELECT baseline_key FROM sessions WHERE id = ?");
+        s.bind(1, sessionId);
+        if (!s.step()) throw StoreError("unknown session " + sessionId);
+        key = s.text(0);
+      }
       Statement s(*statements_,
-                  "INSERT INTO baselines(key, updated_at) VALUES(?, ?) "
-                  "ON CONFLICT(key) DO UPDATE SET updated_at = excluded.updated_at RETURNING id");
+                  "INSERT INTO baselines(key, updated_at, current_version, latest_version) "
+                  "VALUES(?, ?, 0, 0) RETURNING id");
       s.bind(1, key).bind(2, now());
       if (!s.step()) throw StoreError("cannot save baseline");
       baselineId = s.integer(0);
       s.run();
     }
-    {
-      Statement s(*statements_, "DELETE FROM baseline_steps WHERE baseline_id = ?");
-      s.bind(1, baselineId);
+    const std::int64_t version = newVersion(baselineId, std::nullopt, "saved", sessionId, {});
+    std::int64_t position = 0;
+    for (const BaselineStep& step : *newBaseline) {
+      {
+        Statement s(*statements_,
+                    "INSERT INTO baseline_version_steps(baseline_id, version, position, tag, "
+                    "image) VALUES(?, ?, ?, ?, ?)");
+        s.bind(1, baselineId)
+            .bind(2, version)
+            .bind(3, position)
+            .bind(4, step.tag)
+            .bind(5, step.image);
+        s.run();
+      }
+      for (const std::string& alternative : step.alternatives) {
+        if (alternative == step.image) continue;
+        Statement s(*statements_,
+                    "INSERT INTO baseline_alternatives(baseline_id, version, position, image) "
+                    "VALUES(?, ?, ?, ?) ON CONFLICT DO NOTHING");
+        s.bind(1, baselineId).bind(2, version).bind(3, position).bind(4, alternative);
+        s.run();
+      }
+      ++position;
+    }
+  }
+  {
+    Statement s(*statements_, "UPDATE sessions SET outcome = ? WHERE id = ?");
+    s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
+    s.run();
+  }
+  transaction.commit();
+}
+
+std::int64_t Store::removeSessions(std::int64_t before, std::int64_t limit) {
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  std::vector<std::pair<std::string, std::string>> sessions;  // id and batch
+  {
+    Statement s(*statements_,
+                "SELECT id, batch_id FROM sessions WHERE outcome IS NOT NULL AND started_at < ? "
+                "ORDER BY started_at LIMIT ?");
+    s.bind(1, before).bind(2, limit);
+    while (s.step()) sessions.emplace_back(s.text(0), s.text(1));
+  }
+  for (const auto& [id, batch] : sessions) {
+    for (const char* sql :
+         {"DELETE FROM steps WHERE session_id = ?", "DELETE FROM reviews WHERE session_id = ?",
+          "DELETE FROM sessions WHERE id = ?"}) {
+      Statement s(*statements_, sql);
+      s.bind(1, id);
       s.run();
     }
-    for (const BaselineStep& step : *newBaseline) {
-      Statement s(*statements_,
-                  "INSERT INTO baseline_steps(baseline_id, position, tag, image) "
-                  "VALUES(?, ?, ?, ?)");
-      s.bind(1, baselineId).bind(2, step.position).bind(3, step.tag).bind(4, step.image);
+    // A batch goes with its last session; a session starting in it adds the batch again in
+    // the transaction that adds the session.
+    Statement s(*statements_,
+                "DELETE FROM batches WHERE id = ? AND NOT EXISTS "
+                "(SELECT 1 FROM sessions WHERE batch_id = ?)");
+    s.bind(1, batch).bind(2, batch);
+    s.run();
+  }
+  transaction.commit();
+  return static_cast<std::int64_t>(sessions.size());
+}
+
+std::int64_t Store::removeVersions(std::int64_t before, std::int64_t keep) {
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  std::vector<std::pair<std::int64_t, std::int64_t>> versions;
+  {
+    Statement s(*statements_,
+                "SELECT v.baseline_id, v.version FROM baseline_versions v "
+                "JOIN baselines b ON b.id = v.baseline_id "
+                "WHERE v.version <> b.current_version "
+                "AND NOT EXISTS (SELECT 1 FROM sessions s WHERE s.baseline_id = v.baseline_id "
+                "AND s.baseline_version = v.version) "
+                "AND (v.created_at < ? OR (? > 0 AND v.version <= b.latest_version - ?)) "
+                "LIMIT 50");
+    s.bind(1, before).bind(2, keep).bind(3, keep);
+    while (s.step()) versions.emplace_back(s.integer(0), s.integer(1));
+  }
+  for (const auto& [baseline, version] : versions) {
+    for (const char* sql :
+         {"DELETE FROM baseline_alternatives WHERE baseline_id = ? AND version = ?",
+          "DELETE FROM baseline_version_steps WHERE baseline_id = ? AND version = ?",
+          "DELETE FROM baseline_versions WHERE baseline_id = ? AND version = ?"}) {
+      Statement s(*statements_, sql);
+      s.bind(1, baseline).bind(2, version);
       s.run();
     }
   }
   transaction.commit();
+  return static_cast<std::int64_t>(versions.size());
+}
+
+std::int64_t Store::removeUnusedImages(const std::string& prefix, std::int64_t before) {
+  if (prefix.size() != 2 || prefix.find_first_not_of("0123456789abcdef") != std::string::npos) {
+    return 0;
+  }
+  const fs::path folder = imageFolder_ / prefix;
+  std::error_code error;
+  std::vector<fs::path> files;
+  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    files.push_back(it->path());
+  }
+  auto lastUse = [](const fs::path& path) -> std::optional<std::int64_t> {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+    return static_cast<std::int64_t>(info.st_mtime);
+  };
+  std::int64_t removed = 0;
+  for (const fs::path& file : files) {
+    const std::string name = file.filename().string();
+    if (name.rfind(".tmp-", 0) == 0) {
+      // Left by a crash between writing an upload and keeping it.
+      std::optional<std::int64_t> at = lastUse(file);
+      if (at && *at < before) ::unlink(file.c_str());
+      continue;
+    }
+    if (name.size() != 68 || name.substr(64) != ".png") continue;
+    const std::string id = name.substr(0, 64);
+    if (!isImageId(id)) continue;
+    std::lock_guard use(imageUseMutex_);
+    std::optional<std::int64_t> at = lastUse(file);
+    if (!at || *at >= before) continue;
+    bool used = false;
+    {
+      std::lock_guard lock(mutex_);
+      Statement s(*statements_,
+                  "SELECT (SELECT count(*) FROM (SELECT 1 FROM steps WHERE current_image = ?1 "
+                  "LIMIT 1) a) + (SELECT count(*) FROM (SELECT 1 FROM steps WHERE "
+                  "baseline_image = ?1 LIMIT 1) b) + (SELECT count(*) FROM (SELECT 1 FROM steps "
+                  "WHERE diff_image = ?1 LIMIT 1) c) + (SELECT count(*) FROM (SELECT 1 FROM "
+                  "baseline_version_steps WHERE image = ?1 LIMIT 1) d) + (SELECT count(*) FROM "
+                  "(SELECT 1 FROM baseline_alternatives WHERE image = ?1 LIMIT 1) e)");
+      s.bind(1, id);
+      s.step();
+      used = s.integer(0) > 0;
+    }
+    if (!used && ::unlink(file.c_str()) == 0) ++removed;
+  }
+  return removed;
 }
 
 }  // namespace saffra::server

@@ -47,11 +47,42 @@ struct BatchRecord {
   bool isClosed = false;
 };
 
-/// One step of a baseline: its tag and the id of its image.
+/// One step of a baseline version: its tag, the id of its image and the ids of the images
+/// accepted beside it as alternatives (a checkpoint that matches any of them passes).
 struct BaselineStep {
   std::int64_t position = 0;
   std::string tag;
   std::string image;
+  std::vector<std::string> alternatives;
+};
+
+/// A baseline as a session found it: its id, the version then current and the branch whose
+/// baseline it is (the session's own, or the parent or default branch it fell back to).
+struct BaselineRef {
+  std::int64_t id = 0;
+  std::int64_t version = 0;
+  std::string branch;
+};
+
+/// One version of a baseline: made when a session was saved as the baseline, when steps of a
+/// session were accepted, when a version was rolled back to, or when an older data folder was
+/// migrated.
+struct BaselineVersion {
+  std::int64_t version = 0;
+  std::int64_t createdAt = 0;  // seconds since the epoch
+  /// "saved", "accepted", "rollback" or "migrated".
+  std::string kind;
+  OptString sessionId;                      // the session saved or accepted
+  std::optional<std::int64_t> fromVersion;  // the version a rollback restored
+  std::int64_t steps = 0;
+};
+
+/// A baseline with its identity and versions, newest first.
+struct BaselineHistory {
+  std::int64_t id = 0;
+  std::string key;
+  std::int64_t currentVersion = 0;
+  std::vector<BaselineVersion> versions;
 };
 
 /// How a stopped session ended; written once, when it stops.
@@ -64,8 +95,11 @@ struct Outcome {
   bool isDifferent = false;
   bool savedAsBaseline = false;
   std::int64_t stoppedAt = 0;  // seconds since the epoch
-  /// Baseline steps that no check of the session reached.
+  /// Baseline steps that no check of the session reached. Their `position` is their place on
+  /// the session's page, after the session's own steps; `baselinePositions` holds their
+  /// position in the baseline version, in the same order.
   std::vector<BaselineStep> missing;
+  std::vector<std::int64_t> baselinePositions;
 };
 
 /// One test session as started by a client.
@@ -81,11 +115,14 @@ struct SessionRecord {
   std::string baselineEnvName;
   std::string branchName;  // the branch a saved baseline goes to
   std::string batchId;
-  Json defaultMatchSettings = Json::object();  // as the client sent them
-  std::string baselineKey;                     // identity of the baseline the session saves to
-  std::optional<std::int64_t> baselineId;      // the baseline compared against; none when new
+  Json defaultMatchSettings = Json::object();   // as the client sent them
+  std::string baselineKey;                      // identity of the baseline the session saves to
+  std::optional<std::int64_t> baselineId;       // the baseline compared against; none when new
+  std::optional<std::int64_t> baselineVersion;  // its version compared against
+  std::string baselineBranch;                   // the branch that baseline belongs to
   bool isNew = false;
-  std::int64_t startedAt = 0;  // seconds since the epoch
+  std::int64_t startedAt = 0;     // seconds since the epoch
+  std::int64_t lastActiveAt = 0;  // the last request of its client
   std::optional<Outcome> outcome;
 };
 
@@ -94,8 +131,12 @@ struct StepRecord {
   std::int64_t position = 0;
   std::string tag;
   std::string currentImage;
-  OptString baselineImage;
+  OptString baselineImage;  // the baseline image compared with (the one matched, if any)
   OptString diffImage;
+  /// The baseline step this step was paired with (by tag); none for a new step.
+  std::optional<std::int64_t> baselinePosition;
+  /// The step matched one of its baseline step's alternatives rather than its main image.
+  bool matchedAlternative = false;
   bool asExpected = false;
   std::string matchLevel;
   /// The contrast check of the step's accessibility regions, when it had some.
@@ -106,14 +147,65 @@ struct StepRecord {
   Json settings = Json::object();
 };
 
-/// A reviewer's verdict on one step of a stopped session.
+/// What an accepted step changes in the baseline. The baseline step concerned is the
+/// `occurrence`-th (from 0) of those with the step's tag.
+struct BaselineChange {
+  enum class Kind {
+    Replace,         // its image becomes `image` (alternatives dropped); added when absent
+    AddAlternative,  // `image` is accepted beside its image; added as a step when absent
+    Drop,            // it is removed (an accepted missing step)
+  };
+  Kind kind = Kind::Replace;
+  std::string tag;
+  std::int64_t occurrence = 0;
+  std::string image;
+};
+
+/// A reviewer's verdict on one step of a stopped session (`position` as on its page).
 struct StepReview {
   std::int64_t position = 0;
   bool accepted = false;
-  /// For an accepted step that has a current image: the image and tag that become the
-  /// baseline at `position`. Absent for an accepted missing step, whose baseline step is
-  /// dropped, and for rejections, which leave the baseline alone.
-  std::optional<BaselineStep> newBaselineStep;
+  bool asAlternative = false;
+  /// For accepted steps: the change to the baseline. Rejections leave the baseline alone.
+  std::optional<BaselineChange> change;
+};
+
+/// A recorded verdict.
+struct Verdict {
+  bool accepted = false;
+  bool asAlternative = false;
+};
+
+/// The baseline moved on since the session was compared with it (another session's steps were
+/// accepted or saved, or a version was rolled back to): accepting or saving the session's
+/// images would silently undo that.
+class StaleBaselineError : public StoreError {
+ public:
+  StaleBaselineError(const std::string& message, std::int64_t compared, std::int64_t current)
+      : StoreError(message), compared_(compared), current_(current) {}
+  std::int64_t comparedVersion() const { return compared_; }
+  std::int64_t currentVersion() const { return current_; }
+
+ private:
+  std::int64_t compared_, current_;
+};
+
+/// A rollback to a version that does not exist (`removed` when retention removed it).
+class UnknownVersionError : public StoreError {
+ public:
+  UnknownVersionError(const std::string& message, bool removed)
+      : StoreError(message), removed_(removed) {}
+  bool removed() const { return removed_; }
+
+ private:
+  bool removed_;
+};
+
+/// What one round of retention removed.
+struct RetentionReport {
+  std::int64_t sessions = 0;
+  std::int64_t versions = 0;
+  std::int64_t images = 0;
 };
 
 /// The database and image folder under one data folder.
@@ -171,9 +263,18 @@ class Store {
   /// after this. Throws StoreError when the disk refused to flush a file.
   void flushImages();
 
-  std::optional<std::int64_t> findBaseline(const std::string& key);
-  std::vector<BaselineStep> baselineSteps(std::int64_t baselineId);
-  std::optional<BaselineStep> baselineStep(std::int64_t baselineId, std::int64_t position);
+  /// The baseline under `key` and its current version.
+  std::optional<BaselineRef> findBaseline(const std::string& key);
+  /// The steps of a version of a baseline, in order, with their alternatives.
+  std::vector<BaselineStep> baselineSteps(std::int64_t baselineId, std::int64_t version);
+  /// The `occurrence`-th (from 0) step with this tag of a version of a baseline.
+  std::optional<BaselineStep> baselineStepByTag(std::int64_t baselineId, std::int64_t version,
+                                                const std::string& tag, std::int64_t occurrence);
+  /// A baseline and its versions; nothing for an unknown id.
+  std::optional<BaselineHistory> baselineHistory(std::int64_t baselineId);
+  /// Makes a new version of the baseline with the steps of `version`. Throws
+  /// UnknownVersionError when that version never existed or was removed.
+  std::int64_t rollBack(std::int64_t baselineId, std::int64_t version);
 
   /// Adds the batch, or updates the name and sequence of a known one.
   void recordBatch(const BatchRecord& batch);
@@ -181,26 +282,51 @@ class Store {
   /// Marks the batch closed; false when there is no such batch.
   bool closeBatch(const std::string& id);
 
-  void insertSession(const SessionRecord& session);
+  /// Adds the session and adds or updates its batch, in one transaction.
+  void insertSession(const SessionRecord& session, const BatchRecord& batch);
   std::optional<SessionRecord> session(const std::string& id);
   std::vector<StepRecord> steps(const std::string& sessionId);
   std::int64_t stepCount(const std::string& sessionId);
+  /// The session's recorded steps with this tag.
+  std::int64_t stepCountWithTag(const std::string& sessionId, const std::string& tag);
   void insertStep(const std::string& sessionId, const StepRecord& step);
+  /// Notes a request of the session's client now.
+  void touchSession(const std::string& sessionId, std::int64_t at);
+  /// Sessions still running whose client was last heard of before `before`.
+  std::vector<std::string> idleSessions(std::int64_t before);
   /// Every batch, the one with the latest session first.
   std::vector<BatchRecord> batches();
   /// The sessions of a batch in the order they started.
   std::vector<SessionRecord> sessionsInBatch(const std::string& batchId);
-  /// The verdicts given on a session's steps, by position: true for accepted.
-  std::map<std::int64_t, bool> reviews(const std::string& sessionId);
+  /// The verdicts given on a session's steps, by position.
+  std::map<std::int64_t, Verdict> reviews(const std::string& sessionId);
   /// Records verdicts on steps of a stopped session and its new outcome in one transaction.
-  /// Accepted steps change the baseline under the session's baseline key; when there is none
-  /// yet it is created as a copy of the baseline the session was compared with (if any).
+  /// Accepted changes make a new version of the baseline under the session's baseline key,
+  /// based on its current version (or, when there is none yet, on the baseline the session
+  /// was compared with). Throws StaleBaselineError, recording nothing, when that baseline
+  /// moved on since the session was compared with it, unless `confirmed`.
   void reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
-                   const Outcome& outcome);
-  /// Records the outcome and, when `newBaseline` is given, makes it the baseline under the
-  /// session's baseline key, all in one transaction.
+                   const Outcome& outcome, bool confirmed);
+  /// Records the outcome and, when `newBaseline` is given, makes it a new version of the
+  /// baseline under the session's baseline key, all in one transaction. Throws
+  /// StaleBaselineError, recording nothing, when a baseline is given and the baseline moved
+  /// on since the session was compared with it.
   void finishSession(const std::string& sessionId, const Outcome& outcome,
                      const std::vector<BaselineStep>* newBaseline);
+
+  /// Removes up to `limit` stopped sessions that started before `before`, with their steps
+  /// and verdicts; returns how many.
+  std::int64_t removeSessions(std::int64_t before, std::int64_t limit);
+  /// Removes versions of baselines that are not current, no remaining session was compared
+  /// with, and were made before `before` or are beyond the `keep` newest of their baseline
+  /// (0: no such limit); returns how many.
+  std::int64_t removeVersions(std::int64_t before, std::int64_t keep);
+  /// Removes the image files of the image folder `prefix` (two hex digits) that no step or
+  /// baseline version refers to and that were not written or used since `before`, and
+  /// temporary files older than that; returns how many images.
+  std::int64_t removeUnusedImages(const std::string& prefix, std::int64_t before);
+  /// The schema version of the open database.
+  std::int64_t schemaVersion();
 
   /// The store's prepared statements, kept between uses (defined in store.cc).
   class StatementCache;
@@ -212,6 +338,19 @@ class Store {
   /// Throws StoreUnavailable when the folder, the image folder or the database file is no
   /// longer the one opened; called before every write.
   void requireOwnFolder() const;
+  /// Adds the columns that the first schema gained during its life.
+  void migrateFirstSchema();
+  /// Checks, inside a transaction, that the session's baseline key still has the version the
+  /// session was compared with (or versions made by the session itself since); throws
+  /// StaleBaselineError otherwise. Returns the baseline under the key, if any, and its version.
+  std::optional<std::pair<std::int64_t, std::int64_t>> requireFreshBaseline(
+      const std::string& sessionId, bool confirmed);
+  /// Copies version `from` of baseline `fromId` as the next version of baseline `toId`;
+  /// returns its number. Inside a transaction.
+  std::int64_t newVersion(std::int64_t toId,
+                          std::optional<std::pair<std::int64_t, std::int64_t>> from,
+                          const std::string& kind, const OptString& sessionId,
+                          std::optional<std::int64_t> fromVersion);
 
   /// The thread that flushes stored image files to disk (defined in store.cc).
   class Flusher;
@@ -220,6 +359,9 @@ class Store {
   std::filesystem::path imageFolder_;
   std::unique_ptr<Flusher> flusher_;
   mutable std::mutex mutex_;
+  /// Held while an image file is checked for use and removed, and while a file about to be
+  /// referred to is found present and touched, so retention never removes a file in use.
+  mutable std::mutex imageUseMutex_;
   sqlite3* db_ = nullptr;
   std::unique_ptr<StatementCache> statements_;
   /// Device and inode of the folder, the image folder and the database file when opened.

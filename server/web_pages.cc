@@ -1,6 +1,7 @@
 #include "server/web_pages.h"
 
 #include <algorithm>
+#include <ctime>
 
 #include "saffra/platform/geometry.h"
 #include "server/web_access.h"
@@ -327,6 +328,17 @@ std::string renderTestPage(const TestView& view) {
           escapeHtml(percentEncode(json::stringValue(d.value("batchId", Json())).value_or(""))) +
           "\">" + batch + "</a>");
   row("Branch", text(d, "branchName"));
+  if (const Json* version = json::find(d, "baselineVersion")) {
+    const Json* baselineId = json::find(d, "baselineId");
+    std::string label = "version " + std::to_string(json::integerValue(*version)) + " of branch " +
+                        text(d, "baselineBranchName");
+    row("Baseline", baselineId ? "<a id=\"baseline-link\" href=\"/app/baselines/" +
+                                     std::to_string(json::integerValue(*baselineId)) + "\">" +
+                                     label + "</a>"
+                               : label);
+  } else {
+    row("Baseline", "none (new test)");
+  }
   row("OS", text(d, "hostOS"));
   row("Hosting app", text(d, "hostApp"));
   row("Display size", displaySize(d));
@@ -352,9 +364,16 @@ std::string renderTestPage(const TestView& view) {
     if (!step.matchLevel.empty()) {
       body += "<span class=\"level\">match level " + escapeHtml(step.matchLevel) + "</span>";
     }
+    if (step.matchedAlternative) {
+      body += "<span class=\"level matched-alternative\">matched an accepted alternative</span>";
+    }
     std::string stepBase = base + "/steps/" + n;
     body +=
         postButton(stepBase + "/accept", view.csrf, "class=\"accept\"", "Accept", view.reviewable) +
+        (step.canAcceptAlternative
+             ? postButton(stepBase + "/alternative", view.csrf, "class=\"alternative\"",
+                          "Accept as alternative", view.reviewable)
+             : std::string()) +
         postButton(stepBase + "/reject", view.csrf, "class=\"reject\"", "Reject", view.reviewable) +
         "</div>\n";
     if (step.baseline && step.current) {
@@ -368,6 +387,68 @@ std::string renderTestPage(const TestView& view) {
   }
   body += "</div>\n";
   return page(title, body);
+}
+
+namespace {
+
+std::string isoTimeText(std::int64_t seconds) {
+  std::time_t t = static_cast<std::time_t>(seconds);
+  std::tm utc{};
+  gmtime_r(&t, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &utc);
+  return text;
+}
+
+}  // namespace
+
+std::string renderBaselinePage(const BaselineView& view) {
+  const BaselineHistory& h = view.history;
+  std::string id = std::to_string(h.id);
+  std::string body = "<h1>Baseline " + id + "</h1>\n<table class=\"facts\">\n";
+  for (const auto& [label, value] : view.identity) {
+    body += "<tr><th>" + escapeHtml(label) + "</th><td>" + escapeHtml(value) + "</td></tr>\n";
+  }
+  body += "<tr><th>Current version</th><td id=\"current-version\">" +
+          std::to_string(h.currentVersion) + "</td></tr>\n</table>\n";
+  body +=
+      "<table id=\"versions\"><thead><tr><th class=\"num\">Version</th><th>Made</th>"
+      "<th>How</th><th class=\"num\">Steps</th><th></th></tr></thead><tbody>\n";
+  for (const BaselineVersion& v : h.versions) {
+    std::string n = std::to_string(v.version);
+    std::string how = escapeHtml(v.kind);
+    if (v.sessionId) {
+      how += " from <a href=\"/app/sessions/" + escapeHtml(percentEncode(*v.sessionId)) +
+             "\">session " + escapeHtml(*v.sessionId) + "</a>";
+    }
+    if (v.fromVersion) how += " of version " + std::to_string(*v.fromVersion);
+    const bool current = v.version == h.currentVersion;
+    body +=
+        "<tr class=\"version\" data-version=\"" + n + "\"" +
+        (current ? " data-current=\"true\"" : "") + "><td class=\"num\">" + n + "</td><td>" +
+        isoTimeText(v.createdAt) + "</td><td>" + how + "</td><td class=\"num\">" +
+        std::to_string(v.steps) + "</td><td>" +
+        (current ? std::string("current")
+                 : postButton("/app/baselines/" + id + "/versions/" + n + "/rollback", view.csrf,
+                              "class=\"rollback\"", "Roll back to this version", true)) +
+        "</td></tr>\n";
+  }
+  body += "</tbody></table>\n";
+  return page("Baseline " + id, body);
+}
+
+std::string renderConfirmAcceptPage(const std::string& message, const std::string& action,
+                                    const std::string& csrf, const std::string& sessionPage) {
+  std::string body =
+      "<h1>Accept anyway?</h1>\n<p class=\"message\" id=\"stale-message\">" + escapeHtml(message) +
+      ". Accepting now replaces what was accepted since.</p>\n"
+      "<form class=\"review\" method=\"post\" action=\"" +
+      escapeHtml(action) + "\"><input type=\"hidden\" name=\"csrf\" value=\"" + escapeHtml(csrf) +
+      "\"><input type=\"hidden\" name=\"confirm\" value=\"1\">"
+      "<button id=\"confirm-accept\" class=\"accept\" type=\"submit\">Accept "
+      "anyway</button></form> <a href=\"" +
+      escapeHtml(sessionPage) + "\">Back to the test</a>\n";
+  return page("Accept anyway?", body);
 }
 
 }  // namespace saffra::server

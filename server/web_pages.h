@@ -50,6 +50,10 @@ struct StepView {
   std::optional<ImageRef> current;
   std::optional<ImageRef> diff;
   std::vector<RegionBox> regions;
+  /// The step matched an alternative image of its baseline step rather than its main one.
+  bool matchedAlternative = false;
+  /// The current image can be accepted beside the baseline's (a changed step).
+  bool canAcceptAlternative = false;
 };
 
 /// Everything a test page shows: the session's results document, its steps and the token
@@ -62,6 +66,14 @@ struct TestView {
   bool reviewable = false;
 };
 
+/// A baseline's versions with their rollback buttons.
+struct BaselineView {
+  BaselineHistory history;
+  /// What the baseline belongs to: application, test, environment and branch.
+  std::vector<std::pair<std::string, std::string>> identity;
+  std::string csrf;
+};
+
 /// The regions of a step's settings, in the order ignore, layout, strict, content, floating,
 /// accessibility.
 std::vector<RegionBox> regionsOf(const MatchSettings& settings);
@@ -71,6 +83,11 @@ std::string renderBatchList(const std::vector<BatchRow>& batches);
 /// `tests` are the results documents of the batch's sessions.
 std::string renderBatchPage(const BatchRecord& batch, const std::vector<Json>& tests);
 std::string renderTestPage(const TestView& view);
+std::string renderBaselinePage(const BaselineView& view);
+/// The reply to an accept that the baseline moved on since: the reason, and a button that
+/// posts the same accept again, confirmed.
+std::string renderConfirmAcceptPage(const std::string& message, const std::string& action,
+                                    const std::string& csrf, const std::string& sessionPage);
 
 /// The style sheet and script of the pages.
 std::string_view pageStyleSheet();

@@ -87,8 +87,8 @@ class WebTest : public ::testing::Test {
   std::string changedSession() {
     harness_.runTest(test_, {kPlain, kPlain}, true);
     std::string id = harness_.start(test_).body["id"];
-    harness_.match(id, matchBody(kPlain, "first"));
-    harness_.match(id, matchBody(kMarked, "second"));
+    harness_.match(id, matchBody(kPlain, "step 1"));
+    harness_.match(id, matchBody(kMarked, "step 2"));
     EXPECT_EQ(harness_.stop(id, false, false).body["status"], "Unresolved");
     return id;
   }
@@ -261,7 +261,9 @@ TEST_F(WebTest, PagesShowTheMarkupHooksAndEscapeStoredText) {
   hostile.name = "\"><img src=x onerror=alert(2)>";
   hostile.batchName = "<b>batch</b>";
   hostile.batchId = "id/with \"quotes\"";
-  harness_.runTest(hostile, {kPlain}, true);
+  std::string first = harness_.start(hostile).body["id"];
+  harness_.match(first, matchBody(kPlain, "<i>tag</i>"));
+  harness_.stop(first, false, true);
   std::string id = harness_.start(hostile).body["id"];
   Json settings = wireSettings("Strict", Json::array({region(25, 20, 10, 8)}));
   settings["Floating"] = Json::parse(R"([{"left": 20, "top": 5, "width": 10, "height": 10,
@@ -295,6 +297,46 @@ TEST_F(WebTest, PagesShowTheMarkupHooksAndEscapeStoredText) {
   EXPECT_TRUE(contains(page, "data-kind=\"ignore\"><rect x=\"25\" y=\"20\" width=\"10\""));
   EXPECT_TRUE(contains(page, "data-kind=\"floating\"><rect x=\"20\" y=\"5\""));
   EXPECT_TRUE(contains(page, "viewBox=\"0 0 40 30\""));
+}
+
+// An accept over a baseline that moved on is explained on a page whose button confirms it; a
+// baseline's page rolls back to an earlier version.
+TEST_F(WebTest, StaleAcceptsAskForConfirmationAndVersionsRollBack) {
+  std::string old = changedSession();
+  std::string newer = harness_.start(test_).body["id"];  // compared with the same version
+  harness_.match(newer, matchBody(kPlain, "step 1"));
+  harness_.match(newer, matchBody(kOther, "step 2"));
+  harness_.stop(newer, false, false);
+  browser_.logIn(kApiKey);
+  std::string csrf = browser_.csrfOf(newer);
+  EXPECT_EQ(browser_.review("/app/sessions/" + newer + "/accept", csrf).status, 303);
+
+  const std::string accept = "/app/sessions/" + old + "/steps/2/accept";
+  Page refused = browser_.review(accept, csrf);
+  EXPECT_EQ(refused.status, 409);
+  EXPECT_TRUE(contains(refused.body, "id=\"stale-message\""));
+  EXPECT_TRUE(
+      contains(refused.body, "compared with version 1 of the baseline, which is now at version 2"));
+  EXPECT_TRUE(contains(refused.body, "action=\"" + accept + "\""));
+  EXPECT_TRUE(contains(refused.body, "name=\"confirm\" value=\"1\""));
+  EXPECT_EQ(results(old)["status"], "Unresolved");
+  Page confirmed =
+      browser_.post(accept, "csrf=" + csrf + "&confirm=1",
+                    {{"Origin", browser_.origin()}, {"Sec-Fetch-Site", "same-origin"}});
+  EXPECT_EQ(confirmed.status, 303);
+  EXPECT_EQ(results(old)["status"], "Passed");
+
+  Json document = results(old);
+  std::string baseline = "/app/baselines/" + std::to_string(document.value("baselineId", 0));
+  EXPECT_TRUE(contains(browser_.get("/app/sessions/" + old).body,
+                       "id=\"baseline-link\" href=\"" + baseline + "\""));
+  std::string page = browser_.get(baseline).body;
+  EXPECT_TRUE(contains(page, "data-version=\"3\" data-current=\"true\""));
+  EXPECT_EQ(browser_.review(baseline + "/versions/1/rollback", csrf).status, 303);
+  EXPECT_TRUE(contains(browser_.get(baseline).body, "data-version=\"4\" data-current=\"true\""));
+  EXPECT_EQ(harness_.runTest(test_, {kPlain, kPlain}, false)["status"], "Passed");
+  EXPECT_EQ(browser_.review(baseline + "/versions/9/rollback", csrf).status, 404);
+  EXPECT_EQ(browser_.review(baseline + "/versions/1/rollback", "forged").status, 403);
 }
 
 // A database as the first release wrote it: no step settings, no reviews.

@@ -230,13 +230,17 @@ TEST_F(ServiceEndToEndTest, LibraryRunsFromNewTestToAcceptedChange) {
   EXPECT_EQ(shorter.results->missing(), 2);
   EXPECT_EQ(shorter.results->status(), TestResultsStatusUnresolved);
 
-  // A person opens the reported results page, logs in and accepts the changed step.
-  std::string page = run.results->url()->substr(url_.size());
+  // A person opens the reported results address in a browser: it leads to the test's page,
+  // which asks for a login first; then the person accepts the changed step there.
+  std::string reported = run.results->url()->substr(url_.size());
+  const std::string page = "/app" + reported.substr(reported.find("/sessions/"));
   httplib::Client browser("127.0.0.1", port_);
   httplib::Headers html = {{"Accept", "text/html"}};
-  auto redirected = browser.Get(page.c_str(), html);
+  auto redirected = browser.Get(reported.c_str(), html);
   ASSERT_TRUE(redirected);
   EXPECT_EQ(redirected->status, 303);
+  EXPECT_EQ(redirected->get_header_value("Location"), page);
+  EXPECT_EQ(browser.Get(page.c_str(), html)->status, 303);  // to the login form
   auto login = browser.Post("/app/login", html, "apiKey=key&next=" + page,
                             "application/x-www-form-urlencoded");
   ASSERT_TRUE(login);
@@ -247,11 +251,12 @@ TEST_F(ServiceEndToEndTest, LibraryRunsFromNewTestToAcceptedChange) {
   const std::string marker = "name=\"csrf\" value=\"";
   std::size_t at = body.find(marker) + marker.size();
   std::string csrf = body.substr(at, body.find('"', at) - at);
-  // The reported address is the session's API address, which shows browsers the same page
-  // whose forms post under /app.
-  std::string review = "/app" + page.substr(page.find("/sessions/")) + "/steps/2/accept";
-  auto accepted =
-      browser.Post(review.c_str(), html, "csrf=" + csrf, "application/x-www-form-urlencoded");
+  // API clients still get the results document at the reported address.
+  auto document = browser.Get((reported + "?apiKey=key").c_str());
+  ASSERT_TRUE(document);
+  EXPECT_EQ(json::parse(document->body).value_or(Json())["status"], "Unresolved");
+  auto accepted = browser.Post((page + "/steps/2/accept").c_str(), html, "csrf=" + csrf,
+                               "application/x-www-form-urlencoded");
   ASSERT_TRUE(accepted);
   EXPECT_EQ(accepted->status, 303) << accepted->body;
 
