@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
