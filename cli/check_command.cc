@@ -288,24 +288,18 @@ struct BaselineUsed {
   std::string branch;
 };
 
-// Reads the baseline the results document names: an object "baseline" with "version" and
-// "branch" (or "branchName"), or the top-level "baselineVersion" and "baselineBranch". A
-// document without them gives nothing.
+// Reads the baseline the results document names ("baselineVersion", "baselineBranchName"); a
+// document without them (a new test, another service) gives nothing.
 BaselineUsed baselineFromDocument(const Json& document) {
-  auto text = [](const Json* value) -> std::string {
-    if (!value || value->is_null()) return "";
-    if (value->is_string()) return value->get<std::string>();
-    if (value->is_number_integer()) return std::to_string(value->get<std::int64_t>());
-    return json::write(*value);
-  };
   BaselineUsed used;
-  if (const Json* baseline = json::find(document, "baseline"); baseline && baseline->is_object()) {
-    used.version = text(json::find(*baseline, "version"));
-    used.branch = text(json::find(*baseline, "branch"));
-    if (used.branch.empty()) used.branch = text(json::find(*baseline, "branchName"));
+  if (const Json* version = json::find(document, "baselineVersion");
+      version && version->is_number_integer()) {
+    used.version = std::to_string(version->get<std::int64_t>());
   }
-  if (used.version.empty()) used.version = text(json::find(document, "baselineVersion"));
-  if (used.branch.empty()) used.branch = text(json::find(document, "baselineBranch"));
+  if (const Json* branch = json::find(document, "baselineBranchName");
+      branch && branch->is_string()) {
+    used.branch = branch->get<std::string>();
+  }
   return used;
 }
 

@@ -151,6 +151,8 @@ TEST_F(CheckCommandTest, BaselineKeyIgnoresImageSizesAndNewBaselinesAreLoud) {
   EXPECT_EQ(changed.output.find("NEW BASELINE"), std::string::npos) << changed.output;
   EXPECT_NE(changed.output.find("differences"), std::string::npos);
   EXPECT_NE(changed.output.find("Status: Unresolved"), std::string::npos);
+  EXPECT_NE(changed.output.find("Baseline: version 1 from branch \"default\""), std::string::npos)
+      << changed.output;
 
   const std::vector<std::vector<std::string>> failOnNew = {{}, {"SAFFRA_FAIL_ON_NEW=true"}};
   for (const auto& variables : failOnNew) {
