@@ -144,6 +144,19 @@ std::shared_ptr<Image> diffImage(const Image& baseline, const MatchOutcome& outc
   return std::make_shared<Image>(compare::makeDiffImage(baseline, *outcome.comparison));
 }
 
+std::optional<Json> changesOf(const MatchOutcome& outcome, std::size_t maxBoxes) {
+  if (!outcome.comparison) return std::nullopt;
+  const compare::CompareResult& found = *outcome.comparison;
+  if (found.sizesDiffer) return Json{{"sizesDiffer", true}};
+  Json boxes = Json::array();
+  for (std::size_t i = 0; i < found.differences.size() && i < maxBoxes; ++i) {
+    const PixelRect& r = found.differences[i];
+    boxes.push_back(Json::array({r.left, r.top, r.width, r.height}));
+  }
+  std::size_t more = found.differences.size() - boxes.size();
+  return Json{{"pixels", found.differingPixels}, {"boxes", std::move(boxes)}, {"moreBoxes", more}};
+}
+
 std::optional<AccessibilityVerdict> checkAccessibility(const Image& image,
                                                        const MatchSettings& settings) {
   if (settings.accessibility.empty()) return std::nullopt;

@@ -56,6 +56,12 @@ DecodedMatch decodeAndMatch(PixelPool& pool, std::span<const std::uint8_t> uploa
 /// comparison.
 std::shared_ptr<Image> diffImage(const Image& baseline, const MatchOutcome& outcome);
 
+/// Where a mismatch found by matchImages differs, for the results pages: {"pixels": counted
+/// differing pixels, "boxes": [[left, top, width, height], ...] top to bottom (at most
+/// `maxBoxes`), "moreBoxes": how many were left out} or {"sizesDiffer": true}. Nothing for a
+/// match.
+std::optional<Json> changesOf(const MatchOutcome& outcome, std::size_t maxBoxes = 200);
+
 /// The contrast check of a step's accessibility regions.
 struct AccessibilityVerdict {
   bool passed = true;

@@ -29,6 +29,7 @@
 #include "server/results_document.h"
 #include "server/retention.h"
 #include "server/store.h"
+#include "server/thumbnail.h"
 #include "server/upload_file.h"
 #include "server/web_access.h"
 #include "server/web_pages.h"
@@ -138,11 +139,13 @@ bool accepts(const Request& req, std::string_view type) {
 }
 
 /// The headers of every reply: pages load their script, style and images from the service
-/// only, are never framed, and never send their address (which may hold a key) elsewhere.
+/// only (and their script talks to it only), are never framed, and never send their address (which
+/// may hold a key) elsewhere.
 void setSecurityHeaders(Response& res) {
   if (res.has_header("Content-Security-Policy")) return;
   res.set_header("Content-Security-Policy",
                  "default-src 'none'; img-src 'self'; style-src 'self'; script-src 'self'; "
+                 "connect-src 'self'; "
                  "form-action 'self'; frame-ancestors 'none'; base-uri 'none'");
   res.set_header("X-Frame-Options", "DENY");
   res.set_header("Referrer-Policy", "no-referrer");
@@ -262,6 +265,8 @@ struct Service::Impl {
   /// Pixel buffers that uploads are decoded into. A few spare ones cover the checks running at
   /// once; more would only hold memory.
   std::shared_ptr<PixelPool> uploadPixels = std::make_shared<PixelPool>(4, std::size_t{128} << 20);
+  /// Thumbnails of the images that step lists showed.
+  ThumbnailCache thumbnails{std::size_t{32} << 20};
 
   /// Adds the time from its creation to its end to a request counter.
   class HandlerTimer {
@@ -599,6 +604,9 @@ struct Service::Impl {
         if (std::shared_ptr<Image> diff = diffImage(*baselinePixels.image, outcome)) {
           step.diffImage = store->putImage(diff->pngData());
         }
+        if (std::optional<Json> changes = changesOf(outcome)) {
+          store->putStepChanges(id, step.position, *changes);
+        }
       }
       if (!settings.accessibility.empty()) {
         const std::shared_ptr<const Image> pixels =
@@ -695,14 +703,19 @@ struct Service::Impl {
       return;
     }
     Logins::Login login = pageLogin(req, res);
-    replyHtml(res, 200, renderTestPage(testView(session, login.csrf)));
+    TestView view = testView(session, login.csrf);
+    view.filter = req.get_param_value("status");
+    replyHtml(res, 200, renderTestPage(view));
   }
 
   /// A stored image as a page refers to it, with the size its PNG header declares.
-  ImageRef imageRef(const Links& links, const SessionRecord& session, std::int64_t number,
-                    std::string_view kind, const std::string& imageId) {
-    ImageRef ref{links.stepImage(session, number, kind)};
-    if (auto bytes = store->readImage(imageId)) {
+  /// Pages refer to images by their content's id, so a browser keeps each one for good; only
+  /// the PNG header is read here.
+  ImageRef imageRef(const std::string& imageId) {
+    ImageRef ref;
+    ref.url = "/app/images/" + imageId + ".png";
+    ref.thumbnail = "/app/thumbs/" + imageId + ".png";
+    if (auto bytes = store->imageHead(imageId, 24)) {
       if (auto size = declaredPngSize(*bytes)) {
         ref.width = static_cast<std::int64_t>(std::min<std::uint64_t>(size->first, INT32_MAX));
         ref.height = static_cast<std::int64_t>(std::min<std::uint64_t>(size->second, INT32_MAX));
@@ -712,9 +725,8 @@ struct Service::Impl {
   }
 
   TestView testView(const SessionRecord& session, const std::string& csrf) {
-    Links links("");
     TestView view;
-    view.document = documentFor(session, links);
+    view.document = documentFor(session, Links(""));
     view.csrf = csrf;
     view.reviewable = session.outcome.has_value();
     std::map<std::int64_t, Verdict> reviews = store->reviews(session.id);
@@ -722,20 +734,22 @@ struct Service::Impl {
       auto found = reviews.find(position);
       return found == reviews.end() ? std::nullopt : std::optional<bool>(found->second.accepted);
     };
+    std::map<std::int64_t, Json> changes = store->stepChanges(session.id);
     for (const StepRecord& s : store->steps(session.id)) {
       StepView step;
       step.number = s.position + 1;
       step.name = s.tag;
       step.state = stepState(s, verdict(s.position));
       step.matchLevel = s.matchLevel;
-      if (s.baselineImage) {
-        step.baseline = imageRef(links, session, step.number, "baseline", *s.baselineImage);
-      }
-      step.current = imageRef(links, session, step.number, "current", s.currentImage);
-      if (s.diffImage) step.diff = imageRef(links, session, step.number, "diff", *s.diffImage);
+      if (s.baselineImage) step.baseline = imageRef(*s.baselineImage);
+      step.current = imageRef(s.currentImage);
+      if (s.diffImage) step.diff = imageRef(*s.diffImage);
       step.regions = regionsOf(MatchSettings::fromJson(s.settings));
       step.matchedAlternative = s.matchedAlternative;
       step.canAcceptAlternative = s.baselineImage && !s.asExpected;
+      if (auto found = changes.find(s.position); found != changes.end()) {
+        step.changes = changesFromJson(found->second);
+      }
       view.steps.push_back(std::move(step));
     }
     if (session.outcome) {
@@ -745,7 +759,7 @@ struct Service::Impl {
         step.name = m.tag;
         std::optional<bool> accepted = verdict(m.position);
         step.state = accepted ? (*accepted ? "accepted" : "rejected") : "missing";
-        step.baseline = imageRef(links, session, step.number, "baseline", m.image);
+        step.baseline = imageRef(m.image);
         view.steps.push_back(std::move(step));
       }
     }
@@ -791,22 +805,20 @@ struct Service::Impl {
   }
 
   // GET /app/batches
+  // GET /app/batches?q=<search>&page=<n from 1>
   void batchList(const Request& req, Response& res) {
     pageLogin(req, res);
-    std::vector<BatchRow> rows;
-    for (BatchRecord& batch : store->batches()) {
-      BatchRow row;
-      for (const SessionRecord& s : store->sessionsInBatch(batch.id)) {
-        ++row.tests;
-        std::string status = s.outcome ? s.outcome->status : "Running";
-        row.passed += status == "Passed";
-        row.unresolved += status == "Unresolved";
-        row.failed += status == "Failed";
-      }
-      row.batch = std::move(batch);
-      rows.push_back(std::move(row));
+    BatchListView view;
+    view.search = req.get_param_value("q").substr(0, 200);
+    const std::string pageText = req.get_param_value("page");
+    if (!pageText.empty() && pageText.size() < 9 &&
+        std::all_of(pageText.begin(), pageText.end(),
+                    [](char c) { return c >= '0' && c <= '9'; })) {
+      view.page = std::max<std::int64_t>(1, std::stoll(pageText));
     }
-    replyHtml(res, 200, renderBatchList(rows));
+    view.batches =
+        store->batchSummaries(view.search, (view.page - 1) * view.pageSize, view.pageSize);
+    replyHtml(res, 200, renderBatchList(view));
   }
 
   // GET /app/batches/{id}
@@ -1109,9 +1121,54 @@ struct Service::Impl {
       }
     }
     std::optional<std::vector<std::uint8_t>> bytes;
+    if (imageId && notModified(req, res, *imageId, false)) return;
     if (imageId) bytes = store->readImage(*imageId);
     if (!bytes) throw RequestError(404, "no such image");
     res.set_content(std::string(bytes->begin(), bytes->end()), "image/png");
+  }
+
+  /// Answers 304 when the browser holds the image already; otherwise marks the reply with the
+  /// image's id. `forever`: the address names the content, so it never changes.
+  static bool notModified(const Request& req, Response& res, const std::string& imageId,
+                          bool forever) {
+    const std::string tag = "\"" + imageId + "\"";
+    res.set_header("ETag", tag);
+    res.set_header("Cache-Control",
+                   forever ? "private, max-age=31536000, immutable" : "private, no-cache");
+    if (req.get_header_value("If-None-Match") != tag) return false;
+    res.status = 304;
+    return true;
+  }
+
+  // GET /app/images/{id}.png and /app/thumbs/{id}.png: a stored image by its id, whole or as a
+  // thumbnail.
+  void imageById(const Request& req, Response& res) {
+    requireReader(req);
+    const std::string id = req.matches[2];
+    const bool thumb = req.matches[1] == "thumbs";
+    if (!store->imageSize(id)) throw RequestError(404, "no such image");
+    if (notModified(req, res, id, true)) return;
+    if (!thumb) {
+      std::optional<std::vector<std::uint8_t>> bytes = store->readImage(id);
+      if (!bytes) throw RequestError(404, "no such image");
+      res.set_content(std::string(bytes->begin(), bytes->end()), "image/png");
+      return;
+    }
+    std::shared_ptr<const std::vector<std::uint8_t>> png = thumbnails.find(id);
+    if (!png) {
+      std::optional<std::vector<std::uint8_t>> bytes = store->readImage(id);
+      if (!bytes) throw RequestError(404, "no such image");
+      std::shared_ptr<Image> image;
+      try {
+        image = Image::fromPNGData(*bytes);
+      } catch (const Exception& e) {
+        throw StoreError("stored image " + id + " is unreadable: " + e.reason());
+      }
+      png = std::make_shared<const std::vector<std::uint8_t>>(
+          makeThumbnail(*image, kThumbnailWidth, kThumbnailHeight));
+      thumbnails.insert(id, png);
+    }
+    res.set_content(std::string(png->begin(), png->end()), "image/png");
   }
 
   /// Runs a handler, turning refusals and failures into JSON error replies.
@@ -1147,6 +1204,7 @@ struct Service::Impl {
              guarded(&Impl::stepImage));
     http.Get("/api/sessions/([^/]+)", guarded(&Impl::apiResults));
     http.Get("/app/sessions/([^/]+)", guarded(&Impl::appResults));
+    http.Get("/app/(images|thumbs)/([0-9a-f]{64})\\.png", guarded(&Impl::imageById));
     http.Get("/", guarded(&Impl::home));
     http.Get("/app/?", guarded(&Impl::home));
     http.Get("/app/static/(app\\.css|app\\.js)", guarded(&Impl::staticFile));

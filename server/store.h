@@ -208,6 +208,28 @@ struct RetentionReport {
   std::int64_t images = 0;
 };
 
+/// One batch as the batch list shows it, with its sessions summed up.
+struct BatchSummary {
+  BatchRecord batch;
+  /// The applications of its tests and their branches, each once, sorted.
+  std::vector<std::string> apps;
+  std::vector<std::string> branches;
+  std::int64_t tests = 0;
+  std::int64_t running = 0;
+  std::int64_t passed = 0;
+  std::int64_t unresolved = 0;
+  std::int64_t failed = 0;
+  /// Seconds since the epoch: the first session's start, and the last stop once none runs.
+  std::int64_t startedAt = 0;
+  std::optional<std::int64_t> finishedAt;
+};
+
+/// One page of the batch list, newest first, and how many batches match the search in all.
+struct BatchPage {
+  std::vector<BatchSummary> rows;
+  std::int64_t total = 0;
+};
+
 /// The database and image folder under one data folder.
 class Store {
  public:
@@ -327,6 +349,19 @@ class Store {
   std::int64_t removeUnusedImages(const std::string& prefix, std::int64_t before);
   /// The schema version of the open database.
   std::int64_t schemaVersion();
+  /// One page of the batch list: batches whose name, id, applications or branches hold
+  /// `search` (ASCII letters in any case; empty for all), newest first, skipping `offset`
+  /// and returning at most `limit`.
+  BatchPage batchSummaries(const std::string& search, std::int64_t offset, std::int64_t limit);
+  /// The first `count` bytes of a stored image (fewer for a shorter file); nothing for an
+  /// unknown or malformed id. A page learns an image's size from its header this way.
+  std::optional<std::vector<std::uint8_t>> imageHead(const std::string& id,
+                                                     std::size_t count) const;
+  /// Keeps what the comparison found in one step of a session (a JSON object the caller
+  /// defines) beside the step, for the pages.
+  void putStepChanges(const std::string& sessionId, std::int64_t position, const Json& changes);
+  /// The changes kept for the steps of a session, by position.
+  std::map<std::int64_t, Json> stepChanges(const std::string& sessionId);
 
   /// The store's prepared statements, kept between uses (defined in store.cc).
   class StatementCache;

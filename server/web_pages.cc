@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <ctime>
+#include <map>
+#include <utility>
 
 #include "saffra/platform/geometry.h"
+#include "server/results_document.h"
 #include "server/web_access.h"
 
 namespace saffra::server {
@@ -55,7 +58,7 @@ std::string page(const std::string& title, const std::string& body) {
          "<title>" +
          title +
          "</title><link rel=\"stylesheet\" href=\"/app/static/app.css\">"
-         "<script src=\"/app/static/app.js\" defer></script></head>\n<body>\n"
+         "<script src=\"/app/static/app.js\"></script></head>\n<body>\n"
          "<header class=\"bar\"><a class=\"home\" href=\"/app/batches\">Saffra results</a>"
          "</header>\n<main>\n" +
          body + "</main>\n</body></html>\n";
@@ -102,102 +105,58 @@ std::string regionLayer(const ImageRef& image, const std::vector<RegionBox>& reg
   return svg + "</svg>";
 }
 
-std::string figure(const std::optional<ImageRef>& image, const std::string& kind,
-                   const std::string& caption, const std::vector<RegionBox>& regions = {}) {
-  if (!image) return "";
-  std::string src = escapeHtml(image->url);
-  return "<figure class=\"shot shot-" + kind + "\"><div class=\"frame\"><a href=\"" + src +
-         "\"><img class=\"" + kind + "\" src=\"" + src + "\" alt=\"" + caption + "\"" +
-         sizeAttributes(*image) + "></a>" + regionLayer(*image, regions) + "</div><figcaption>" +
-         caption + "</figcaption></figure>";
+/// The changed areas as an SVG layer in image pixels, like regionLayer.
+std::string changeLayer(const ImageRef& image, const std::optional<StepChanges>& changes) {
+  if (!changes || changes->boxes.empty() || image.width <= 0 || image.height <= 0) return "";
+  std::string svg = "<svg class=\"changes\" viewBox=\"0 0 " + std::to_string(image.width) + " " +
+                    std::to_string(image.height) +
+                    "\" preserveAspectRatio=\"none\" aria-hidden=\"true\">";
+  for (const PixelRect& r : changes->boxes) {
+    svg += "<rect class=\"change\" x=\"" + std::to_string(r.left) + "\" y=\"" +
+           std::to_string(r.top) + "\" width=\"" + std::to_string(r.width) + "\" height=\"" +
+           std::to_string(r.height) + "\" vector-effect=\"non-scaling-stroke\"></rect>";
+  }
+  return svg + "</svg>";
 }
 
-constexpr std::string_view kStyle = R"css(
-:root{--ink:#1f2328;--muted:#59636e;--line:#d1d9e0;--bg:#f6f8fa}
-*{box-sizing:border-box}
-body{margin:0;color:var(--ink);background:#fff;
-  font-family:system-ui,-apple-system,"Segoe UI",Roboto,"Helvetica Neue",Arial,sans-serif;
-  font-size:15px;line-height:1.4}
-a{color:#0b5cad}
-.bar{background:var(--bg);border-bottom:1px solid var(--line);padding:.6em 1.5em}
-.bar .home{font-weight:600;text-decoration:none;color:var(--ink)}
-main{padding:1em 1.5em}
-h1{font-size:1.4em;margin:.3em 0}h2{font-size:1.1em;margin:0}
-.status{display:inline-block;padding:.1em .6em;border-radius:.3em;color:#fff;font-weight:600;
-  background:#59636e}
-.status.Passed{background:#1a7f37}.status.Unresolved{background:#bc4c00}
-.status.Failed{background:#cf222e}.status.Running{background:#59636e}
-table{border-collapse:collapse}
-th,td{padding:.3em .8em;text-align:left;border-bottom:1px solid var(--line)}
-td.num,th.num{text-align:right}
-.facts th{color:var(--muted);font-weight:normal}
-.toolbar{display:flex;gap:.8em;align-items:center;margin:1em 0}
-form.review{display:inline}
-button{font:inherit;padding:.3em .9em;border:1px solid var(--line);border-radius:.3em;
-  background:var(--bg);cursor:pointer}
-button:disabled{cursor:default;opacity:.5}
-button.accept,#accept-all{background:#1a7f37;border-color:#1a7f37;color:#fff}
-button.reject{background:#cf222e;border-color:#cf222e;color:#fff}
-section.step{border-top:1px solid var(--line);padding:1em 0}
-.step-head{display:flex;flex-wrap:wrap;gap:.8em;align-items:center;margin-bottom:.6em}
-.state{font-size:.85em;padding:.05em .5em;border-radius:.3em;border:1px solid var(--line)}
-.step[data-status=mismatched] .state,.step[data-status=missing] .state{border-color:#bc4c00}
-.step[data-status=rejected] .state{border-color:#cf222e}
-.step[data-status=accepted] .state,.step[data-status=matched] .state{border-color:#1a7f37}
-.level{color:var(--muted);font-size:.9em}
-.images{display:flex;flex-wrap:wrap;gap:1em;align-items:flex-start}
-figure{margin:0;max-width:420px}
-figcaption{color:var(--muted);font-size:.85em;margin-top:.2em}
-.frame{position:relative;display:inline-block;max-width:100%;line-height:0}
-.frame img{display:block;max-width:100%;height:auto;border:1px solid var(--line)}
-.frame svg.regions{position:absolute;left:0;top:0;width:100%;height:100%;pointer-events:none}
-.region rect{fill-opacity:.18;stroke-width:2}
-.region text{font-family:inherit;fill-opacity:1}
-.region[data-kind=ignore] rect{fill:#8250df;stroke:#8250df}.region[data-kind=ignore] text{fill:#8250df}
-.region[data-kind=layout] rect{fill:#0969da;stroke:#0969da}.region[data-kind=layout] text{fill:#0969da}
-.region[data-kind=strict] rect{fill:#cf222e;stroke:#cf222e}.region[data-kind=strict] text{fill:#cf222e}
-.region[data-kind=content] rect{fill:#1a7f37;stroke:#1a7f37}.region[data-kind=content] text{fill:#1a7f37}
-.region[data-kind=floating] rect{fill:#bc4c00;stroke:#bc4c00}.region[data-kind=floating] text{fill:#bc4c00}
-.region[data-kind=accessibility] rect{fill:#bf3989;stroke:#bf3989}
-.region[data-kind=accessibility] text{fill:#bf3989}
-.blend{display:none}
-.overlay .blend{display:flex;gap:.5em;align-items:center;margin-bottom:.5em}
-.overlay .images{display:grid;grid-template-columns:minmax(0,420px);gap:0}
-.overlay .shot-baseline,.overlay .shot-current{grid-area:1/1}
-.overlay .shot-current{opacity:.5}
-.overlay .shot-diff,.overlay figcaption{display:none}
-form#login{display:flex;flex-direction:column;gap:.6em;max-width:22em}
-form#login input{font:inherit;padding:.4em}
-.message{color:#cf222e}
-)css";
+/// One image of a step in its scrolling pane. Images load only when shown (lazy), so a page
+/// of hundreds of steps fetches the few a reviewer looks at.
+std::string figure(const std::optional<ImageRef>& image, const std::string& kind,
+                   const std::string& caption, const std::string& layers = "") {
+  if (!image) return "";
+  std::string src = escapeHtml(image->url);
+  return "<figure class=\"shot shot-" + kind + "\"><figcaption>" + caption + " <a href=\"" + src +
+         "\" class=\"raw\">open</a></figcaption><div class=\"pane\"><div class=\"canvas\" " +
+         "data-width=\"" + std::to_string(image->width) + "\" data-height=\"" +
+         std::to_string(image->height) + "\"><img class=\"" + kind + "\" src=\"" + src +
+         "\" alt=\"" + caption + "\" loading=\"lazy\" decoding=\"async\"" + sizeAttributes(*image) +
+         ">" + layers + "</div></div></figure>";
+}
 
-constexpr std::string_view kScript = R"js(
-'use strict';
-// Switches the test page between side by side and overlay (baseline and current stacked,
-// the current one faded by each step's slider).
-document.addEventListener('DOMContentLoaded', function () {
-  var toggle = document.getElementById('view-toggle');
-  if (!toggle) return;
-  var root = document.getElementById('steps') || document.body;
-  function show(overlay) {
-    root.classList.toggle('overlay', overlay);
-    document.body.classList.toggle('overlay', overlay);
-    toggle.setAttribute('aria-pressed', overlay ? 'true' : 'false');
-    toggle.textContent = overlay ? 'Side by side' : 'Overlay';
+/// The words the pages use for step states.
+std::string stateLabel(const std::string& state) {
+  return state == "mismatched" ? "changed" : state;
+}
+
+bool needsDecision(const std::string& state) {
+  return state == "mismatched" || state == "new" || state == "missing";
+}
+
+/// "1,234,567".
+std::string grouped(std::int64_t n) {
+  std::string digits = std::to_string(n < 0 ? -n : n), out;
+  for (std::size_t i = 0; i < digits.size(); ++i) {
+    if (i > 0 && (digits.size() - i) % 3 == 0) out += ',';
+    out += digits[i];
   }
-  toggle.addEventListener('click', function () {
-    show(!document.body.classList.contains('overlay'));
-  });
-  document.querySelectorAll('input.blend-range').forEach(function (range) {
-    range.addEventListener('input', function () {
-      var step = range.closest('section.step');
-      var current = step && step.querySelector('.shot-current');
-      if (current) current.style.opacity = String(range.value / 100);
-    });
-  });
-  show(false);
-});
-)js";
+  return (n < 0 ? "-" : "") + out;
+}
+
+/// "2026-01-01 00:00 UTC".
+std::string shortTime(std::int64_t seconds) {
+  std::string iso = isoTime(seconds);
+  return iso.substr(0, 10) + " " + iso.substr(11, 5) + " UTC";
+}
 
 }  // namespace
 
@@ -228,14 +187,6 @@ std::string escapeHtml(std::string_view in) {
   return out;
 }
 
-std::string_view pageStyleSheet() {
-  return kStyle;
-}
-
-std::string_view pageScript() {
-  return kScript;
-}
-
 std::vector<RegionBox> regionsOf(const MatchSettings& s) {
   std::vector<RegionBox> boxes;
   auto add = [&](const char* kind, const std::vector<PixelRect>& rects) {
@@ -263,32 +214,110 @@ std::string renderLoginPage(const std::string& next, const std::string& message)
   return page("Log in", body);
 }
 
-std::string renderBatchList(const std::vector<BatchRow>& batches) {
+StepChanges changesFromJson(const Json& changes) {
+  StepChanges found;
+  found.sizesDiffer = flag(changes, "sizesDiffer");
+  if (const Json* pixels = json::find(changes, "pixels"))
+    found.pixels = json::integerValue(*pixels);
+  if (const Json* more = json::find(changes, "moreBoxes"))
+    found.moreBoxes = json::integerValue(*more);
+  const Json* boxes = json::find(changes, "boxes");
+  if (boxes && boxes->is_array()) {
+    for (const Json& box : *boxes) {
+      if (!box.is_array() || box.size() != 4 ||
+          !std::all_of(box.begin(), box.end(),
+                       [](const Json& v) { return v.is_number_integer(); })) {
+        continue;
+      }
+      PixelRect r{box[0].get<std::int64_t>(), box[1].get<std::int64_t>(),
+                  box[2].get<std::int64_t>(), box[3].get<std::int64_t>()};
+      if (!r.isEmpty()) found.boxes.push_back(r);
+    }
+  }
+  return found;
+}
+
+std::string renderBatchList(const BatchListView& view) {
+  const std::string search = escapeHtml(view.search);
   std::string body =
-      "<h1>Batches</h1>\n<table id=\"batches\"><thead><tr><th>Batch</th><th>Started</th>"
-      "<th>State</th><th class=\"num\">Tests</th><th class=\"num\">Passed</th>"
-      "<th class=\"num\">Unresolved</th><th class=\"num\">Failed</th></tr></thead><tbody>\n";
-  for (const BatchRow& row : batches) {
-    std::string name = escapeHtml(row.batch.name.value_or(row.batch.id));
-    if (name.empty()) name = escapeHtml(row.batch.id);
-    body += "<tr class=\"batch\"><td><a class=\"batch-link\" href=\"/app/batches/" +
-            escapeHtml(percentEncode(row.batch.id)) + "\">" + name + "</a></td><td>" +
-            escapeHtml(row.batch.startedAt.value_or("")) + "</td><td>" +
-            (row.batch.isClosed ? "closed" : "open") + "</td><td class=\"num\">" +
-            std::to_string(row.tests) + "</td><td class=\"num\">" + std::to_string(row.passed) +
-            "</td><td class=\"num\">" + std::to_string(row.unresolved) + "</td><td class=\"num\">" +
-            std::to_string(row.failed) + "</td></tr>\n";
+      "<h1>Batches</h1>\n<form id=\"batch-search\" class=\"search\" method=\"get\" "
+      "action=\"/app/batches\" role=\"search\"><input type=\"search\" name=\"q\" value=\"" +
+      search +
+      "\" placeholder=\"Name, id, application or branch\" aria-label=\"Search batches\">"
+      "<button type=\"submit\">Search</button></form>\n"
+      "<table id=\"batches\"><thead><tr><th>Batch</th><th>Application</th><th>Tests</th>"
+      "<th>Branch</th><th>Started</th><th>Finished</th><th>State</th></tr></thead><tbody>\n";
+  for (const BatchSummary& row : view.batches.rows) {
+    const BatchRecord& b = row.batch;
+    bool named = b.name && !b.name->empty();
+    std::string label = named ? escapeHtml(*b.name) : "<code>" + escapeHtml(b.id) + "</code>";
+    auto joined = [](const std::vector<std::string>& texts) {
+      std::string out;
+      for (const std::string& t : texts) out += (out.empty() ? "" : ", ") + escapeHtml(t);
+      return out;
+    };
+    std::string tests;
+    auto tally = [&](std::int64_t n, const char* status, const char* word) {
+      if (n > 0) {
+        tests += "<span class=\"tally " + std::string(status) + "\">" + std::to_string(n) + " " +
+                 word + "</span> ";
+      }
+    };
+    tally(row.passed, "Passed", "passed");
+    tally(row.unresolved, "Unresolved", "unresolved");
+    tally(row.failed, "Failed", "failed");
+    tally(row.running, "Running", "running");
+    if (row.tests == 0) tests = "none";
+    std::string started = b.startedAt && !b.startedAt->empty() ? escapeHtml(*b.startedAt)
+                          : row.tests > 0                      ? shortTime(row.startedAt)
+                                                               : "";
+    std::string state = b.isClosed        ? "closed"
+                        : row.running > 0 ? "running"
+                        : row.tests > 0   ? "finished"
+                                          : "open";
+    body += "<tr class=\"batch\" data-state=\"" + state +
+            "\"><td><a class=\"batch-link\" href=\"/app/batches/" +
+            escapeHtml(percentEncode(b.id)) + "\">" + label + "</a></td><td class=\"apps\">" +
+            joined(row.apps) + "</td><td class=\"tests\">" + tests +
+            "</td><td class=\"branches\">" + joined(row.branches) + "</td><td class=\"started\">" +
+            started + "</td><td class=\"finished\">" +
+            (row.finishedAt ? shortTime(*row.finishedAt) : "") +
+            "</td><td><span class=\"batch-state " + state + "\">" + state + "</span></td></tr>\n";
   }
   body += "</tbody></table>\n";
-  if (batches.empty()) body += "<p>No batches yet.</p>\n";
+  if (view.batches.rows.empty()) {
+    body += view.search.empty() ? "<p>No batches yet.</p>\n"
+                                : "<p>No batch matches &ldquo;" + search + "&rdquo;.</p>\n";
+  }
+  // Paging: where this page is in the whole list, and links to its neighbours.
+  std::int64_t size = std::max<std::int64_t>(1, view.pageSize);
+  std::int64_t pages = std::max<std::int64_t>(1, (view.batches.total + size - 1) / size);
+  auto link = [&](std::int64_t page, const char* rel, const char* text) {
+    std::string query = "?page=" + std::to_string(page);
+    if (!view.search.empty()) query += "&q=" + percentEncode(view.search);
+    return "<a rel=\"" + std::string(rel) + "\" href=\"/app/batches" + escapeHtml(query) + "\">" +
+           text + "</a>";
+  };
+  body += "<nav class=\"pager\" aria-label=\"Pages\">";
+  if (view.page > 1) body += link(view.page - 1, "prev", "&larr; Newer");
+  body += "<span>Page " + std::to_string(view.page) + " of " + std::to_string(pages) + " (" +
+          grouped(view.batches.total) + " batches)</span>";
+  if (view.page < pages) body += link(view.page + 1, "next", "Older &rarr;");
+  body += "</nav>\n";
   return page("Batches", body);
 }
 
 std::string renderBatchPage(const BatchRecord& batch, const std::vector<Json>& tests) {
-  std::string name = escapeHtml(batch.name.value_or(batch.id));
+  std::string name = escapeHtml(batch.name && !batch.name->empty() ? *batch.name : batch.id);
+  bool running = std::any_of(tests.begin(), tests.end(),
+                             [](const Json& d) { return text(d, "status") == "Running"; });
+  std::string state = batch.isClosed  ? "closed"
+                      : running       ? "running"
+                      : tests.empty() ? "open"
+                                      : "finished";
   std::string body = "<h1>" + name + "</h1>\n<p>" +
                      (batch.startedAt ? "Started " + escapeHtml(*batch.startedAt) + ", " : "") +
-                     (batch.isClosed ? "closed" : "open") + "</p>\n";
+                     "<span class=\"batch-state " + state + "\">" + state + "</span></p>\n";
   body +=
       "<table id=\"tests\"><thead><tr><th>Test</th><th>Status</th><th class=\"num\">Steps</th>"
       "<th class=\"num\">Matches</th><th class=\"num\">Mismatches</th>"
@@ -310,82 +339,252 @@ std::string renderBatchPage(const BatchRecord& batch, const std::vector<Json>& t
   return page(name, body);
 }
 
+namespace {
+
+/// The keys of the review page, as the help lists them.
+constexpr std::pair<const char*, const char*> kKeys[] = {
+    {"j / &darr; / &rarr;", "next step"},
+    {"k / &uarr; / &larr;", "previous step"},
+    {"a", "accept the step"},
+    {"r", "reject the step"},
+    {"v", "next view: side by side, overlay, blink, swipe, differences"},
+    {"z", "zoom to 100% and back to fit"},
+    {"+ / &minus;", "zoom in / out"},
+    {"c", "jump to the first change"},
+    {"1 / 2 / 3", "first changed / new / missing step"},
+    {"m", "show or fold the matched steps"},
+    {"/", "find a step by name"},
+    {"?", "this help"},
+};
+
+/// The statuses of the counts bar, in order, with their words.
+constexpr std::pair<const char*, const char*> kCounted[] = {
+    {"mismatched", "changed"}, {"new", "new"},           {"missing", "missing"},
+    {"accepted", "accepted"},  {"rejected", "rejected"}, {"matched", "matched"},
+};
+
+std::string stepItem(const StepView& step, bool hidden) {
+  std::string n = std::to_string(step.number);
+  std::string state = escapeHtml(step.state);
+  const std::optional<ImageRef>& shown = step.current ? step.current : step.baseline;
+  std::string thumb = shown && !shown->thumbnail.empty()
+                          ? "<img class=\"thumb\" src=\"" + escapeHtml(shown->thumbnail) +
+                                "\" alt=\"\" loading=\"lazy\" decoding=\"async\">"
+                          : "<span class=\"thumb\"></span>";
+  return "<li class=\"item\" data-step=\"" + n + "\" data-status=\"" + state + "\" data-name=\"" +
+         escapeHtml(step.name) + "\"" + (hidden ? " hidden" : "") + "><a href=\"#step-" + n +
+         "\">" + thumb + "<span class=\"no\">" + n + "</span><span class=\"name\">" +
+         escapeHtml(step.name) + "</span><span class=\"state\">" +
+         escapeHtml(stateLabel(step.state)) + "</span></a></li>\n";
+}
+
+std::string stepSection(const StepView& step, const std::string& base, const TestView& view,
+                        bool hidden) {
+  std::string n = std::to_string(step.number);
+  std::string name = escapeHtml(step.name);
+  std::string state = escapeHtml(step.state);
+  std::string body = "<section class=\"step\" id=\"step-" + n + "\" data-step=\"" + n +
+                     "\" data-status=\"" + state + "\"" + (hidden ? " hidden" : "") +
+                     ">\n<div class=\"step-head\"><h2><span class=\"no\">" + n +
+                     "</span> <bdi class=\"name\">" + (name.empty() ? "(no name)" : name) +
+                     "</bdi></h2><span class=\"state\">" + escapeHtml(stateLabel(step.state)) +
+                     "</span>";
+  if (!step.matchLevel.empty()) {
+    body += "<span class=\"level\">match level " + escapeHtml(step.matchLevel) + "</span>";
+  }
+  if (step.matchedAlternative) {
+    body += "<span class=\"level matched-alternative\">matched an accepted alternative</span>";
+  }
+  std::string stepBase = base + "/steps/" + n;
+  body += "<span class=\"decide\">" +
+          postButton(stepBase + "/accept", view.csrf, "class=\"accept\" title=\"Accept (a)\"",
+                     "Accept", view.reviewable) +
+          (step.canAcceptAlternative
+               ? postButton(stepBase + "/alternative", view.csrf, "class=\"alternative\"",
+                            "Accept as alternative", view.reviewable)
+               : std::string()) +
+          postButton(stepBase + "/reject", view.csrf, "class=\"reject\" title=\"Reject (r)\"",
+                     "Reject", view.reviewable) +
+          "</span></div>\n";
+  if (step.changes) {
+    const StepChanges& c = *step.changes;
+    body += "<div class=\"changes\">";
+    if (c.sizesDiffer) {
+      body += "<p>The baseline and the current image differ in size.</p>";
+    } else {
+      std::size_t areas =
+          c.boxes.size() + static_cast<std::size_t>(std::max<std::int64_t>(0, c.moreBoxes));
+      body += "<p><strong class=\"changed-pixels\">" + grouped(c.pixels) +
+              " px</strong> changed in " + std::to_string(areas) +
+              (areas == 1 ? " area" : " areas");
+      if (!c.boxes.empty()) {
+        body +=
+            " <button type=\"button\" class=\"jump js-only\" title=\"Jump to change (c)\">"
+            "Jump to change</button>";
+      }
+      body += "</p>";
+      if (!c.boxes.empty()) {
+        body += "<ol class=\"boxes\">";
+        for (std::size_t i = 0; i < c.boxes.size(); ++i) {
+          const PixelRect& r = c.boxes[i];
+          body += "<li><button type=\"button\" class=\"box\" data-box=\"" + std::to_string(i) +
+                  "\" data-x=\"" + std::to_string(r.left) + "\" data-y=\"" + std::to_string(r.top) +
+                  "\" data-w=\"" + std::to_string(r.width) + "\" data-h=\"" +
+                  std::to_string(r.height) + "\">" + std::to_string(r.width) + " &times; " +
+                  std::to_string(r.height) + " at " + std::to_string(r.left) + ", " +
+                  std::to_string(r.top) + "</button></li>";
+        }
+        if (c.moreBoxes > 0) body += "<li>and " + grouped(c.moreBoxes) + " more</li>";
+        body += "</ol>";
+      }
+    }
+    body += "</div>\n";
+  }
+  if (step.baseline && step.current) {
+    body +=
+        "<label class=\"blend js-only\">Baseline <input class=\"blend-range\" type=\"range\" "
+        "min=\"0\" max=\"100\" value=\"50\" aria-label=\"Current image opacity\"> "
+        "Current</label>\n";
+  }
+  std::string currentLayers;
+  if (step.current) {
+    currentLayers =
+        regionLayer(*step.current, step.regions) + changeLayer(*step.current, step.changes);
+  }
+  std::string diffLayers = step.diff ? changeLayer(*step.diff, step.changes) : "";
+  body += "<div class=\"viewer\">" + figure(step.baseline, "baseline", "Baseline") +
+          figure(step.current, "current", "Current", currentLayers) +
+          figure(step.diff, "diff", "Differences", diffLayers) +
+          (step.baseline && step.current ? "<div class=\"divider js-only\"></div>" : "") +
+          "</div>\n</section>\n";
+  return body;
+}
+
+}  // namespace
+
 std::string renderTestPage(const TestView& view) {
   const Json& d = view.document;
   std::string id = percentEncode(json::stringValue(d.value("id", Json())).value_or(""));
   std::string base = "/app/sessions/" + id;
   std::string title = text(d, "appName") + " / " + text(d, "name");
-  std::string body = "<h1>" + title + "</h1>\n<p>" + statusBadge(text(d, "status"), "test-status");
+  std::string body = "<div class=\"title\"><h1><bdi>" + title + "</bdi></h1>" +
+                     statusBadge(text(d, "status"), "test-status");
   if (flag(d, "isNew")) body += " <span class=\"note\">new test</span>";
   if (flag(d, "isAborted")) body += " <span class=\"note\">aborted</span>";
-  body += "</p>\n<table class=\"facts\">\n";
-  auto row = [&](std::string_view label, const std::string& value) {
-    body += "<tr><th>" + std::string(label) + "</th><td>" + value + "</td></tr>\n";
+  body += "</div>\n<dl class=\"facts\">";
+  auto fact = [&](const char* cls, std::string_view label, const std::string& value) {
+    if (value.empty()) return;
+    body += "<div class=\"" + std::string(cls) + "\"><dt>" + std::string(label) + "</dt><dd>" +
+            value + "</dd></div>";
   };
   std::string batch = text(d, "batchName").empty() ? text(d, "batchId") : text(d, "batchName");
-  row("Batch",
-      "<a href=\"/app/batches/" +
-          escapeHtml(percentEncode(json::stringValue(d.value("batchId", Json())).value_or(""))) +
-          "\">" + batch + "</a>");
-  row("Branch", text(d, "branchName"));
+  fact("batch", "Batch",
+       "<a href=\"/app/batches/" +
+           escapeHtml(percentEncode(json::stringValue(d.value("batchId", Json())).value_or(""))) +
+           "\"><bdi>" + batch + "</bdi></a>");
+  fact("branch", "Branch", "<bdi>" + text(d, "branchName") + "</bdi>");
   if (const Json* version = json::find(d, "baselineVersion")) {
     const Json* baselineId = json::find(d, "baselineId");
-    std::string label = "version " + std::to_string(json::integerValue(*version)) + " of branch " +
-                        text(d, "baselineBranchName");
-    row("Baseline", baselineId ? "<a id=\"baseline-link\" href=\"/app/baselines/" +
-                                     std::to_string(json::integerValue(*baselineId)) + "\">" +
-                                     label + "</a>"
-                               : label);
+    std::string label = "version " + std::to_string(json::integerValue(*version)) +
+                        " of branch <bdi>" + text(d, "baselineBranchName") + "</bdi>";
+    fact("baseline", "Baseline",
+         baselineId ? "<a id=\"baseline-link\" href=\"/app/baselines/" +
+                          std::to_string(json::integerValue(*baselineId)) + "\">" + label + "</a>"
+                    : label);
   } else {
-    row("Baseline", "none (new test)");
+    fact("baseline", "Baseline", "none (new test)");
   }
-  row("OS", text(d, "hostOS"));
-  row("Hosting app", text(d, "hostApp"));
-  row("Display size", displaySize(d));
-  row("Started", text(d, "startedAt"));
-  row("Steps", number(d, "steps") + " (" + number(d, "matches") + " matched, " +
-                   number(d, "mismatches") + " mismatched, " + number(d, "missing") + " missing)");
+  fact("os", "OS", text(d, "hostOS"));
+  fact("app", "Hosting app", text(d, "hostApp"));
+  fact("display", "Display size", displaySize(d));
+  fact("started", "Started", text(d, "startedAt"));
   if (const Json* a = json::find(d, "accessibilityStatus")) {
-    row("Accessibility", text(*a, "status") + " (" + text(*a, "level") + ")");
+    fact("accessibility", "Accessibility", text(*a, "status") + " (" + text(*a, "level") + ")");
+  }
+  body += "</dl>\n";
+
+  // Steps that need a decision first, then the decided ones, then the matched ones, folded.
+  std::vector<const StepView*> open, decided, matched;
+  std::map<std::string, std::int64_t> counts;
+  for (const StepView& step : view.steps) {
+    ++counts[step.state];
+    (step.state == "matched"     ? matched
+     : needsDecision(step.state) ? open
+                                 : decided)
+        .push_back(&step);
+  }
+  std::string filter;
+  for (const auto& [status, word] : kCounted) {
+    if (view.filter == status) filter = status;
   }
   body +=
-      "</table>\n<div class=\"toolbar\">" +
-      postButton(base + "/accept", view.csrf, "id=\"accept-all\"", "Accept all", view.reviewable) +
-      "<button id=\"view-toggle\" type=\"button\" aria-pressed=\"false\">Overlay</button>"
-      "</div>\n<div id=\"steps\">\n";
-
-  for (const StepView& step : view.steps) {
-    std::string n = std::to_string(step.number);
-    std::string name = escapeHtml(step.name);
-    std::string state = escapeHtml(step.state);
-    body += "<section class=\"step\" id=\"step-" + n + "\" data-step=\"" + n + "\" data-status=\"" +
-            state + "\">\n<div class=\"step-head\"><h2>Step " + n +
-            (name.empty() ? "" : ": " + name) + "</h2><span class=\"state\">" + state + "</span>";
-    if (!step.matchLevel.empty()) {
-      body += "<span class=\"level\">match level " + escapeHtml(step.matchLevel) + "</span>";
-    }
-    if (step.matchedAlternative) {
-      body += "<span class=\"level matched-alternative\">matched an accepted alternative</span>";
-    }
-    std::string stepBase = base + "/steps/" + n;
-    body +=
-        postButton(stepBase + "/accept", view.csrf, "class=\"accept\"", "Accept", view.reviewable) +
-        (step.canAcceptAlternative
-             ? postButton(stepBase + "/alternative", view.csrf, "class=\"alternative\"",
-                          "Accept as alternative", view.reviewable)
-             : std::string()) +
-        postButton(stepBase + "/reject", view.csrf, "class=\"reject\"", "Reject", view.reviewable) +
-        "</div>\n";
-    if (step.baseline && step.current) {
-      body +=
-          "<label class=\"blend\">Baseline <input class=\"blend-range\" type=\"range\" min=\"0\" "
-          "max=\"100\" value=\"50\" aria-label=\"Current image opacity\"> Current</label>\n";
-    }
-    body += "<div class=\"images\">" + figure(step.baseline, "baseline", "Baseline") +
-            figure(step.current, "current", "Current", step.regions) +
-            figure(step.diff, "diff", "Differences") + "</div>\n</section>\n";
+      "<nav id=\"counts\" aria-label=\"Steps by status\"><a class=\"count\" data-status=\"\" "
+      "href=\"" +
+      base + "\"" + (filter.empty() ? " aria-current=\"true\"" : "") + ">All <b>" +
+      std::to_string(view.steps.size()) + "</b></a>";
+  for (const auto& [status, word] : kCounted) {
+    body += "<a class=\"count\" data-status=\"" + std::string(status) + "\" href=\"" + base +
+            "?status=" + status + "\"" + (filter == status ? " aria-current=\"true\"" : "") +
+            "><b>" + std::to_string(counts[status]) + "</b> " + word + "</a>";
   }
-  body += "</div>\n";
+  body +=
+      "</nav>\n<div class=\"toolbar\">" +
+      postButton(base + "/accept", view.csrf, "id=\"accept-all\"", "Accept all", view.reviewable) +
+      "<span class=\"views js-only\" role=\"group\" aria-label=\"View\">"
+      "<button type=\"button\" data-view=\"side\" title=\"Side by side (v)\">Side by side</button>"
+      "<button type=\"button\" data-view=\"overlay\" title=\"Overlay (v)\">Overlay</button>"
+      "<button type=\"button\" data-view=\"blink\" title=\"Blink (v)\">Blink</button>"
+      "<button type=\"button\" data-view=\"swipe\" title=\"Swipe (v)\">Swipe</button>"
+      "<button type=\"button\" data-view=\"diff\" title=\"Differences (v)\">Differences</button>"
+      "</span><span class=\"zoom js-only\" role=\"group\" aria-label=\"Zoom\">"
+      "<button type=\"button\" data-zoom=\"out\" title=\"Zoom out (-)\">&minus;</button>"
+      "<output id=\"zoom-level\">Fit</output>"
+      "<button type=\"button\" data-zoom=\"in\" title=\"Zoom in (+)\">+</button>"
+      "<button type=\"button\" data-zoom=\"toggle\" title=\"100% or fit (z)\">100%</button>"
+      "</span><input id=\"step-search\" class=\"js-only\" type=\"search\" placeholder=\"Find a "
+      "step (/)\" aria-label=\"Find a step by name\">"
+      "<button type=\"button\" id=\"help-button\" class=\"js-only\" title=\"Keys (?)\">Keys ?"
+      "</button><span id=\"message\" role=\"status\" aria-live=\"polite\"></span></div>\n";
+
+  auto hiddenByFilter = [&](const StepView& step) {
+    return !filter.empty() && step.state != filter;
+  };
+  body +=
+      "<div class=\"review\">\n<nav id=\"step-list\" aria-label=\"Steps\"><ol class=\"open\">\n";
+  for (const auto* group : {&open, &decided}) {
+    for (const StepView* step : *group) body += stepItem(*step, hiddenByFilter(*step));
+  }
+  body += "</ol>\n";
+  if (!matched.empty()) {
+    body += "<details id=\"matched-list\"" + std::string(filter == "matched" ? " open" : "") +
+            "><summary>Matched <b>" + std::to_string(matched.size()) +
+            "</b> <kbd>m</kbd></summary><ol>\n";
+    for (const StepView* step : matched) body += stepItem(*step, hiddenByFilter(*step));
+    body += "</ol></details>\n";
+  }
+  body += "</nav>\n<div id=\"steps\" data-session=\"" + escapeHtml(id) + "\">\n";
+  if (view.steps.empty()) body += "<p>No steps.</p>\n";
+  for (const auto* group : {&open, &decided}) {
+    for (const StepView* step : *group)
+      body += stepSection(*step, base, view, hiddenByFilter(*step));
+  }
+  if (!matched.empty()) {
+    body += "<details id=\"matched-steps\"" + std::string(filter == "matched" ? " open" : "") +
+            "><summary>" + std::to_string(matched.size()) + " matched " +
+            (matched.size() == 1 ? "step" : "steps") + "</summary>\n";
+    for (const StepView* step : matched)
+      body += stepSection(*step, base, view, hiddenByFilter(*step));
+    body += "</details>\n";
+  }
+  body +=
+      "</div>\n</div>\n<dialog id=\"help\" aria-labelledby=\"help-title\"><h2 id=\"help-title\">"
+      "Keys</h2><table>";
+  for (const auto& [key, what] : kKeys) {
+    body += "<tr><th><kbd>" + std::string(key) + "</kbd></th><td>" + what + "</td></tr>";
+  }
+  body +=
+      "</table><p>Keys do nothing while you type in a text field.</p><button type=\"button\" "
+      "id=\"help-close\">Close</button></dialog>\n";
   return page(title, body);
 }
 

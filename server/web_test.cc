@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "server/service_test_support.h"
+#include "server/thumbnail.h"
 #include "server/web_access.h"
 
 namespace saffra::server::testing {
@@ -12,6 +15,11 @@ namespace {
 
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
+}
+
+std::ptrdiff_t countMatches(const std::string& text, const std::string& pattern) {
+  const std::regex re(pattern);
+  return std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator());
 }
 
 /// A reply with its headers, for redirects and cookies.
@@ -290,7 +298,7 @@ TEST_F(WebTest, PagesShowTheMarkupHooksAndEscapeStoredText) {
   EXPECT_TRUE(contains(page, "data-step=\"1\" data-status=\"mismatched\""));
   for (const char* hook :
        {"<img class=\"baseline\"", "<img class=\"current\"", "<img class=\"diff\"",
-        "id=\"accept-all\"", "class=\"accept\"", "class=\"reject\"", "id=\"view-toggle\""}) {
+        "id=\"accept-all\"", "class=\"accept\"", "class=\"reject\"", "id=\"step-list\""}) {
     EXPECT_TRUE(contains(page, hook)) << hook;
   }
   // The step's regions are drawn over its current image in image pixels.
@@ -337,6 +345,160 @@ TEST_F(WebTest, StaleAcceptsAskForConfirmationAndVersionsRollBack) {
   EXPECT_EQ(harness_.runTest(test_, {kPlain, kPlain}, false)["status"], "Passed");
   EXPECT_EQ(browser_.review(baseline + "/versions/9/rollback", csrf).status, 404);
   EXPECT_EQ(browser_.review(baseline + "/versions/1/rollback", "forged").status, 403);
+}
+
+// The review page lists the steps that need a decision first (changed and new, in step order)
+// and folds the matched ones; the counts and the status filter (which works without script)
+// come from the server; a changed step lists its changed areas; images load lazily, by content.
+TEST_F(WebTest, ReviewPageOrdersCountsAndFiltersSteps) {
+  harness_.runTest(test_, {kPlain, kPlain, kPlain}, true);
+  std::string id = harness_.start(test_).body["id"];
+  harness_.match(id, matchBody(kPlain, "same"));
+  harness_.match(id, matchBody(kMarked, "changed"));
+  harness_.match(id, matchBody(kPlain, "same too"));
+  harness_.match(id, matchBody(kMarked, "beyond the baseline"));
+  harness_.stop(id, false, false);
+  browser_.logIn(kApiKey);
+  std::string base = "/app/sessions/" + id;
+  std::string page = browser_.get(base).body;
+
+  std::vector<std::size_t> order;
+  for (const char* part : {"id=\"step-2\"", "id=\"step-4\"", "id=\"matched-steps\"",
+                           "id=\"step-1\"", "id=\"step-3\""}) {
+    order.push_back(page.find(part));
+    EXPECT_NE(order.back(), std::string::npos) << part;
+  }
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end())) << page;
+  for (const char* count :
+       {"?status=mismatched\"><b>1</b> changed", "?status=new\"><b>1</b> new",
+        "?status=matched\"><b>2</b> matched", "?status=missing\"><b>0</b> missing"}) {
+    EXPECT_TRUE(contains(page, base + count)) << count;
+  }
+  EXPECT_TRUE(contains(page, "class=\"changed-pixels\"")) << page;
+  EXPECT_TRUE(std::regex_search(page, std::regex("class=\"box\" data-box=\"0\" data-x=\"\\d+\"")));
+  EXPECT_TRUE(contains(page, "<rect class=\"change\""));
+  std::ptrdiff_t images = countMatches(page, "<img ");
+  std::ptrdiff_t lazy = countMatches(page, "<img [^>]*loading=\"lazy\"");
+  EXPECT_GT(images, 4);
+  EXPECT_EQ(images, lazy) << "every image loads only when shown";
+  EXPECT_TRUE(std::regex_search(page, std::regex("src=\"/app/images/[0-9a-f]{64}\\.png\"")));
+
+  std::string filtered = browser_.get(base + "?status=new").body;
+  EXPECT_TRUE(contains(filtered,
+                       "data-step=\"2\" data-status=\"mismatched\" data-name=\"changed\" hidden>"));
+  EXPECT_TRUE(
+      contains(filtered, "data-step=\"4\" data-status=\"new\" data-name=\"beyond the baseline\">"));
+  EXPECT_TRUE(contains(filtered, "?status=new\" aria-current=\"true\""));
+  // An unknown filter shows everything.
+  EXPECT_FALSE(contains(browser_.get(base + "?status=%3Cx%3E").body, " hidden>"));
+}
+
+// Images named by their content are kept by the browser for good; the addresses by step, whose
+// image an accept may change, are revalidated. Thumbnails are small; unknown images and
+// readers without a login are refused.
+TEST_F(WebTest, ImagesAreCachedByContent) {
+  std::string id = changedSession();
+  browser_.logIn(kApiKey);
+  std::string page = browser_.get("/app/sessions/" + id).body;
+  std::smatch found;
+  ASSERT_TRUE(std::regex_search(page, found, std::regex("/app/images/([0-9a-f]{64})\\.png")));
+  std::string imageId = found[1];
+  Page image = browser_.get(found[0]);
+  EXPECT_EQ(image.status, 200);
+  EXPECT_EQ(image.header("Content-Type"), "image/png");
+  EXPECT_TRUE(contains(image.header("Cache-Control"), "immutable"));
+  EXPECT_EQ(image.header("ETag"), "\"" + imageId + "\"");
+  Page again = browser_.get(found[0], {{"If-None-Match", "\"" + imageId + "\""}});
+  EXPECT_EQ(again.status, 304);
+  EXPECT_TRUE(again.body.empty());
+  Page thumb = browser_.get("/app/thumbs/" + imageId + ".png");
+  ASSERT_EQ(thumb.status, 200);
+  EXPECT_NO_THROW(Image::fromPNGData(reinterpret_cast<const std::uint8_t*>(thumb.body.data()),
+                                     thumb.body.size()));
+  EXPECT_EQ(browser_.get("/app/images/" + std::string(64, '0') + ".png").status, 404);
+  EXPECT_EQ(harness_.send("GET", "/app/images/" + imageId + ".png").status, 401);
+
+  std::string byStep = "/api/sessions/" + id + "/steps/2/current.png";
+  Page step = browser_.get(byStep);
+  EXPECT_EQ(step.header("Cache-Control"), "private, no-cache");
+  EXPECT_EQ(browser_.get(byStep, {{"If-None-Match", step.header("ETag")}}).status, 304);
+}
+
+TEST(Thumbnail, ShrinksByAveragingAndNeverToNothing) {
+  std::vector<std::uint8_t> rgba(300 * 100 * 4, 255);
+  for (std::size_t y = 0; y < 100; ++y) {
+    for (std::size_t x = 0; x < 150; ++x) std::fill_n(&rgba[(y * 300 + x) * 4], 3, 0);
+  }
+  auto small = Image::fromPNGData(makeThumbnail(Image(300, 100, rgba), 128, 128));
+  ASSERT_EQ(small->width(), 128u);
+  ASSERT_EQ(small->height(), 43u);
+  EXPECT_EQ(small->pixel(0, 0)[0], 0);
+  EXPECT_EQ(small->pixel(127, 42)[0], 255);
+  EXPECT_EQ(small->pixel(127, 42)[3], 255);
+  // A column of one pixel stays one pixel wide; a small image is not enlarged.
+  EXPECT_EQ(Image::fromPNGData(makeThumbnail(Image(1, 1000), 128, 128))->width(), 1u);
+  EXPECT_EQ(Image::fromPNGData(makeThumbnail(Image(40, 30), 128, 128))->width(), 40u);
+}
+
+// The batch list: name (the id when there is none), applications, branches, tests by status,
+// and state; a search by any of them (its wildcard characters taken literally); 50 to a page.
+TEST_F(WebTest, BatchListSearchesAndPages) {
+  SessionSpec shop = test_;
+  shop.app = "Shop";
+  shop.branch = "feature/cart";
+  shop.batchId = "B-shop";
+  shop.batchName = "100% cart";
+  harness_.runTest(shop, {kPlain}, true);
+  harness_.closeBatch("B-shop");
+  SessionSpec unnamed = test_;
+  unnamed.batchId = "B-unnamed";
+  unnamed.batchName = "";
+  harness_.start(unnamed);  // still running
+  for (int i = 0; i < 50; ++i) {
+    SessionSpec filler = test_;
+    filler.batchId = "B-" + std::to_string(i);
+    filler.batchName = "filler " + std::to_string(i);
+    std::string id = harness_.start(filler).body["id"];
+    harness_.stop(id, false, false);
+  }
+  browser_.logIn(kApiKey);
+  auto rows = [](const std::string& html) { return countMatches(html, "<tr class=\"batch\""); };
+  std::string first = browser_.get("/app/batches").body;
+  EXPECT_EQ(rows(first), 50);
+  EXPECT_TRUE(contains(first, "Page 1 of 2 (52 batches)"));
+  EXPECT_TRUE(contains(first, "rel=\"next\" href=\"/app/batches?page=2\""));
+  std::string second = browser_.get("/app/batches?page=2").body;
+  EXPECT_EQ(rows(second), 2);
+  EXPECT_TRUE(contains(second, "data-state=\"closed\""));
+  EXPECT_TRUE(contains(second, "100% cart"));
+  EXPECT_TRUE(contains(second, "<td class=\"apps\">Shop</td>"));
+  EXPECT_TRUE(contains(second, "<td class=\"branches\">feature/cart</td>"));
+  EXPECT_TRUE(contains(second, "<span class=\"tally Passed\">1 passed</span>"));
+  // The newest batches come first: the last filler is on page 1, the unnamed one shows its id.
+  EXPECT_TRUE(contains(first, "filler 49"));
+  EXPECT_TRUE(contains(first + second, "<code>B-unnamed</code></a>"));
+  EXPECT_TRUE(contains(first + second, "data-state=\"running\""));
+  EXPECT_TRUE(contains(first, "data-state=\"finished\""));
+
+  struct SearchCase {
+    std::string query;
+    std::int64_t found;
+  };
+  for (const auto& [query, count] :
+       std::vector<SearchCase>{{"SHOP", 1},
+                               {"cart", 1},
+                               {"100%", 1},
+                               {"0%", 1},
+                               {"%", 1},
+                               {"_", 0},
+                               {"filler 4", 11},
+                               {"b-unNamed", 1},
+                               {"calendar", 50},  // of 51, on the first page
+                               {"nothing like it", 0}}) {
+    std::string html = browser_.get("/app/batches?q=" + percentEncode(query)).body;
+    EXPECT_EQ(rows(html), count) << query;
+  }
+  EXPECT_TRUE(contains(browser_.get("/app/batches?q=%3Cb%3E").body, "value=\"&lt;b&gt;\""));
 }
 
 // A database as the first release wrote it: no step settings, no reviews.

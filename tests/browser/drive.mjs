@@ -13,12 +13,25 @@
 //   attr       {selector, name}           -> attribute value of the first match
 //   count      {selector}                 -> number of matches
 //   click      {selector}                 clicks and waits for the page it loads -> {status, path}
-//   toggle                                clicks #view-toggle -> {overlay: bool}
+//   tap        {selector}                 clicks without waiting for a page to load
+//   key        {key}                      presses a key (Playwright's names: "j", "ArrowDown", "?")
+//   type       {selector, text}           clicks a field and types into it key by key
+//   drag       {selector, from, to}       drags the mouse across the element; from and to are
+//                                         [x, y] fractions of its box
+//   eval       {script}                   -> the value of a JavaScript expression in the page
+//   until      {script}                   waits until the expression is truthy -> its value
+//   review                                -> the review page's state: {focused, status, counts,
+//                                            test, zoom, view, currentWidth, naturalWidth, shown}
+//   openTiming {path}                     opens a review page -> {ms}: from the start of the
+//                                         navigation until the focused step's current image shows
+//   nextTiming {key}                      -> {ms, from, to}: from the key until the next step's
+//                                         current image shows
 //   screenshot {path, fullPage, mask}     -> {path}; mask: selectors painted over
 //   forge      {url, action, fields}      opens `url` (another origin), builds a POST form to
 //                                         `action` there and submits it -> {status, path, body}
 // An action with "as": "name" keeps its result under that name in "named"; "${name}" in later
-// string fields is replaced by it.
+// string fields is replaced by it. The outcome also counts the dialogs (alert, confirm) that
+// pages opened ("dialogs"): a page that runs injected markup opens one.
 // Exit status: 0 when every action succeeded, 1 otherwise ({"ok": false, "error": ...}).
 import { readFileSync } from 'node:fs';
 import { chromium } from 'playwright-core';
@@ -87,7 +100,9 @@ async function perform(page, plan, action, timeout) {
           current: s.querySelectorAll('img.current').length,
           diff: s.querySelectorAll('img.diff').length,
           regions: [...s.querySelectorAll('.region')].map((r) => r.dataset.kind ?? ''),
-          loaded: [...s.querySelectorAll('img')].every((i) => i.complete && i.naturalWidth > 0),
+          // Images load when shown: those on screen have loaded.
+          loaded: [...s.querySelectorAll('img')].filter((i) => i.offsetParent !== null)
+            .every((i) => i.complete && i.naturalWidth > 0),
         })));
     case 'text':
       return (await (await first(page, action.selector, timeout)).textContent({ timeout })).trim();
@@ -99,11 +114,70 @@ async function perform(page, plan, action, timeout) {
       const target = await first(page, action.selector, timeout);
       return navigation(page, timeout, () => target.click({ timeout }));
     }
-    case 'toggle': {
-      await (await first(page, '#view-toggle', timeout)).click({ timeout });
-      return page.evaluate(() =>
-        document.body.classList.contains('overlay') || !!document.querySelector('.overlay'));
+    case 'tap':
+      await (await first(page, action.selector, timeout)).click({ timeout });
+      return null;
+    case 'key':
+      await page.keyboard.press(action.key);
+      return null;
+    case 'type': {
+      await (await first(page, action.selector, timeout)).click({ timeout });
+      await page.keyboard.type(action.text);
+      return null;
     }
+    case 'drag': {
+      const box = await (await first(page, action.selector, timeout)).boundingBox();
+      const at = ([x, y]) => [box.x + box.width * x, box.y + box.height * y];
+      await page.mouse.move(...at(action.from));
+      await page.mouse.down();
+      await page.mouse.move(...at(action.to), { steps: 5 });
+      await page.mouse.up();
+      return null;
+    }
+    case 'eval':
+      return page.evaluate(action.script);
+    case 'until': {
+      const end = Date.now() + timeout;
+      for (;;) {
+        const value = await page.evaluate(action.script);
+        if (value) return value;
+        if (Date.now() > end) {
+          const said = await page.evaluate(() => document.getElementById('message')?.textContent ?? '');
+          throw new Error(`timed out waiting for ${action.script}${said ? ` (the page says: ${said})` : ''}`);
+        }
+        await new Promise((resolve) => setTimeout(resolve, 20));
+      }
+    }
+    case 'review':
+      return page.evaluate(reviewState);
+    case 'openTiming': {
+      await page.goto(new URL(action.path, plan.base).href, { timeout, waitUntil: 'domcontentloaded' });
+      const ms = await page.evaluate(() => new Promise((resolve) => {
+        (function check() {
+          const img = document.querySelector('section.step.focused img.current');
+          if (img && img.complete && img.naturalWidth > 0) resolve(performance.now());
+          else requestAnimationFrame(check);
+        })();
+      }));
+      await page.waitForLoadState('load', { timeout });
+      return { ms };
+    }
+    case 'nextTiming':
+      return page.evaluate((key) => new Promise((resolve) => {
+        const focused = () => document.querySelector('li.item.focused');
+        const from = focused();
+        const start = performance.now();
+        document.dispatchEvent(new KeyboardEvent('keydown', { key, bubbles: true, cancelable: true }));
+        (function check() {
+          const img = document.querySelector('section.step.focused img.current');
+          if (focused() !== from && img && img.complete && img.naturalWidth > 0) {
+            resolve({ ms: performance.now() - start, from: Number(from.dataset.step),
+                      to: Number(focused().dataset.step) });
+          } else {
+            requestAnimationFrame(check);
+          }
+        })();
+      }), action.key);
     case 'screenshot': {
       // Settle images and fonts so the picture does not depend on load timing.
       await page.waitForLoadState('load', { timeout });
@@ -144,6 +218,36 @@ async function perform(page, plan, action, timeout) {
   }
 }
 
+// The state of a review page as a person sees it.
+function reviewState() {
+  const focused = document.querySelector('li.item.focused');
+  const section = document.querySelector('section.step.focused');
+  const img = (kind) => section && section.querySelector('img.' + kind);
+  const loaded = (i) => !!i && i.complete && i.naturalWidth > 0 && i.offsetParent !== null;
+  const counts = {};
+  document.querySelectorAll('#counts a.count').forEach((a) => {
+    counts[a.dataset.status || 'all'] = Number(a.querySelector('b').textContent);
+  });
+  const statuses = {};
+  document.querySelectorAll('li.item').forEach((li) => { statuses[li.dataset.step] = li.dataset.status; });
+  const steps = document.getElementById('steps');
+  return {
+    focused: focused ? Number(focused.dataset.step) : 0,
+    focusedShown: !!section && section.offsetParent !== null,
+    sectionsShown: [...document.querySelectorAll('section.step')].filter((s) => s.offsetParent !== null).length,
+    statuses,
+    counts,
+    test: document.getElementById('test-status').textContent,
+    zoom: document.getElementById('zoom-level').textContent,
+    view: [...steps.classList].filter((c) => c.startsWith('view-')).join(' '),
+    currentWidth: img('current') ? Math.round(img('current').getBoundingClientRect().width) : 0,
+    naturalWidth: img('current') ? img('current').naturalWidth : 0,
+    shown: { baseline: loaded(img('baseline')), current: loaded(img('current')), diff: loaded(img('diff')) },
+    message: document.getElementById('message').textContent,
+    help: document.getElementById('help').open,
+  };
+}
+
 async function main() {
   let plan;
   try {
@@ -154,6 +258,7 @@ async function main() {
   const timeout = plan.timeoutMs ?? 10000;
   const results = [];
   const saved = {};
+  let dialogs = 0;
   let browser;
   // A last guard: whatever hangs, the driver ends and says so.
   const guard = setTimeout(() => {
@@ -177,6 +282,10 @@ async function main() {
     context.setDefaultTimeout(timeout);
     context.setDefaultNavigationTimeout(timeout);
     const page = await context.newPage();
+    page.on('dialog', (dialog) => {
+      dialogs += 1;
+      dialog.dismiss().catch(() => {});
+    });
     for (const [index, raw] of (plan.actions ?? []).entries()) {
       let action;
       try {
@@ -187,10 +296,10 @@ async function main() {
       } catch (e) {
         const where = `action ${index + 1} (${raw.do}${raw.selector ? ' ' + raw.selector : ''})`;
         const message = String(e.message ?? e).split('\n')[0];
-        return { ok: false, error: `${where} failed at ${page.url()}: ${message}`, results, named: saved };
+        return { ok: false, error: `${where} failed at ${page.url()}: ${message}`, results, named: saved, dialogs };
       }
     }
-    return { ok: true, results, named: saved };
+    return { ok: true, results, named: saved, dialogs };
   } catch (e) {
     return { ok: false, error: String(e.message ?? e).split('\n')[0], results, named: saved };
   } finally {
