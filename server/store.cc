@@ -731,17 +731,6 @@ std::optional<std::vector<std::uint8_t>> Store::readImage(const std::string& id)
   return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
-void Store::recordBatch(const BatchRecord& batch) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
-              "INSERT INTO batches(id, name, started_at, sequence_name) VALUES(?, ?, ?, ?) "
-              "ON CONFLICT(id) DO UPDATE SET name = coalesce(excluded.name, name), "
-              "sequence_name = coalesce(excluded.sequence_name, sequence_name)");
-  s.bind(1, batch.id).bind(2, batch.name).bind(3, batch.startedAt).bind(4, batch.sequenceName);
-  s.run();
-}
-
 std::optional<BatchRecord> Store::batch(const std::string& id) {
   std::lock_guard lock(mutex_);
   Statement s(*statements_,

@@ -298,13 +298,12 @@ class Store {
   /// UnknownVersionError when that version never existed or was removed.
   std::int64_t rollBack(std::int64_t baselineId, std::int64_t version);
 
-  /// Adds the batch, or updates the name and sequence of a known one.
-  void recordBatch(const BatchRecord& batch);
   std::optional<BatchRecord> batch(const std::string& id);
   /// Marks the batch closed; false when there is no such batch.
   bool closeBatch(const std::string& id);
 
-  /// Adds the session and adds or updates its batch, in one transaction.
+  /// Adds the session and its batch (or updates the name and sequence of a known batch), in one
+  /// transaction, so retention never removes a batch a new session joins.
   void insertSession(const SessionRecord& session, const BatchRecord& batch);
   std::optional<SessionRecord> session(const std::string& id);
   std::vector<StepRecord> steps(const std::string& sessionId);
@@ -339,9 +338,9 @@ class Store {
   /// Removes up to `limit` stopped sessions that started before `before`, with their steps
   /// and verdicts; returns how many.
   std::int64_t removeSessions(std::int64_t before, std::int64_t limit);
-  /// Removes versions of baselines that are not current, no remaining session was compared
-  /// with, and were made before `before` or are beyond the `keep` newest of their baseline
-  /// (0: no such limit); returns how many.
+  /// Removes up to fifty versions of baselines that are not current, no remaining session was
+  /// compared with, and were made before `before` or are beyond the `keep` newest of their
+  /// baseline (0: no such limit); returns how many.
   std::int64_t removeVersions(std::int64_t before, std::int64_t keep);
   /// Removes the image files of the image folder `prefix` (two hex digits) that no step or
   /// baseline version refers to and that were not written or used since `before`, and
@@ -380,8 +379,8 @@ class Store {
   /// StaleBaselineError otherwise. Returns the baseline under the key, if any, and its version.
   std::optional<std::pair<std::int64_t, std::int64_t>> requireFreshBaseline(
       const std::string& sessionId, bool confirmed);
-  /// Copies version `from` of baseline `fromId` as the next version of baseline `toId`;
-  /// returns its number. Inside a transaction.
+  /// Makes the next version of baseline `toId`, current at once, with the steps of `from` (a
+  /// baseline and one of its versions) when given; returns its number. Inside a transaction.
   std::int64_t newVersion(std::int64_t toId,
                           std::optional<std::pair<std::int64_t, std::int64_t>> from,
                           const std::string& kind, const OptString& sessionId,
