@@ -28,6 +28,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::ChildProcess;
+using testing::ServeProcess;
+using testing::startServe;
 
 const std::string kCommand = std::string(SAFFRA_BINARY_DIR) + "/saffra";
 
@@ -56,17 +58,10 @@ class CheckCommandTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fs::create_directories(folder_ / "shots");
-    service_ = std::make_unique<ChildProcess>(
-        kCommand,
-        std::vector<std::string>{"serve", "--port", "0", "--data", (folder_ / "data").string()},
-        std::vector<std::string>{"QUORVANT_API_KEY=key"});
-    const std::string line = service_->readLine();
-    std::smatch address;
-    ASSERT_TRUE(std::regex_match(line, address,
-                                 std::regex("listening on (http://127\\.0\\.0\\.1:([0-9]+))")))
-        << line;
-    url_ = address[1].str();
-    port_ = std::stoi(address[2].str());
+    ServeProcess serve = startServe(kCommand, folder_ / "data");
+    service_ = std::move(serve.process);
+    url_ = serve.url;
+    port_ = serve.port;
   }
   void TearDown() override {
     if (service_) {

@@ -6,6 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <regex>
+#include <stdexcept>
+
 namespace saffra::testing {
 
 ChildProcess::ChildProcess(const std::string& program, std::vector<std::string> args,
@@ -71,6 +74,24 @@ int ChildProcess::wait() {
   waitpid(pid_, &status, 0);
   pid_ = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+ServeProcess startServe(const std::string& command, const std::filesystem::path& dataFolder,
+                        const std::vector<std::string>& extraArguments) {
+  std::vector<std::string> args{"serve", "--port", "0", "--data", dataFolder.string()};
+  args.insert(args.end(), extraArguments.begin(), extraArguments.end());
+  ServeProcess serve;
+  serve.process = std::make_unique<ChildProcess>(command, std::move(args),
+                                                 std::vector<std::string>{"QUORVANT_API_KEY=key"});
+  const std::string line = serve.process->readLine();
+  std::smatch address;
+  if (!std::regex_match(line, address,
+                        std::regex("listening on (http://127\\.0\\.0\\.1:([0-9]+))"))) {
+    throw std::runtime_error("saffra serve did not start: " + line);
+  }
+  serve.url = address[1].str();
+  serve.port = std::stoi(address[2].str());
+  return serve;
 }
 
 }  // namespace saffra::testing

@@ -4,6 +4,8 @@
 
 #include <sys/types.h>
 
+#include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,5 +35,18 @@ class ChildProcess {
   pid_t pid_ = -1;
   int out_ = -1;
 };
+
+/// A `saffra serve` process on a free loopback port, with the API key "key".
+struct ServeProcess {
+  std::unique_ptr<ChildProcess> process;
+  /// "http://127.0.0.1:PORT".
+  std::string url;
+  int port = 0;
+};
+
+/// Starts `command serve --port 0 --data dataFolder` with the extra arguments and reads the line
+/// that names its address; throws std::runtime_error with that line when it names none.
+ServeProcess startServe(const std::string& command, const std::filesystem::path& dataFolder,
+                        const std::vector<std::string>& extraArguments = {});
 
 }  // namespace saffra::testing

@@ -56,17 +56,10 @@ class BaselineHistoryTest : public ::testing::Test {
   // `saffra serve` over the test's data folder. Its log lines are read all along (and kept in
   // log_ once it stops), so the pipe never fills whatever the number of requests.
   void startService(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args{"serve", "--port", "0", "--data", (folder_ / "data").string()};
-    args.insert(args.end(), extra.begin(), extra.end());
-    service_ = std::make_unique<testing::ChildProcess>(
-        kCommand, args, std::vector<std::string>{"QUORVANT_API_KEY=key"});
-    const std::string line = service_->readLine();
-    std::smatch address;
-    ASSERT_TRUE(std::regex_match(line, address,
-                                 std::regex("listening on (http://127\\.0\\.0\\.1:([0-9]+))")))
-        << line;
-    url_ = address[1].str();
-    port_ = std::stoi(address[2].str());
+    testing::ServeProcess serve = testing::startServe(kCommand, folder_ / "data", extra);
+    service_ = std::move(serve.process);
+    url_ = serve.url;
+    port_ = serve.port;
     drain_ = std::thread([this] {
       for (std::string chunk; !(chunk = service_->readAll(120)).empty();) {
         std::lock_guard lock(logMutex_);

@@ -97,17 +97,10 @@ class ServiceEndToEndTest : public ::testing::Test {
   // `saffra serve` on a free port over the test's data folder; its first line names its address.
   // Its log lines (one per request) stay in the pipe, whose buffer holds hundreds of them.
   void startService() {
-    service_ = std::make_unique<testing::ChildProcess>(
-        kCommand,
-        std::vector<std::string>{"serve", "--port", "0", "--data", (folder_ / "data").string()},
-        std::vector<std::string>{"QUORVANT_API_KEY=key"});
-    const std::string line = service_->readLine();
-    std::smatch address;
-    ASSERT_TRUE(std::regex_match(line, address,
-                                 std::regex("listening on (http://127\\.0\\.0\\.1:([0-9]+))")))
-        << line;
-    url_ = address[1].str();
-    port_ = std::stoi(address[2].str());
+    testing::ServeProcess serve = testing::startServe(kCommand, folder_ / "data");
+    service_ = std::move(serve.process);
+    url_ = serve.url;
+    port_ = serve.port;
   }
   void stopService() {
     if (service_) {
