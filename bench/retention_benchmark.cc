@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 #include "server/service_test_support.h"
 #include "server/store.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <exception>
 
-#include "saffra/images/logger.h"
+#include "saffra/base/logger.h"
 
 namespace saffra::server {
 
