@@ -1429,35 +1429,37 @@ std::int64_t Store::removeUnusedImages(const std::string& prefix, std::int64_t b
     if (!used && ::unlink(file.c_str()) == 0) ++removed;
   }
   return removed;
-  namespace {
+}
 
-  /// `text` for a LIKE pattern that finds it anywhere, with its own % _ and \ taken literally.
-  std::string containsPattern(const std::string& text) {
-    std::string pattern = "%";
-    for (char c : text) {
-      if (c == '%' || c == '_' || c == '\\') pattern += '\\';
-      pattern += c;
-    }
-    return pattern + "%";
+namespace {
+
+/// `text` for a LIKE pattern that finds it anywhere, with its own % _ and \ taken literally.
+std::string containsPattern(const std::string& text) {
+  std::string pattern = "%";
+  for (char c : text) {
+    if (c == '%' || c == '_' || c == '\\') pattern += '\\';
+    pattern += c;
   }
+  return pattern + "%";
+}
 
-  /// The distinct texts of a JSON array of strings (nulls and empty texts left out), sorted.
-  std::vector<std::string> distinctTexts(const std::string& jsonArray) {
-    std::vector<std::string> texts;
-    std::optional<Json> list = json::parse(jsonArray);
-    if (!list || !list->is_array()) return texts;
-    for (const Json& item : *list) {
-      if (item.is_string() && !item.get_ref<const std::string&>().empty()) {
-        texts.push_back(item.get<std::string>());
-      }
+/// The distinct texts of a JSON array of strings (nulls and empty texts left out), sorted.
+std::vector<std::string> distinctTexts(const std::string& jsonArray) {
+  std::vector<std::string> texts;
+  std::optional<Json> list = json::parse(jsonArray);
+  if (!list || !list->is_array()) return texts;
+  for (const Json& item : *list) {
+    if (item.is_string() && !item.get_ref<const std::string&>().empty()) {
+      texts.push_back(item.get<std::string>());
     }
-    std::sort(texts.begin(), texts.end());
-    texts.erase(std::unique(texts.begin(), texts.end()), texts.end());
-    return texts;
   }
+  std::sort(texts.begin(), texts.end());
+  texts.erase(std::unique(texts.begin(), texts.end()), texts.end());
+  return texts;
+}
 
-  // The sessions of each batch as the batch list needs them, and the batches a search finds.
-  constexpr const char* kBatchSessions = R"sql(
+// The sessions of each batch as the batch list needs them, and the batches a search finds.
+constexpr const char* kBatchSessions = R"sql(
 WITH s AS (
   SELECT batch_id, json_extract(info, '$.appName') AS app,
          json_extract(info, '$.branchName') AS branch,
@@ -1472,83 +1474,83 @@ found AS (
                AND (s.app LIKE ?1 ESCAPE '\' OR s.branch LIKE ?1 ESCAPE '\')))
 )sql";
 
-  }  // namespace
+}  // namespace
 
-  BatchPage Store::batchSummaries(const std::string& search, std::int64_t offset,
-                                  std::int64_t limit) {
-    std::string pattern = containsPattern(search);
-    BatchPage page;
-    std::lock_guard lock(mutex_);
-    {
-      Statement s(*statements_, std::string(kBatchSessions) + "SELECT count(*) FROM found");
-      s.bind(1, pattern);
-      if (s.step()) page.total = s.integer(0);
+BatchPage Store::batchSummaries(const std::string& search, std::int64_t offset,
+                                std::int64_t limit) {
+  std::string pattern = containsPattern(search);
+  BatchPage page;
+  std::lock_guard lock(mutex_);
+  {
+    Statement s(*statements_, std::string(kBatchSessions) + "SELECT count(*) FROM found");
+    s.bind(1, pattern);
+    if (s.step()) page.total = s.integer(0);
+  }
+  Statement s(*statements_,
+              std::string(kBatchSessions) +
+                  "SELECT f.id, f.name, f.started_at, f.sequence_name, f.is_closed, f.closed_at, "
+                  "count(s.batch_id), total(s.status = 'Running'), total(s.status = 'Passed'), "
+                  "total(s.status = 'Unresolved'), total(s.status = 'Failed'), "
+                  "min(s.started_at), max(s.stopped), json_group_array(DISTINCT s.app), "
+                  "json_group_array(DISTINCT s.branch) "
+                  "FROM found f LEFT JOIN s ON s.batch_id = f.id GROUP BY f.id "
+                  "ORDER BY max(s.started_at) DESC, f.r DESC LIMIT ?2 OFFSET ?3");
+  s.bind(1, pattern)
+      .bind(2, std::max<std::int64_t>(limit, 0))
+      .bind(3, std::max<std::int64_t>(offset, 0));
+  while (s.step()) {
+    BatchSummary row;
+    row.batch = {s.text(0), s.optText(1), s.optText(2), s.optText(3), s.integer(4) != 0};
+    row.tests = s.integer(6);
+    row.running = s.integer(7);
+    row.passed = s.integer(8);
+    row.unresolved = s.integer(9);
+    row.failed = s.integer(10);
+    row.startedAt = s.integer(11);
+    if (row.tests > 0 && row.running == 0 && !s.isNull(12)) {
+      row.finishedAt = s.integer(12);
+    } else if (row.batch.isClosed && !s.isNull(5)) {
+      row.finishedAt = s.integer(5);
     }
-    Statement s(*statements_,
-                std::string(kBatchSessions) +
-                    "SELECT f.id, f.name, f.started_at, f.sequence_name, f.is_closed, f.closed_at, "
-                    "count(s.batch_id), total(s.status = 'Running'), total(s.status = 'Passed'), "
-                    "total(s.status = 'Unresolved'), total(s.status = 'Failed'), "
-                    "min(s.started_at), max(s.stopped), json_group_array(DISTINCT s.app), "
-                    "json_group_array(DISTINCT s.branch) "
-                    "FROM found f LEFT JOIN s ON s.batch_id = f.id GROUP BY f.id "
-                    "ORDER BY max(s.started_at) DESC, f.r DESC LIMIT ?2 OFFSET ?3");
-    s.bind(1, pattern)
-        .bind(2, std::max<std::int64_t>(limit, 0))
-        .bind(3, std::max<std::int64_t>(offset, 0));
-    while (s.step()) {
-      BatchSummary row;
-      row.batch = {s.text(0), s.optText(1), s.optText(2), s.optText(3), s.integer(4) != 0};
-      row.tests = s.integer(6);
-      row.running = s.integer(7);
-      row.passed = s.integer(8);
-      row.unresolved = s.integer(9);
-      row.failed = s.integer(10);
-      row.startedAt = s.integer(11);
-      if (row.tests > 0 && row.running == 0 && !s.isNull(12)) {
-        row.finishedAt = s.integer(12);
-      } else if (row.batch.isClosed && !s.isNull(5)) {
-        row.finishedAt = s.integer(5);
-      }
-      row.apps = distinctTexts(s.text(13));
-      row.branches = distinctTexts(s.text(14));
-      page.rows.push_back(std::move(row));
-    }
-    return page;
+    row.apps = distinctTexts(s.text(13));
+    row.branches = distinctTexts(s.text(14));
+    page.rows.push_back(std::move(row));
   }
+  return page;
+}
 
-  std::optional<std::vector<std::uint8_t>> Store::imageHead(const std::string& id,
-                                                            std::size_t count) const {
-    if (!isImageId(id)) return std::nullopt;
-    std::ifstream in(imagePath(id), std::ios::binary);
-    if (!in) return std::nullopt;
-    std::vector<std::uint8_t> head(count);
-    in.read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(count));
-    head.resize(static_cast<std::size_t>(in.gcount()));
-    return head;
-  }
+std::optional<std::vector<std::uint8_t>> Store::imageHead(const std::string& id,
+                                                          std::size_t count) const {
+  if (!isImageId(id)) return std::nullopt;
+  std::ifstream in(imagePath(id), std::ios::binary);
+  if (!in) return std::nullopt;
+  std::vector<std::uint8_t> head(count);
+  in.read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(count));
+  head.resize(static_cast<std::size_t>(in.gcount()));
+  return head;
+}
 
-  void Store::putStepChanges(const std::string& sessionId, std::int64_t position,
-                             const Json& changes) {
-    requireOwnFolder();
-    std::lock_guard lock(mutex_);
-    Statement s(*statements_,
-                "INSERT INTO step_changes(session_id, position, changes) VALUES(?, ?, ?) "
-                "ON CONFLICT(session_id, position) DO UPDATE SET changes = excluded.changes");
-    s.bind(1, sessionId).bind(2, position).bind(3, json::write(changes));
-    s.run();
-  }
+void Store::putStepChanges(const std::string& sessionId, std::int64_t position,
+                           const Json& changes) {
+  requireOwnFolder();
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_,
+              "INSERT INTO step_changes(session_id, position, changes) VALUES(?, ?, ?) "
+              "ON CONFLICT(session_id, position) DO UPDATE SET changes = excluded.changes");
+  s.bind(1, sessionId).bind(2, position).bind(3, json::write(changes));
+  s.run();
+}
 
-  std::map<std::int64_t, Json> Store::stepChanges(const std::string& sessionId) {
-    std::lock_guard lock(mutex_);
-    Statement s(*statements_, "SELECT position, changes FROM step_changes WHERE session_id = ?");
-    s.bind(1, sessionId);
-    std::map<std::int64_t, Json> found;
-    while (s.step()) {
-      std::optional<Json> changes = json::parse(s.text(1));
-      if (changes && changes->is_object()) found[s.integer(0)] = std::move(*changes);
-    }
-    return found;
+std::map<std::int64_t, Json> Store::stepChanges(const std::string& sessionId) {
+  std::lock_guard lock(mutex_);
+  Statement s(*statements_, "SELECT position, changes FROM step_changes WHERE session_id = ?");
+  s.bind(1, sessionId);
+  std::map<std::int64_t, Json> found;
+  while (s.step()) {
+    std::optional<Json> changes = json::parse(s.text(1));
+    if (changes && changes->is_object()) found[s.integer(0)] = std::move(*changes);
   }
+  return found;
+}
 
 }  // namespace saffra::server
