@@ -21,14 +21,6 @@ namespace {
 
 using testing::kWhite;
 
-Image patterned(std::size_t width, std::size_t height, int seed) {
-  Image image(width, height);
-  for (std::size_t i = 0; i < image.pixels().size(); ++i) {
-    image.mutableData()[i] = static_cast<std::uint8_t>((i * 7 + seed * 31) ^ (i >> 5));
-  }
-  return image;
-}
-
 std::vector<std::uint8_t> corpusFile(const char* name) {
   std::ifstream in(std::string(SAFFRA_CORPUS_DIR) + "/" + name, std::ios::binary);
   return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
