@@ -353,9 +353,9 @@ TEST_F(WebTest, StaleAcceptsAskForConfirmationAndVersionsRollBack) {
 TEST_F(WebTest, ReviewPageOrdersCountsAndFiltersSteps) {
   harness_.runTest(test_, {kPlain, kPlain, kPlain}, true);
   std::string id = harness_.start(test_).body["id"];
-  harness_.match(id, matchBody(kPlain, "same"));
-  harness_.match(id, matchBody(kMarked, "changed"));
-  harness_.match(id, matchBody(kPlain, "same too"));
+  harness_.match(id, matchBody(kPlain, "step 1"));
+  harness_.match(id, matchBody(kMarked, "step 2"));
+  harness_.match(id, matchBody(kPlain, "step 3"));
   harness_.match(id, matchBody(kMarked, "beyond the baseline"));
   harness_.stop(id, false, false);
   browser_.logIn(kApiKey);
@@ -385,7 +385,7 @@ TEST_F(WebTest, ReviewPageOrdersCountsAndFiltersSteps) {
 
   std::string filtered = browser_.get(base + "?status=new").body;
   EXPECT_TRUE(contains(filtered,
-                       "data-step=\"2\" data-status=\"mismatched\" data-name=\"changed\" hidden>"));
+                       "data-step=\"2\" data-status=\"mismatched\" data-name=\"step 2\" hidden>"));
   EXPECT_TRUE(
       contains(filtered, "data-step=\"4\" data-status=\"new\" data-name=\"beyond the baseline\">"));
   EXPECT_TRUE(contains(filtered, "?status=new\" aria-current=\"true\""));

@@ -94,9 +94,10 @@ class BaselineHistoryTest : public ::testing::Test {
     std::string output;
     Json results;  // the results document the printed address leads API clients to
   };
-  // `saffra check` of test "Gallery" of app "Shop".
+  // `saffra check` of test "Gallery" of app "Shop", keyed on the viewport the library runs use.
   Check check(const std::vector<std::string>& paths) {
-    std::vector<std::string> args{"check", "--app", "Shop", "--test", "Gallery", "--timeout", "20"};
+    std::vector<std::string> args{"check",     "--app", "Shop",       "--test", "Gallery",
+                                  "--timeout", "20",    "--viewport", "48x32"};
     args.insert(args.end(), paths.begin(), paths.end());
     testing::ChildProcess child(kCommand, args,
                                 {"QUORVANT_API_KEY=key", "QUORVANT_SERVER_URL=" + url_});
@@ -242,7 +243,7 @@ TEST_F(BaselineHistoryTest, OldRunsNeedConfirmingAndVersionsCanBeRolledBack) {
   EXPECT_NE(page->body.find("/versions/2/rollback"), std::string::npos);
   auto test =
       client().Get(withKey("/app/sessions/" + *b->resultsId()).c_str(), {{"Accept", "text/html"}});
-  EXPECT_NE(test->body.find("version 1 of branch default"), std::string::npos);
+  EXPECT_NE(test->body.find("version 1 of branch <bdi>default</bdi>"), std::string::npos);
 }
 
 // Two clients accept the same session at once, and an accept lands while another run is going:
