@@ -21,6 +21,7 @@
 #include "saffra/platform/json.h"
 #include "saffra/platform/uuid.h"
 #include "testing/child_process.h"
+#include "testing/png_files.h"
 #include "testing/xml_document.h"
 
 namespace saffra {
@@ -71,11 +72,7 @@ class CheckCommandTest : public ::testing::Test {
   }
 
   std::string write(const std::string& name, const std::shared_ptr<Image>& image) {
-    std::vector<std::uint8_t> bytes = image->pngData();
-    std::ofstream(folder_ / name, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
-    return (folder_ / name).string();
+    return testing::writePNGFile(folder_ / name, *image);
   }
   std::vector<std::string> environment(std::vector<std::string> extra = {}) const {
     extra.push_back("QUORVANT_API_KEY=key");

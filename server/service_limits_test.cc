@@ -129,9 +129,9 @@ TEST(ServiceLimitsTest, BatchIdsOfAnyCharactersCanBeClosed) {
   Harness service(folder.path());
   for (const std::string id : {"release/1.2", "a b?c#d%e", "../x", "ünï"}) {
     SCOPED_TRACE(id);
-    SessionSpec spec;
-    spec.batchId = id;
-    service.runTest(spec, {kPlain}, true);
+    SessionSpec test;
+    test.batchId = id;
+    service.runTest(test, {kPlain}, true);
     Reply closed = service.closeBatch(percentEncode(id));
     EXPECT_EQ(closed.status, 200) << closed.raw;
     EXPECT_EQ(closed.body.value("id", ""), id);

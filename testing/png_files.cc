@@ -15,6 +15,14 @@ Bytes readFile(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
+std::string writePNGFile(const std::filesystem::path& path, const Image& image) {
+  const Bytes bytes = image.pngData();
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+  return path.string();
+}
+
 void put32(Bytes& out, std::size_t v) {
   for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
 }

@@ -18,6 +18,8 @@ using Bytes = std::vector<std::uint8_t>;
 
 /// The bytes of a file (empty when it cannot be read).
 Bytes readFile(const std::filesystem::path& path);
+/// Writes the image as a PNG file (the library's encoder) and returns the file's path.
+std::string writePNGFile(const std::filesystem::path& path, const Image& image);
 
 /// Appends `v` as a 32-bit big-endian number; reads one back.
 void put32(Bytes& out, std::size_t v);

@@ -22,6 +22,7 @@
 #include "saffra/platform/uuid.h"
 #include "saffra/saffra.h"
 #include "testing/child_process.h"
+#include "testing/png_files.h"
 
 namespace saffra {
 namespace {
@@ -80,11 +81,7 @@ class BaselineHistoryTest : public ::testing::Test {
     fs::create_directories(dir);
     std::vector<std::string> paths;
     for (const auto& [name, n] : shots) {
-      std::vector<std::uint8_t> bytes = screen(n)->pngData();
-      std::ofstream(dir / name, std::ios::binary)
-          .write(reinterpret_cast<const char*>(bytes.data()),
-                 static_cast<std::streamsize>(bytes.size()));
-      paths.push_back((dir / name).string());
+      paths.push_back(testing::writePNGFile(dir / name, *screen(n)));
     }
     return paths;
   }

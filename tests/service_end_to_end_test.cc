@@ -20,6 +20,7 @@
 #include "saffra/platform/uuid.h"
 #include "saffra/saffra.h"
 #include "testing/child_process.h"
+#include "testing/png_files.h"
 #include "testing/test_server.h"
 #include "testing/xml_document.h"
 
@@ -147,11 +148,7 @@ class ServiceEndToEndTest : public ::testing::Test {
 
   // Writes the image as a PNG file in the test's folder and returns its path.
   std::string write(const std::string& name, const std::shared_ptr<Image>& image) {
-    std::vector<std::uint8_t> bytes = image->pngData();
-    std::ofstream(folder_ / name, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
-    return (folder_ / name).string();
+    return testing::writePNGFile(folder_ / name, *image);
   }
   struct Outcome {
     int exitCode;
