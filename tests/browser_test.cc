@@ -426,7 +426,9 @@ TEST_F(BrowserTest, KeyboardReview) {
   Json r = drive({
       {{"do", "goto"}, {"path", page(changed.sessionId)}},
       {{"do", "login"}, {"key", kKey}},
-      until("document.querySelector('section.step.focused img.current').complete"),
+      // Both images of the first change have loaded (a slow build serves them later).
+      until("['baseline', 'current'].every((k) => { const i = document.querySelector("
+            "'section.step.focused img.' + k); return i && i.complete && i.naturalWidth > 0; })"),
       review("opened"),
       key("j"),
       review("j"),
