@@ -46,7 +46,13 @@ TEST(ServiceLimitsTest, ChunkedBodiesOverTheLimitAreRefusedWithoutGrowingMemory)
   std::thread other([&] { EXPECT_EQ(flood(), 413); });
   EXPECT_EQ(flood(), 413);
   other.join();
+  // Sanitizers keep freed blocks in quarantine and add shadow memory, so resident size says
+  // nothing there; the plain build checks it.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_LT(residentBytes() - std::min(before, residentBytes()), std::size_t{64} << 20);
+#else
+  (void)before;
+#endif
   EXPECT_EQ(service.start(SessionSpec{}).status, 201);
 }
 
