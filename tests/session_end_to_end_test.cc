@@ -286,7 +286,8 @@ TEST_F(SessionEndToEndTest, GarbageAndDroppedReplies) {
   // A start reply that is not JSON gives no session and no error: the test is closed, and the
   // check waits in vain.
   server.route("POST", kStartPath, Reply::text(200, "<html>proxy error</html>"));
-  saffra.setWaitTimeoutForTesting(1);
+  // Long enough for the start's reply to arrive first on a loaded machine under a sanitizer.
+  saffra.setWaitTimeoutForTesting(10);
   saffra.openWithApplicationName("Shop", "Login");
   EXPECT_THROW(saffra.checkImage(testImage()), TestFailedException);
   EXPECT_TRUE(log.contains("Server session was not started"));
