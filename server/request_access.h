@@ -1,0 +1,59 @@
+// Who may do what: the API keys of protocol requests, the logins of pages (with their CSRF
+// tokens) and the login form itself.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "server/http/request.h"
+#include "server/replies.h"
+#include "server/service.h"
+#include "server/web_access.h"
+
+namespace saffra::server {
+
+/// Checks the credentials of requests: an API key in the query, or a login cookie; keeps the
+/// logins and the wrong-key attempts of each address. Also answers the login form.
+class RequestAccess {
+ public:
+  using Request = http::Request;
+  using Response = http::Response;
+
+  explicit RequestAccess(const ServiceOptions& options) : options(options) {}
+
+  /// Whether the query holds a configured key. An address whose wrong keys used up its
+  /// attempts gets 429 for any key until its attempts come back, so keys cannot be guessed fast.
+  bool hasApiKey(const Request& req);
+
+  void requireApiKey(const Request& req);
+
+  /// The login whose token the request's cookie carries.
+  std::optional<Logins::Login> loginOf(const Request& req);
+
+  /// Pages and images need an API key in the query or a login cookie. Browsers without either
+  /// are sent to the login form; other clients get 401.
+  void requireReader(const Request& req, const std::string& next = "");
+
+  /// The login a page's forms belong to; a reader who came with the API key gets one (and its
+  /// cookie), so the page's images, links and forms work without the key.
+  Logins::Login pageLogin(const Request& req, Response& res);
+
+  /// Checks a review form: from this service's own pages, by a logged-in reader, with the
+  /// login's CSRF token.
+  void requireReviewForm(const Request& req, const std::string& sessionIdOrPage);
+
+  // GET /app/login?next=...
+  void loginForm(const Request& req, Response& res);
+
+  // POST /app/login with the form fields apiKey and next.
+  void login(const Request& req, Response& res);
+
+ private:
+  static RequestError tooManyAttempts();
+
+  const ServiceOptions& options;
+  Logins logins;
+  AttemptLimiter attempts;
+};
+
+}  // namespace saffra::server
