@@ -14,10 +14,6 @@ using http::Params;
 using http::Request;
 using http::Response;
 
-std::int64_t now() {
-  return static_cast<std::int64_t>(std::time(nullptr));
-}
-
 void replyJson(Response& res, int status, const Json& body) {
   res.status = status;
   res.set_content(json::write(body), "application/json");
@@ -25,33 +21,6 @@ void replyJson(Response& res, int status, const Json& body) {
 
 void replyError(Response& res, int status, const std::string& message) {
   replyJson(res, status, Json{{"error", message}});
-}
-
-std::string textAt(const Json& object, std::string_view key) {
-  const Json* value = json::find(object, key);
-  return value ? json::stringValue(*value).value_or("") : std::string();
-}
-
-OptString optTextAt(const Json& object, std::string_view key) {
-  const Json* value = json::find(object, key);
-  return value ? json::stringValue(*value) : std::nullopt;
-}
-
-bool boolAt(const Json& object, std::string_view key) {
-  const Json* value = json::find(object, key);
-  return value && json::boolValue(*value);
-}
-
-double finiteAt(const Json& object, std::string_view key) {
-  const Json* value = json::find(object, key);
-  double d = value ? json::doubleValue(*value) : 0.0;
-  return std::isfinite(d) ? d : 0.0;
-}
-
-const Json& objectAt(const Json& object, std::string_view key) {
-  static const Json empty = Json::object();
-  const Json* value = json::find(object, key);
-  return value && value->is_object() ? *value : empty;
 }
 
 Json parseBody(const Request& req) {

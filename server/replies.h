@@ -10,7 +10,9 @@
 
 #include "saffra/platform/json.h"
 #include "saffra/platform/nullable.h"
+#include "server/clock.h"
 #include "server/http/request.h"
+#include "server/json_fields.h"
 #include "server/results_document.h"
 #include "server/store.h"
 
@@ -39,9 +41,6 @@ class LoginRequired : public std::exception {
   std::string next_;
 };
 
-/// Seconds since the epoch.
-std::int64_t now();
-
 void replyJson(http::Response& res, int status, const Json& body);
 void replyError(http::Response& res, int status, const std::string& message);
 /// The headers of every reply: pages load their script, style and images from the service
@@ -51,13 +50,6 @@ void setSecurityHeaders(http::Response& res);
 void replyHtml(http::Response& res, int status, const std::string& html);
 void redirect(http::Response& res, const std::string& location);
 
-/// The text, optional text, boolean, finite number and object members of a JSON object;
-/// empty, false or 0 when missing or of another type.
-std::string textAt(const Json& object, std::string_view key);
-OptString optTextAt(const Json& object, std::string_view key);
-bool boolAt(const Json& object, std::string_view key);
-double finiteAt(const Json& object, std::string_view key);
-const Json& objectAt(const Json& object, std::string_view key);
 /// The request's body as a JSON object; throws RequestError (400) otherwise.
 Json parseBody(const http::Request& req);
 /// Session ids are the service's own UUIDs; anything else (path characters included) is

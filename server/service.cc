@@ -7,6 +7,7 @@
 
 #include "saffra/base/logger.h"
 #include "saffra/platform/json.h"
+#include "server/clock.h"
 #include "server/http/http_server.h"
 #include "server/replies.h"
 #include "server/request_access.h"

@@ -158,8 +158,8 @@ void SessionApi::matchWindow(const Request& req, Response& res) {
     }
   }
   const bool sameAsBaseline = sameImage.has_value();
-  const bool ignoreMatch = boolAt(options, "ignoreMatch");
-  const bool ignoreMismatch = boolAt(options, "ignoreMismatch");
+  const bool ignoreMatch = json::boolAt(options, "ignoreMatch");
+  const bool ignoreMismatch = json::boolAt(options, "ignoreMismatch");
   // Every other upload is hashed while a helper decodes it; a step recorded whatever its
   // verdict also has a new upload written then under a temporary name. The file is stored
   // only once the upload proved a valid image, before the step's row refers to it (otherwise
@@ -198,8 +198,8 @@ void SessionApi::matchWindow(const Request& req, Response& res) {
     step.baselinePosition = baseline->position;
     step.matchedAlternative = matchedAlternative.has_value();
   }
-  if (boolAt(options, "forceMatch")) outcome.matches = true;
-  if (boolAt(options, "forceMismatch")) outcome.matches = false;
+  if (json::boolAt(options, "forceMatch")) outcome.matches = true;
+  if (json::boolAt(options, "forceMismatch")) outcome.matches = false;
   step.asExpected = outcome.matches;
 
   // A mismatch sent with ignoreMismatch is a retry that a later attempt replaces.

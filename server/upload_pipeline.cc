@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "saffra/platform/internal/png_format.h"
 #include "server/base64.h"
 #include "server/matcher.h"
 
@@ -11,8 +12,7 @@ namespace saffra::server {
 /// Reads the size a PNG declares in its header, without decoding it.
 std::optional<std::pair<std::uint64_t, std::uint64_t>> declaredPngSize(
     const std::vector<std::uint8_t>& png) {
-  static constexpr std::uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-  if (png.size() < 24 || !std::equal(kSignature, kSignature + 8, png.begin()) ||
+  if (png.size() < 24 || !std::equal(png::kPngSignature, png::kPngSignature + 8, png.begin()) ||
       std::string_view(reinterpret_cast<const char*>(&png[12]), 4) != "IHDR") {
     return std::nullopt;
   }

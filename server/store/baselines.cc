@@ -7,13 +7,13 @@
 #include <utility>
 #include <vector>
 
+#include "server/clock.h"
 #include "server/store.h"
 #include "server/store/session_rows.h"
 #include "server/store/statement.h"
 
 namespace saffra::server {
 
-using storage::now;
 using storage::outcomeJson;
 using storage::Statement;
 using storage::Transaction;

@@ -1,12 +1,8 @@
 #include "server/store/session_rows.h"
 
-#include <ctime>
+#include "server/json_fields.h"
 
 namespace saffra::server::storage {
-
-std::int64_t now() {
-  return static_cast<std::int64_t>(std::time(nullptr));
-}
 
 Json sessionInfoJson(const SessionRecord& s) {
   return Json{{"appName", s.appName},
@@ -19,27 +15,17 @@ Json sessionInfoJson(const SessionRecord& s) {
               {"defaultMatchSettings", s.defaultMatchSettings}};
 }
 
-std::string stringAt(const Json& object, std::string_view key) {
-  const Json* v = json::find(object, key);
-  return v ? json::stringValue(*v).value_or("") : std::string();
-}
-
-bool boolAt(const Json& object, std::string_view key) {
-  const Json* v = json::find(object, key);
-  return v && json::boolValue(*v);
-}
-
 void readSessionInfo(const Json& info, SessionRecord& s) {
-  s.appName = stringAt(info, "appName");
-  s.testName = stringAt(info, "testName");
-  s.hostOS = stringAt(info, "hostOS");
-  s.hostApp = stringAt(info, "hostApp");
+  s.appName = textAt(info, "appName");
+  s.testName = textAt(info, "testName");
+  s.hostOS = textAt(info, "hostOS");
+  s.hostApp = textAt(info, "hostApp");
   if (const Json* size = json::find(info, "displaySize")) {
     if (const Json* w = json::find(*size, "width")) s.displayWidth = json::doubleValue(*w);
     if (const Json* h = json::find(*size, "height")) s.displayHeight = json::doubleValue(*h);
   }
-  s.baselineEnvName = stringAt(info, "baselineEnvName");
-  s.branchName = stringAt(info, "branchName");
+  s.baselineEnvName = textAt(info, "baselineEnvName");
+  s.branchName = textAt(info, "branchName");
   if (const Json* settings = json::find(info, "defaultMatchSettings")) {
     s.defaultMatchSettings = *settings;
   }
@@ -64,12 +50,12 @@ Json outcomeJson(const Outcome& o) {
 
 Outcome readOutcome(const Json& j) {
   Outcome o;
-  o.status = stringAt(j, "status");
-  o.stoppedStatus = stringAt(j, "stoppedStatus");
+  o.status = textAt(j, "status");
+  o.stoppedStatus = textAt(j, "stoppedStatus");
   if (o.stoppedStatus.empty()) o.stoppedStatus = o.status;
-  o.isAborted = boolAt(j, "isAborted");
-  o.isDifferent = boolAt(j, "isDifferent");
-  o.savedAsBaseline = boolAt(j, "savedAsBaseline");
+  o.isAborted = json::boolAt(j, "isAborted");
+  o.isDifferent = json::boolAt(j, "isDifferent");
+  o.savedAsBaseline = json::boolAt(j, "savedAsBaseline");
   if (const Json* t = json::find(j, "stoppedAt")) o.stoppedAt = json::integerValue(*t);
   if (const Json* missing = json::find(j, "missing"); missing && missing->is_array()) {
     for (const Json& m : *missing) {
@@ -78,7 +64,7 @@ Outcome readOutcome(const Json& j) {
       const Json* position = json::find(m, "position");
       const Json* inBaseline = json::find(m, "baselinePosition");
       const std::int64_t at = position ? json::integerValue(*position) : 0;
-      o.missing.push_back({at, stringAt(m, "tag"), stringAt(m, "image"), {}});
+      o.missing.push_back({at, textAt(m, "tag"), textAt(m, "image"), {}});
       o.baselinePositions.push_back(inBaseline ? json::integerValue(*inBaseline) : at);
     }
   }

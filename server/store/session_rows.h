@@ -12,12 +12,8 @@
 
 namespace saffra::server::storage {
 
-std::int64_t now();
-
 Json sessionInfoJson(const SessionRecord& s);
 Json outcomeJson(const Outcome& o);
-std::string stringAt(const Json& object, std::string_view key);
-bool boolAt(const Json& object, std::string_view key);
 
 inline constexpr const char* kSessionColumns =
     "SELECT id, token, info, baseline_key, baseline_id, is_new, started_at, batch_id, outcome, "

@@ -6,20 +6,19 @@
 #include <utility>
 #include <vector>
 
+#include "server/clock.h"
+#include "server/json_fields.h"
 #include "server/store.h"
 #include "server/store/session_rows.h"
 #include "server/store/statement.h"
 
 namespace saffra::server {
 
-using storage::boolAt;
 using storage::kSessionColumns;
-using storage::now;
 using storage::outcomeJson;
 using storage::readSession;
 using storage::sessionInfoJson;
 using storage::Statement;
-using storage::stringAt;
 using storage::Transaction;
 
 std::optional<BatchRecord> Store::batch(const std::string& id) {
@@ -140,8 +139,8 @@ std::vector<StepRecord> Store::steps(const std::string& sessionId) {
     r.matchLevel = s.text(6);
     if (!s.isNull(7)) {
       Json a = json::parse(s.text(7)).value_or(Json::object());
-      r.accessibilityPassed = boolAt(a, "passed");
-      r.accessibilityLevel = stringAt(a, "level");
+      r.accessibilityPassed = json::boolAt(a, "passed");
+      r.accessibilityLevel = textAt(a, "level");
     }
     if (!s.isNull(8)) {
       std::optional<Json> settings = json::parse(s.text(8));
