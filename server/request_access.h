@@ -16,37 +16,34 @@ namespace saffra::server {
 /// logins and the wrong-key attempts of each address. Also answers the login form.
 class RequestAccess {
  public:
-  using Request = http::Request;
-  using Response = http::Response;
-
   explicit RequestAccess(const ServiceOptions& options) : options(options) {}
 
   /// Whether the query holds a configured key. An address whose wrong keys used up its
   /// attempts gets 429 for any key until its attempts come back, so keys cannot be guessed fast.
-  bool hasApiKey(const Request& req);
+  bool hasApiKey(const http::Request& req);
 
-  void requireApiKey(const Request& req);
+  void requireApiKey(const http::Request& req);
 
   /// The login whose token the request's cookie carries.
-  std::optional<Logins::Login> loginOf(const Request& req);
+  std::optional<Logins::Login> loginOf(const http::Request& req);
 
   /// Pages and images need an API key in the query or a login cookie. Browsers without either
   /// are sent to the login form; other clients get 401.
-  void requireReader(const Request& req, const std::string& next = "");
+  void requireReader(const http::Request& req, const std::string& next = "");
 
   /// The login a page's forms belong to; a reader who came with the API key gets one (and its
   /// cookie), so the page's images, links and forms work without the key.
-  Logins::Login pageLogin(const Request& req, Response& res);
+  Logins::Login pageLogin(const http::Request& req, http::Response& res);
 
   /// Checks a review form: from this service's own pages, by a logged-in reader, with the
   /// login's CSRF token.
-  void requireReviewForm(const Request& req, const std::string& sessionIdOrPage);
+  void requireReviewForm(const http::Request& req, const std::string& sessionIdOrPage);
 
   // GET /app/login?next=...
-  void loginForm(const Request& req, Response& res);
+  void loginForm(const http::Request& req, http::Response& res);
 
   // POST /app/login with the form fields apiKey and next.
-  void login(const Request& req, Response& res);
+  void login(const http::Request& req, http::Response& res);
 
  private:
   static RequestError tooManyAttempts();

@@ -18,37 +18,34 @@ namespace saffra::server {
 /// The handlers that change baselines: reviews and rollbacks, and the baselines' history.
 class ReviewRoutes {
  public:
-  using Request = http::Request;
-  using Response = http::Response;
-
   ReviewRoutes(Store* store, RequestAccess& access, SessionLocks& locks)
       : store(store), access(access), locks(locks) {}
 
   // POST /app/sessions/{id}/steps/{n}/{accept|alternative|reject} and
   // POST /app/sessions/{id}/accept, from the pages.
-  void review(const Request& req, Response& res);
+  void review(const http::Request& req, http::Response& res);
 
   // POST /api/sessions/{id}/steps/{n}/{accept|alternative|reject} and
   // POST /api/sessions/{id}/accept, with the API key.
-  void reviewApi(const Request& req, Response& res);
+  void reviewApi(const http::Request& req, http::Response& res);
 
   // GET of a review address.
-  void reviewNeedsPost(const Request&, Response& res);
+  void reviewNeedsPost(const http::Request&, http::Response& res);
 
   // GET /api/baselines/{id} and /app/baselines/{id}
-  void baselineApi(const Request& req, Response& res);
+  void baselineApi(const http::Request& req, http::Response& res);
 
-  void baselinePage(const Request& req, Response& res);
+  void baselinePage(const http::Request& req, http::Response& res);
 
   // POST /api/baselines/{id}/rollback?version=N (API key) and
   // POST /app/baselines/{id}/versions/{n}/rollback (page form)
-  void rollbackApi(const Request& req, Response& res);
+  void rollbackApi(const http::Request& req, http::Response& res);
 
-  void rollbackForm(const Request& req, Response& res);
+  void rollbackForm(const http::Request& req, http::Response& res);
 
  private:
-  void reviewSession(const Request& req, Response& res, const std::string& id, bool confirmed,
-                     bool replyWithJson);
+  void reviewSession(const http::Request& req, http::Response& res, const std::string& id,
+                     bool confirmed, bool replyWithJson);
 
   /// The identity of a baseline as its key holds it, for its page.
   static std::vector<std::pair<std::string, std::string>> baselineIdentity(const std::string& key);
@@ -57,10 +54,10 @@ class ReviewRoutes {
 
   static Json historyJson(const BaselineHistory& h);
 
-  void baselineResults(const Request& req, Response& res, bool api);
+  void baselineResults(const http::Request& req, http::Response& res, bool api);
 
-  void rollback(const Request&, Response& res, std::int64_t id, const std::string& versionText,
-                bool replyWithJson);
+  void rollback(const http::Request&, http::Response& res, std::int64_t id,
+                const std::string& versionText, bool replyWithJson);
 
   Store* store;
   RequestAccess& access;

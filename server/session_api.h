@@ -19,9 +19,6 @@ namespace saffra::server {
 /// The REST protocol's session handlers.
 class SessionApi {
  public:
-  using Request = http::Request;
-  using Response = http::Response;
-
   /// `boundPort` and `startedAt` are the service's, set when it starts.
   SessionApi(const ServiceOptions& options, Store* store, RequestAccess& access,
              SessionLocks& locks, UploadPipeline& uploads, const int& boundPort,
@@ -35,20 +32,20 @@ class SessionApi {
         startedAt(startedAt) {}
 
   // POST /api/sessions/running
-  void startSession(const Request& req, Response& res);
+  void startSession(const http::Request& req, http::Response& res);
 
   // POST /api/sessions/running/{id}
-  void matchWindow(const Request& req, Response& res);
+  void matchWindow(const http::Request& req, http::Response& res);
 
   /// Aborts the running sessions whose client has sent nothing for the idle time; sessions of
   /// an earlier run of the service count from its start.
   void abortIdleSessions();
 
   // DELETE /api/sessions/running/{id}?aborted=..&updateBaseline=..
-  void stopSession(const Request& req, Response& res);
+  void stopSession(const http::Request& req, http::Response& res);
 
   // DELETE /api/sessions/batches/{id}/close/bypointerid
-  void closeBatch(const Request& req, Response& res);
+  void closeBatch(const http::Request& req, http::Response& res);
 
   /// The match-window requests handled so far, failed ones included, and their time.
   HandlerTime matchWindowTime() const {
