@@ -362,7 +362,7 @@ class Store {
   /// The changes kept for the steps of a session, by position.
   std::map<std::int64_t, Json> stepChanges(const std::string& sessionId);
 
-  /// The store's prepared statements, kept between uses (defined in store.cc).
+  /// The store's prepared statements, kept between uses (defined in store/statement.h).
   class StatementCache;
 
  private:
@@ -386,7 +386,7 @@ class Store {
                           const std::string& kind, const OptString& sessionId,
                           std::optional<std::int64_t> fromVersion);
 
-  /// The thread that flushes stored image files to disk (defined in store.cc).
+  /// The thread that flushes stored image files to disk (defined in store/image_files.h).
   class Flusher;
 
   std::filesystem::path folder_;

@@ -1,0 +1,56 @@
+// Who may do what: the API keys of protocol requests, the logins of pages (with their CSRF
+// tokens) and the login form itself.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "server/http/request.h"
+#include "server/replies.h"
+#include "server/service.h"
+#include "server/web_access.h"
+
+namespace saffra::server {
+
+/// Checks the credentials of requests: an API key in the query, or a login cookie; keeps the
+/// logins and the wrong-key attempts of each address. Also answers the login form.
+class RequestAccess {
+ public:
+  explicit RequestAccess(const ServiceOptions& options) : options(options) {}
+
+  /// Whether the query holds a configured key. An address whose wrong keys used up its
+  /// attempts gets 429 for any key until its attempts come back, so keys cannot be guessed fast.
+  bool hasApiKey(const http::Request& req);
+
+  void requireApiKey(const http::Request& req);
+
+  /// The login whose token the request's cookie carries.
+  std::optional<Logins::Login> loginOf(const http::Request& req);
+
+  /// Pages and images need an API key in the query or a login cookie. Browsers without either
+  /// are sent to the login form; other clients get 401.
+  void requireReader(const http::Request& req, const std::string& next = "");
+
+  /// The login a page's forms belong to; a reader who came with the API key gets one (and its
+  /// cookie), so the page's images, links and forms work without the key.
+  Logins::Login pageLogin(const http::Request& req, http::Response& res);
+
+  /// Checks a review form: from this service's own pages, by a logged-in reader, with the
+  /// login's CSRF token.
+  void requireReviewForm(const http::Request& req, const std::string& sessionIdOrPage);
+
+  // GET /app/login?next=...
+  void loginForm(const http::Request& req, http::Response& res);
+
+  // POST /app/login with the form fields apiKey and next.
+  void login(const http::Request& req, http::Response& res);
+
+ private:
+  static RequestError tooManyAttempts();
+
+  const ServiceOptions& options;
+  Logins logins;
+  AttemptLimiter attempts;
+};
+
+}  // namespace saffra::server
