@@ -610,6 +610,11 @@ TEST_F(BrowserTest, MarkupInNamesIsText) {
 // change's current image shows, and from a key until the next change's image shows. Reported,
 // not asserted; what is asserted is that the page fetched only the images it showed.
 TEST_F(BrowserTest, FiveHundredStepsOpenOnTheFirstChange) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // Its figures mean nothing under a sanitizer, and there the thousand checks outlast the
+  // test's time limit; the plain build runs it.
+  GTEST_SKIP() << "not run under a sanitizer";
+#endif
   const std::set<int> changes = {37, 120, 250, 333, 498};
   run("Five hundred steps", screens(500, {}, 800, 500));
   Run changed = run("Five hundred steps", screens(500, changes, 800, 500));
