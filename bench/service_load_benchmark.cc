@@ -4,32 +4,33 @@
 // connection. Requests are prepared once, so the clients spend little processor time and the
 // figures are the service's.
 //
-//   Paced/C/I     C clients, each checking every 2 s (a single client every 250 ms, for more
-//                 samples), with I idle connections held open beside them for the whole run.
-//                 p50_ms, p99_ms: latency of the check request; p99_vs_single: p99 over that
-//                 of Paced/1/0 measured earlier in the same run.
-//   BackToBack/C  C clients checking without pause: checks_per_s.
+//   Paced/C/I       C clients, each checking every 2 s (a single client every 250 ms, for more
+//                   samples), with I idle connections held open beside them for the whole run.
+//                   p50_ms, p99_ms: latency of the check request; p99_vs_single: p99 over that
+//                   of Paced/1/0 measured earlier in the same run.
+//   BackToBack/C/S  C clients checking without pause: checks_per_s. S = 0: the service in this
+//                   process; S = 1: this build's `saffra serve` as a process of its own; S = 2:
+//                   the `saffra serve` of another build, named by SAFFRA_OTHER_SAFFRA (skipped
+//                   when unset), with vs_this_build = its checks/s over S = 1's. S = 1 and 2 run
+//                   the service alone in its process, so they compare two builds fairly.
 //
-//   build/service_load_benchmark                      (about 70 s)
+//   build/service_load_benchmark                      (about 100 s)
+//   SAFFRA_OTHER_SAFFRA=../old/build/saffra build/service_load_benchmark --benchmark_filter=Back
 //
-// On the 2-core Xeon shared with other builds (load average 10), RelWithDebInfo, one run:
-//     Paced/1/0      p50 8.2 ms, p99 472 ms (64 checks: p99 is the one slowest)
-//     Paced/64/0     p50 8.4 ms, p99 145 ms, p99_vs_single 0.31 (512 checks)
-//     Paced/64/1000  p50 8.0 ms, p99 125 ms, p99_vs_single 0.27
-//     BackToBack/8   75 checks/s, p50 61 ms
-// The cpp-httplib server this replaced was not run beside it (it is no longer selectable); its
-// eight workers were held by idle kept-alive connections, so this benchmark's idle
-// connections alone would have stopped it.
+// Figures, with the command and processor they came from, are in docs/performance.md.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "saffra/base/logger.h"
 #include "server/service_test_support.h"
+#include "testing/child_process.h"
 #include "testing/raw_connection.h"
 
 namespace {
@@ -47,14 +48,20 @@ std::string request(const std::string& method, const std::string& target, const 
          "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-/// A service with a phone screenshot's baseline, and the requests of one check.
+/// A service with a phone screenshot's baseline, and the requests of one check. The service
+/// runs in this process, or as `command serve` when a command is given.
 struct Fixture {
   TempFolder folder;
-  Harness harness{folder.path()};
+  std::optional<saffra::testing::ServeProcess> process;
+  std::unique_ptr<Harness> service;
+  const Harness& harness;
   std::string start;
   std::string matchBodyText;
 
-  Fixture() {
+  explicit Fixture(const std::string& command = "")
+      : service(command.empty() ? std::make_unique<Harness>(folder.path())
+                                : std::make_unique<Harness>(serve(command))),
+        harness(*service) {
     Logger::setSink([](const std::string&) {});
     const std::string corpus = std::string(SAFFRA_CORPUS_DIR) + "/pairs/";
     const auto baseline = Image::fromPNGFile(corpus + "phone-help-steps-1170x2532.png")->pngData();
@@ -66,6 +73,11 @@ struct Fixture {
     matchBodyText = json::write(matchBody(upload, "step 1"));
   }
   ~Fixture() { Logger::setSink(nullptr); }
+
+  int serve(const std::string& command) {
+    process = saffra::testing::startServe(command, folder.path(), {"--api-key", kApiKey});
+    return process->port;
+  }
 
   /// One check on `connection`: the session's start and stop are not timed. Returns the match
   /// request's latency, or a negative value when a reply was wrong.
@@ -147,16 +159,34 @@ void BM_Paced(benchmark::State& state) {
   }
 }
 
+double thisBuildChecksPerSecond = 0;
+
 void BM_BackToBack(benchmark::State& state) {
   const int clients = static_cast<int>(state.range(0));
-  Fixture f;
+  const int where = static_cast<int>(state.range(1));
+  const char* other = std::getenv("SAFFRA_OTHER_SAFFRA");
+  if (where == 2 && (!other || !*other)) {
+    state.SkipWithError("set SAFFRA_OTHER_SAFFRA to the saffra command of another build");
+    for (auto _ : state) {
+    }
+    return;
+  }
+  const std::string command = where == 0   ? ""
+                              : where == 1 ? std::string(SAFFRA_BINARY_DIR) + "/saffra"
+                                           : std::string(other);
+  Fixture f(command);
   for (auto _ : state) {
     bool failed = false;
     std::vector<double> latencies = drive(f, clients, Clock::duration::zero(), failed);
     if (failed) state.SkipWithError("a check failed");
-    state.counters["checks_per_s"] =
+    const double perSecond =
         static_cast<double>(latencies.size()) / std::chrono::duration<double>(kRunTime).count();
+    if (where == 1) thisBuildChecksPerSecond = perSecond;
+    state.counters["checks_per_s"] = perSecond;
     state.counters["p50_ms"] = percentile(latencies, 0.5);
+    if (where == 2 && thisBuildChecksPerSecond > 0) {
+      state.counters["vs_this_build"] = perSecond / thisBuildChecksPerSecond;
+    }
   }
 }
 
@@ -167,7 +197,13 @@ BENCHMARK(BM_Paced)
     ->Iterations(1)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_BackToBack)->Arg(8)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BackToBack)
+    ->Args({8, 0})
+    ->Args({8, 1})
+    ->Args({8, 2})
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

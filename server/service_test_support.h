@@ -190,12 +190,15 @@ class Harness {
     service_->start();
   }
 
+  /// A harness for a service that runs elsewhere (another process) on `port`.
+  explicit Harness(int port) : port_(port) {}
+
   Service& service() { return *service_; }
-  int port() const { return service_->port(); }
+  int port() const { return service_ ? service_->port() : port_; }
 
   Reply send(const std::string& method, const std::string& target, const std::string& body = "",
              const httplib::Headers& headers = {}) const {
-    httplib::Client client("127.0.0.1", service_->port());
+    httplib::Client client("127.0.0.1", port());
     client.set_read_timeout(30, 0);
     httplib::Result result = method == "POST"
                                  ? client.Post(target.c_str(), headers, body, "application/json")
@@ -247,6 +250,7 @@ class Harness {
 
  private:
   std::unique_ptr<Service> service_;
+  int port_ = 0;
 };
 
 }  // namespace saffra::server::testing
