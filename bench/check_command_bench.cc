@@ -10,26 +10,22 @@
 //   LibraryCheck          Saffra::checkImage of the 500 images already decoded, in one session
 //                         of the same test and baseline as CommandStream500: the baseline
 //   CommandTinyImage      one `saffra check` of one 8x8 file: the command's constant memory
+//                         (binary, libcurl, TLS, threads, the encoder's fixed tables)
 //   CommandOneImage       one `saffra check` of one file (process, session, one check, close)
 //   CommandStream500Tiny  one `saffra check` of 500 8x8 files: what 500 steps cost besides
 //                         their images (the results record of 500 steps, its document)
+//   CommandStream50       one `saffra check` of the first 50 of the 500 files
 //   CommandStream500      one `saffra check` of the folder of 500 files
 // Counters: ms_per_check, vs_library (ms_per_check / LibraryCheck's), peak_MB, raw_MB (one
-// image), and for CommandStream500 raw_multiple = (peak - CommandTinyImage's peak) / raw and
-// image_raw_multiple = (peak - CommandStream500Tiny's peak) / raw: the images' own share.
+// image). For the runs of 50 and 500 files: raw_multiple = (peak - CommandTinyImage's peak) /
+// raw, the figure held against the target of 3; vs_one_image = checks per second against
+// one-image runs (CommandOneImage's time per run / ms_per_check); and for 500 files
+// growth_raw = (peak - CommandStream50's peak) / raw, what 450 more files add.
 //
 //   cmake --build build -j2 --target check_command_bench saffra
 //   build/check_command_bench
 //
-// RelWithDebInfo on a 2-core machine shared with four other builds (load 11-13), two runs:
-//   LibraryCheck          4.0-6.1 ms per check
-//   CommandTinyImage      peak 14.5 MB (the constant)
-//   CommandOneImage       161-165 ms per run, peak 15.6 MB (2.2x raw above the constant)
-//   CommandStream500Tiny  2.3 ms per check, peak 16.6 MB
-//   CommandStream500      11.2-16.5 ms per check (vs_library 1.8-4.1), peak 17.1-17.5 MB:
-//                         raw_multiple 5.3-5.9, image_raw_multiple 1.9; 14-15x the checks per
-//                         second of one-image runs
-// Before the command streamed, 300 screenshots of 764x863 took 790 MB (all decoded first).
+// Figures of this machine: docs/performance.md.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -56,6 +52,7 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kFiles = 500;
+constexpr int kFewFiles = 50;
 constexpr int kWidth = 420;
 constexpr int kHeight = 315;
 const std::string kCommand = std::string(SAFFRA_BINARY_DIR) + "/saffra";
@@ -183,9 +180,12 @@ struct Setup {
   double libraryMsPerCheck = 0;
   double tinyPeakMB = 0;
   double tinyFolderPeakMB = 0;
+  double oneImageMs = 0;
+  double peak50MB = 0;
 
   Setup() {
     fs::create_directories(folder / "shots");
+    fs::create_directories(folder / "few");
     service = std::make_unique<server::Service>(
         server::ServiceOptions{.dataFolder = folder / "data", .apiKeys = {"key"}});
     service->start();
@@ -198,6 +198,7 @@ struct Setup {
       }
       image->mutableData()[4 * (i % kWidth)] ^= 1;  // one pixel, a shade off
       writeFile(folder / "shots" / tag(i), image);
+      if (i < kFewFiles) fs::copy_file(folder / "shots" / tag(i), folder / "few" / tag(i));
       images.push_back(std::move(image));
     }
     auto tiny = std::make_shared<Image>(8, 8);
@@ -206,6 +207,7 @@ struct Setup {
     for (int i = 0; i < kFiles; ++i) writeFile(folder / "tinies" / tag(i), tiny);
     // The baselines of the two tests the command runs.
     run({"--test", "Folder", (folder / "shots").string()});
+    run({"--test", "Few", (folder / "few").string()});
     run({"--test", "Single", (folder / "shots" / "shot-000.png").string()});
     run({"--test", "Tiny", (folder / "tiny.png").string()});
     run({"--test", "TinyFolder", (folder / "tinies").string()});
@@ -279,9 +281,15 @@ void CommandTinyImage(benchmark::State& state) {
 
 void CommandOneImage(benchmark::State& state) {
   Setup& s = setup();
+  double seconds = 0;
+  int runs = 0;
   for (auto _ : state) {
-    report(state, s.run({"--test", "Single", (s.folder / "shots" / "shot-000.png").string()}), 1);
+    Spawner::Result r = s.run({"--test", "Single", (s.folder / "shots" / "shot-000.png").string()});
+    report(state, r, 1);
+    seconds += r.seconds;
+    ++runs;
   }
+  s.oneImageMs = seconds * 1000.0 / runs;
 }
 
 void CommandStream500Tiny(benchmark::State& state) {
@@ -293,15 +301,30 @@ void CommandStream500Tiny(benchmark::State& state) {
   }
 }
 
+// The counters of a run over screenshots: its peak above the constant, in images, and its
+// checks per second against one-image runs.
+void reportStream(benchmark::State& state, const Spawner::Result& r, int checks) {
+  const Setup& s = setup();
+  report(state, r, checks);
+  if (s.tinyPeakMB > 0) state.counters["raw_multiple"] = (r.peakMB - s.tinyPeakMB) / kRawMB;
+  if (s.oneImageMs > 0) state.counters["vs_one_image"] = s.oneImageMs / (r.seconds * 1000 / checks);
+}
+
+void CommandStream50(benchmark::State& state) {
+  Setup& s = setup();
+  for (auto _ : state) {
+    Spawner::Result r = s.run({"--test", "Few", (s.folder / "few").string()});
+    reportStream(state, r, kFewFiles);
+    s.peak50MB = r.peakMB;
+  }
+}
+
 void CommandStream500(benchmark::State& state) {
   Setup& s = setup();
   for (auto _ : state) {
     Spawner::Result r = s.run({"--test", "Folder", (s.folder / "shots").string()});
-    report(state, r, kFiles);
-    if (s.tinyPeakMB > 0) state.counters["raw_multiple"] = (r.peakMB - s.tinyPeakMB) / kRawMB;
-    if (s.tinyFolderPeakMB > 0) {
-      state.counters["image_raw_multiple"] = (r.peakMB - s.tinyFolderPeakMB) / kRawMB;
-    }
+    reportStream(state, r, kFiles);
+    if (s.peak50MB > 0) state.counters["growth_raw"] = (r.peakMB - s.peak50MB) / kRawMB;
   }
 }
 
@@ -309,6 +332,7 @@ BENCHMARK(LibraryCheck)->Unit(benchmark::kMillisecond)->Iterations(kFiles);
 BENCHMARK(CommandTinyImage)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(CommandOneImage)->Unit(benchmark::kMillisecond)->Iterations(10);
 BENCHMARK(CommandStream500Tiny)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(CommandStream50)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(CommandStream500)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 }  // namespace

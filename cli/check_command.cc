@@ -36,6 +36,10 @@
 
 #include <CLI/CLI.hpp>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 #include "cli/commands.h"
 #include "cli/junit_report.h"
 #include "saffra/base/configurable.h"
@@ -325,6 +329,21 @@ std::optional<Json> fetchResultsDocument(const std::string& resultsUrl, const st
   return document;
 }
 
+// Tunes the C library's allocator for a run that streams one large buffer after another through
+// two threads (this one and the transport's). By default glibc raises its mmap threshold to the
+// size of each large block freed, so from the second image on, decoded images and encoder
+// buffers come from the heap and their pages stay resident after use; and the transport's
+// thread gets an arena of its own, which holds its peak apart from this thread's. A fixed
+// threshold returns every block above it to the system when freed, and one arena shares the
+// free memory of both threads: the command's peak stays near one image's working set however
+// many files it checks.
+void tuneAllocatorForStreaming() {
+#if defined(__GLIBC__)
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+  mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 // "Shop" / "Cart" / branch "main" / viewport 1280x800: how a run's baseline is identified.
 std::string baselineKey(const CheckOptions& options, const std::string& branch) {
   return "app \"" + options.app + "\", test \"" + options.test + "\", branch \"" + branch +
@@ -390,6 +409,7 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
     return kUsageError;
   }
 
+  tuneAllocatorForStreaming();
   LogRouting logs(options.verbose);
   Saffra saffra;
   if (!options.server.empty()) saffra.setServerURL(options.server);

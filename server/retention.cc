@@ -43,16 +43,17 @@ void PeriodicTask::run() {
 
 namespace {
 
-// Runs one small piece of retention's work, then rests nine times as long as it took, so that
-// retention holds the store (and a processor) for at most a tenth of the time and checks made
-// meanwhile keep their pace; the round takes longer, which nobody waits for.
+// Runs one small piece of retention's work, then rests nine times as long as it took (at least
+// a few milliseconds), so that retention holds the store (and a processor) for at most a tenth
+// of the time and checks made meanwhile keep their pace; the round takes longer, which nobody
+// waits for.
 template <class Work>
 auto paced(Work&& work) {
   const auto start = std::chrono::steady_clock::now();
   auto result = work();
   const auto spent = std::chrono::steady_clock::now() - start;
   std::this_thread::sleep_for(
-      std::max<std::chrono::steady_clock::duration>(3 * spent, std::chrono::milliseconds(1)));
+      std::max<std::chrono::steady_clock::duration>(9 * spent, std::chrono::milliseconds(5)));
   return result;
 }
 
@@ -64,9 +65,9 @@ RetentionReport runRetention(Store& store, const RetentionPolicy& policy, std::i
   constexpr std::int64_t kDay = 24 * 60 * 60;
   if (policy.keepDays > 0) {
     const std::int64_t before = now - policy.keepDays * kDay;
-    // Twenty sessions per transaction: a check waits for one such piece at most.
+    // Ten sessions per transaction: a check waits for one such piece at most.
     for (std::int64_t removed = 1; removed > 0 && !stopping();) {
-      removed = paced([&] { return store.removeSessions(before, 20); });
+      removed = paced([&] { return store.removeSessions(before, 10); });
       report.sessions += removed;
     }
   }

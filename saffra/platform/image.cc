@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "saffra/platform/exception.h"
@@ -88,10 +89,17 @@ std::shared_ptr<Image> Image::fromPNGFile(const std::string& path, double scale)
   if (!std::filesystem::is_regular_file(path, error)) {
     throw Exception("InvalidImageException", "Cannot read image file " + path);
   }
+  // Read in one piece of the file's size: growing a buffer byte by byte holds up to three
+  // times the file at once.
+  const std::uintmax_t size = std::filesystem::file_size(path, error);
   std::ifstream in(path, std::ios::binary);
-  std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                  std::istreambuf_iterator<char>());
-  if (!in && !in.eof()) throw Exception("InvalidImageException", "Cannot read image file " + path);
+  if (error || !in || size > std::numeric_limits<std::streamsize>::max()) {
+    throw Exception("InvalidImageException", "Cannot read image file " + path);
+  }
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(size));
+  in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  // A file that shrank meanwhile is decoded as far as it got, and fails as a corrupt image.
+  bytes.resize(static_cast<std::size_t>(in.gcount()));
   return png::decode(bytes.data(), bytes.size(), scale);
 }
 

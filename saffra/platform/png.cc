@@ -360,7 +360,17 @@ class BandCompressor {
     buildCodes(litLen, kLitLenSymbols, litCode);
     buildCodes(distLen, kDistSymbols, distCode);
 
-    writer_.reserve(count_ * 7 + 1024);
+    // Room for exactly this block: its symbols' code lengths and extra bits, plus the header
+    // (at most about 300 bytes). A worst-case guess per symbol would make the output buffer
+    // grow to several times the compressed size.
+    std::size_t bits = 0;
+    for (int c = 0; c < kLitLenSymbols; ++c) {
+      bits += std::size_t{litFreq_[c]} * (litLen[c] + (c > 256 ? kLengthExtra[c - 257] : 0u));
+    }
+    for (int c = 0; c < kDistSymbols; ++c) {
+      bits += std::size_t{distFreq_[c]} * (distLen[c] + kDistanceExtra[c]);
+    }
+    writer_.reserve(bits / 8 + 1024);
     writer_.put(final ? 1 : 0, 1);
     writer_.put(2, 2);  // dynamic Huffman codes
     writeCodeLengths(litLen, distLen);
