@@ -235,6 +235,55 @@ std::string describeRequest(const Request& req) {
   return req.method + " " + req.path;
 }
 
+/// The states of a stopped session's steps by number (from 1), missing steps after the
+/// session's own, with the verdicts `reviews` gives them.
+std::vector<std::pair<std::int64_t, std::string>> stepStatesOf(
+    const std::vector<StepRecord>& steps, const Outcome& outcome,
+    const std::map<std::int64_t, bool>& reviews) {
+  auto verdict = [&](std::int64_t position) {
+    auto found = reviews.find(position);
+    return found == reviews.end() ? std::nullopt : std::optional<bool>(found->second);
+  };
+  std::vector<std::pair<std::int64_t, std::string>> states;
+  states.reserve(steps.size() + outcome.missing.size());
+  for (const StepRecord& s : steps)
+    states.emplace_back(s.position + 1, stepState(s, verdict(s.position)));
+  for (const BaselineStep& m : outcome.missing) {
+    std::optional<bool> accepted = verdict(m.position);
+    states.emplace_back(m.position + 1,
+                        accepted ? (*accepted ? "accepted" : "rejected") : "missing");
+  }
+  return states;
+}
+
+/// A short text that changes whenever one of the states does (FNV-1a of them). A page's forms
+/// carry the one they were rendered with, so a decision made on an outdated page (sent twice,
+/// or after someone else decided) is refused instead of applied to what the page did not show.
+std::string stateToken(const std::vector<std::pair<std::int64_t, std::string>>& states,
+                       std::uint64_t hash = 14695981039346656037ull) {
+  auto mix = [&](std::string_view text) {
+    for (char c : text) {
+      hash ^= static_cast<unsigned char>(c);
+      hash *= 1099511628211ull;
+    }
+  };
+  for (const auto& [number, state] : states) {
+    mix(std::to_string(number));
+    mix(":");
+    mix(state);
+    mix(";");
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string token(16, '0');
+  for (int i = 15; i >= 0; --i, hash >>= 4) token[static_cast<std::size_t>(i)] = kHex[hash & 15];
+  return token;
+}
+
+/// Steps that still need a decision.
+bool isOpenState(const std::string& state) {
+  return state == "mismatched" || state == "new" || state == "missing";
+}
+
 }  // namespace
 
 struct Service::Impl {
@@ -705,6 +754,10 @@ struct Service::Impl {
     Logins::Login login = pageLogin(req, res);
     TestView view = testView(session, login.csrf);
     view.filter = req.get_param_value("status");
+    std::vector<std::pair<std::int64_t, std::string>> states;
+    for (const StepView& step : view.steps) states.emplace_back(step.number, step.state);
+    view.state = stateToken(states);
+    view.undoDecision = store->lastDecision(reviewerOf(login.token));
     replyHtml(res, 200, renderTestPage(view));
   }
 
@@ -823,14 +876,18 @@ struct Service::Impl {
 
   // GET /app/batches/{id}
   void batchPage(const Request& req, Response& res) {
-    pageLogin(req, res);
+    Logins::Login login = pageLogin(req, res);
     std::optional<BatchRecord> batch = store->batch(req.matches[1]);
     if (!batch) throw RequestError(404, "unknown batch");
+    if (req.has_param("accept")) return batchAcceptConfirmation(res, *batch, login.csrf);
     std::vector<Json> tests;
     for (const SessionRecord& s : store->sessionsInBatch(batch->id)) {
       tests.push_back(resultsDocument(s, batch->name, store->steps(s.id), Links("")));
     }
-    replyHtml(res, 200, renderBatchPage(*batch, tests));
+    replyHtml(res, 200,
+              renderBatchPage(*batch, tests,
+                              batchActions(batch->id, login.csrf,
+                                           store->lastDecision(reviewerOf(login.token)))));
   }
 
   /// Checks a review form: from this service's own pages, by a logged-in reader, with the
@@ -885,8 +942,10 @@ struct Service::Impl {
     if (!session->outcome) throw RequestError(409, "the session is still running");
     std::vector<StepRecord> steps = store->steps(id);
     std::map<std::int64_t, bool> reviews;
-    for (const auto& [position, verdict] : store->reviews(id)) reviews[position] = verdict.accepted;
+    const std::map<std::int64_t, Verdict> verdicts = store->reviews(id);
+    for (const auto& [position, verdict] : verdicts) reviews[position] = verdict.accepted;
     const Outcome& stopped = *session->outcome;
+    requireShownState(req, all, number, stepStatesOf(steps, stopped, reviews));
 
     // Accepted images go to the baseline step of their own tag: the n-th step with a tag in
     // the session to the n-th baseline step with that tag.
@@ -941,18 +1000,41 @@ struct Service::Impl {
     };
     if (all) {
       // Everything that keeps the test from passing: changed, new and missing steps.
+      // Steps accepted already are left as they are.
+      auto acceptedAlready = [&](std::int64_t position) {
+        auto found = reviews.find(position);
+        return found != reviews.end() && found->second;
+      };
       for (const StepRecord& s : steps) {
-        if (stepState(s, std::nullopt) != "matched") verdictOn(s.position, "accept");
+        if (stepState(s, std::nullopt) != "matched" && !acceptedAlready(s.position)) {
+          verdictOn(s.position, "accept");
+        }
       }
-      for (const BaselineStep& m : stopped.missing) verdictOn(m.position, "accept");
+      for (const BaselineStep& m : stopped.missing) {
+        if (!acceptedAlready(m.position)) verdictOn(m.position, "accept");
+      }
+      if (changes.empty()) {
+        throw RequestError(409,
+                           "Nothing to accept: every changed, new or missing step of the "
+                           "test is accepted already.");
+      }
     } else if (number < 1 || !verdictOn(number - 1, action)) {
       throw RequestError(404, "unknown step");
+    } else if (auto found = verdicts.find(number - 1);
+               found != verdicts.end() && found->second.accepted == changes[0].accepted &&
+               found->second.asAlternative == changes[0].asAlternative) {
+      // The same decision again (a double click, a repeated request): nothing changes.
+      throw RequestError(409, "Step " + std::to_string(number) + " is " +
+                                  (changes[0].accepted ? "accepted" : "rejected") +
+                                  " already; nothing was changed.");
     }
     for (const StepReview& r : changes) reviews[r.position] = r.accepted;
     Outcome outcome = stopped;
     outcome.status = reviewedStatus(outcome, steps, reviews);
+    std::int64_t decision = 0;
     try {
-      store->reviewSteps(id, changes, outcome, confirmed);
+      decision = store->decide(reviewerOf(req), all ? "test" : "step", {{id, changes, outcome}},
+                               confirmed);
     } catch (const StaleBaselineError& e) {
       const std::string message = std::string(e.what()) + "; accepting would replace it";
       if (!replyWithJson && accepts(req, "text/html")) {
@@ -989,7 +1071,10 @@ struct Service::Impl {
                                                  : "rejected";
       stepStates.push_back({{"step", m.position + 1}, {"status", state}});
     }
-    Json reply{{"id", id}, {"status", outcome.status}};
+    Json reply{{"id", id},
+               {"status", outcome.status},
+               {"state", stateToken(stepStatesOf(steps, stopped, reviews))},
+               {"decision", decision}};
     if (!all) {
       for (const Json& s : stepStates) {
         if (s["step"] == number) reply["step"] = s;
@@ -997,6 +1082,318 @@ struct Service::Impl {
     }
     reply["steps"] = std::move(stepStates);
     replyJson(res, 200, reply);
+  }
+
+  /// Who decides: a page's login (by a digest of its token, so the database holds no secret)
+  /// or a holder of an API key. Undo works on the reviewer's own decisions.
+  static std::string reviewerOf(const std::string& loginToken) {
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(loginToken.data());
+    return "login:" + Store::imageIdOf({bytes, loginToken.size()}).substr(0, 32);
+  }
+  std::string reviewerOf(const Request& req) {
+    std::optional<Logins::Login> login = loginOf(req);
+    return login ? reviewerOf(login->token) : "api";
+  }
+
+  /// A decision may carry the state its page showed (form field or query "state": the step's
+  /// state, or the token of the whole test). When the test changed since, the decision is
+  /// refused and changes nothing: it was sent twice, or someone decided in between.
+  static void requireShownState(const Request& req, bool all, std::int64_t number,
+                                const std::vector<std::pair<std::int64_t, std::string>>& states) {
+    const std::string shown =
+        req.has_param("state") ? req.get_param_value("state") : fieldAt(formFields(req), "state");
+    if (shown.empty()) return;
+    std::string current;
+    if (all) {
+      current = stateToken(states);
+    } else {
+      for (const auto& [n, state] : states) {
+        if (n == number) current = state;
+      }
+    }
+    if (current.empty() || shown == current) return;  // an unknown step is refused as such
+    throw RequestError(
+        409, all ? "The test was decided since this page was shown (or this decision was sent "
+                   "twice); nothing was changed. Reload the page to see it."
+                 : "Step " + std::to_string(number) + " was decided since this page was shown " +
+                       "(it is " + (current == "mismatched" ? "changed" : current) +
+                       " now), or this decision was sent twice; nothing was changed. Reload the "
+                       "page to see it.");
+  }
+
+  /// What a batch-wide accept would do: for every stopped session of the batch that was not
+  /// aborted and did not pass, its changed, new and missing steps without a verdict, accepted.
+  struct BatchPlan {
+    std::vector<SessionDecision> decisions;
+    /// The sessions accepted, with their names and the number of steps.
+    std::vector<std::pair<SessionRecord, std::int64_t>> tests;
+    std::int64_t steps = 0;
+    std::int64_t leftOut = 0;  // running and aborted sessions
+    std::string state;         // changes when any session or step of the batch does
+  };
+  BatchPlan planBatchAccept(const std::vector<SessionRecord>& sessions) {
+    BatchPlan plan;
+    std::vector<std::pair<std::int64_t, std::string>> tokens;
+    for (std::size_t i = 0; i < sessions.size(); ++i) {
+      const SessionRecord& session = sessions[i];
+      if (!session.outcome || session.outcome->isAborted) {
+        ++plan.leftOut;
+        tokens.emplace_back(static_cast<std::int64_t>(i),
+                            session.id + (session.outcome ? "!" : "?"));
+        continue;
+      }
+      const Outcome& stopped = *session.outcome;
+      if (stopped.status == "Passed") {
+        // Nothing stands in its way (a new test saved as its baseline passes with new steps).
+        tokens.emplace_back(static_cast<std::int64_t>(i), session.id + "=");
+        continue;
+      }
+      std::vector<StepRecord> steps = store->steps(session.id);
+      std::map<std::int64_t, bool> reviews;
+      for (const auto& [position, verdict] : store->reviews(session.id)) {
+        reviews[position] = verdict.accepted;
+      }
+      std::vector<std::pair<std::int64_t, std::string>> states =
+          stepStatesOf(steps, stopped, reviews);
+      tokens.emplace_back(static_cast<std::int64_t>(i), session.id + stateToken(states));
+      // States are in the order of `steps`, then of the missing steps.
+      std::vector<StepReview> changes;
+      std::map<std::string, std::int64_t> seen;  // steps of each tag so far, in position order
+      for (std::size_t k = 0; k < steps.size(); ++k) {
+        const StepRecord& s = steps[k];
+        const std::int64_t occurrence = seen[s.tag]++;
+        if (!isOpenState(states[k].second)) continue;
+        changes.push_back(
+            {s.position, true, false,
+             BaselineChange{BaselineChange::Kind::Replace, s.tag, occurrence, s.currentImage}});
+      }
+      std::optional<std::vector<BaselineStep>> compared;
+      for (std::size_t k = 0; k < stopped.missing.size(); ++k) {
+        if (!isOpenState(states[steps.size() + k].second)) continue;
+        if (!compared) {
+          compared = session.baselineId && session.baselineVersion
+                         ? store->baselineSteps(*session.baselineId, *session.baselineVersion)
+                         : std::vector<BaselineStep>{};
+        }
+        const BaselineStep& m = stopped.missing[k];
+        const std::int64_t at =
+            k < stopped.baselinePositions.size() ? stopped.baselinePositions[k] : m.position;
+        const auto occurrence = static_cast<std::int64_t>(std::count_if(
+            compared->begin(), compared->end(),
+            [&](const BaselineStep& b) { return b.tag == m.tag && b.position < at; }));
+        changes.push_back({m.position, true, false,
+                           BaselineChange{BaselineChange::Kind::Drop, m.tag, occurrence, ""}});
+      }
+      if (changes.empty()) continue;
+      for (const StepReview& r : changes) reviews[r.position] = true;
+      Outcome outcome = stopped;
+      outcome.status = reviewedStatus(outcome, steps, reviews);
+      plan.steps += static_cast<std::int64_t>(changes.size());
+      plan.tests.emplace_back(session, static_cast<std::int64_t>(changes.size()));
+      plan.decisions.push_back({session.id, std::move(changes), std::move(outcome)});
+    }
+    plan.state = stateToken(tokens);
+    return plan;
+  }
+
+  /// Holds the locks of these sessions (each once, in one order, so that two holders never
+  /// wait for each other).
+  std::vector<std::unique_lock<std::mutex>> lockSessions(
+      const std::vector<SessionRecord>& sessions) {
+    std::vector<std::mutex*> locks;
+    for (const SessionRecord& s : sessions) locks.push_back(&lockFor(s.id));
+    std::sort(locks.begin(), locks.end());
+    locks.erase(std::unique(locks.begin(), locks.end()), locks.end());
+    std::vector<std::unique_lock<std::mutex>> held;
+    for (std::mutex* m : locks) held.emplace_back(*m);
+    return held;
+  }
+
+  static std::string batchPath(const std::string& batchId) {
+    return "/app/batches/" + percentEncode(batchId);
+  }
+  static std::string testLabel(const SessionRecord& s) { return s.appName + " / " + s.testName; }
+
+  /// Replies a refusal: a page for a browser's form, JSON otherwise.
+  static void refuse(const Request& req, Response& res, bool replyWithJson, int status,
+                     const std::string& message, const std::string& back) {
+    if (!replyWithJson && accepts(req, "text/html")) {
+      replyHtml(res, status, renderMessagePage("Nothing was changed", message, back));
+      return;
+    }
+    replyError(res, status, message);
+  }
+
+  // GET /app/batches/{id}?accept=1: what a batch-wide accept would do, and its button.
+  void batchAcceptConfirmation(Response& res, const BatchRecord& batch, const std::string& csrf) {
+    std::vector<SessionRecord> sessions = store->sessionsInBatch(batch.id);
+    BatchPlan plan;
+    {
+      auto held = lockSessions(sessions);
+      plan = planBatchAccept(sessions);
+    }
+    replyHtml(res, 200, renderBatchAcceptPage(batchAcceptView(batch, plan, csrf, {})));
+  }
+
+  static BatchAcceptView batchAcceptView(const BatchRecord& batch, const BatchPlan& plan,
+                                         const std::string& csrf,
+                                         const std::vector<StaleSession>& stale) {
+    BatchAcceptView view;
+    view.batchId = batch.id;
+    view.batchName = batch.name && !batch.name->empty() ? *batch.name : batch.id;
+    for (const auto& [session, steps] : plan.tests) {
+      view.tests.push_back({session.id, testLabel(session), steps});
+    }
+    view.steps = plan.steps;
+    view.leftOut = plan.leftOut;
+    view.state = plan.state;
+    view.csrf = csrf;
+    for (const StaleSession& s : stale) {
+      std::string name = s.sessionId;
+      for (const auto& [session, steps] : plan.tests) {
+        if (session.id == s.sessionId) name = testLabel(session);
+      }
+      view.stale.push_back(name + ": " + s.message);
+    }
+    return view;
+  }
+
+  // POST /app/batches/{id}/accept (page form: csrf, state, confirm) and
+  // POST /api/batches/{id}/accept?confirm=..&state=.. (API key): accepts every changed, new or
+  // missing step without a verdict in every stopped, not aborted session of the batch, as one
+  // decision in one transaction.
+  void batchAcceptForm(const Request& req, Response& res) {
+    const std::string id = req.matches[1];
+    requireReviewForm(req, batchPath(id));
+    Params fields = formFields(req);
+    acceptBatch(req, res, id, fieldAt(fields, "confirm") == "1", fieldAt(fields, "state"),
+                accepts(req, "application/json"));
+  }
+  void batchAcceptApi(const Request& req, Response& res) {
+    requireApiKey(req);
+    acceptBatch(req, res, req.matches[1], queryFlag(req, "confirm"), req.get_param_value("state"),
+                true);
+  }
+  void acceptBatch(const Request& req, Response& res, const std::string& id, bool confirmed,
+                   const std::string& shownState, bool replyWithJson) {
+    std::optional<BatchRecord> batch = store->batch(id);
+    if (!batch) throw RequestError(404, "unknown batch");
+    std::vector<SessionRecord> sessions = store->sessionsInBatch(id);
+    auto held = lockSessions(sessions);
+    BatchPlan plan = planBatchAccept(sessions);
+    const std::string confirmation = batchPath(id) + "?accept=1";
+    if (!shownState.empty() && shownState != plan.state) {
+      refuse(req, res, replyWithJson, 409,
+             "The batch changed since the confirmation was shown (a test finished or a step was "
+             "decided, or this accept was sent twice); nothing was accepted.",
+             confirmation);
+      return;
+    }
+    if (plan.decisions.empty()) {
+      refuse(req, res, replyWithJson, 409,
+             "Nothing to accept: no stopped test of the batch has a changed, new or missing step "
+             "without a decision.",
+             batchPath(id));
+      return;
+    }
+    std::int64_t decision = 0;
+    try {
+      decision = store->decide(reviewerOf(req), "batch", plan.decisions, confirmed);
+    } catch (const StaleSessionsError& e) {
+      if (!replyWithJson && accepts(req, "text/html")) {
+        std::optional<Logins::Login> login = loginOf(req);
+        replyHtml(res, 409,
+                  renderBatchAcceptPage(
+                      batchAcceptView(*batch, plan, login ? login->csrf : "", e.sessions())));
+        return;
+      }
+      Json stale = Json::array();
+      for (const StaleSession& s : e.sessions()) {
+        stale.push_back({{"id", s.sessionId},
+                         {"message", s.message},
+                         {"comparedVersion", s.comparedVersion},
+                         {"currentVersion", s.currentVersion}});
+      }
+      replyJson(res, 409,
+                Json{{"error", std::to_string(e.sessions().size()) +
+                                   " of the tests were compared with a baseline that moved on "
+                                   "since; accepting would replace it (confirm to accept anyway)"},
+                     {"stale", std::move(stale)}});
+      return;
+    }
+    Logger::logWithFormat("batch %@ accepted: %li steps in %li tests", id, plan.steps,
+                          static_cast<std::int64_t>(plan.tests.size()));
+    if (!replyWithJson) {
+      redirect(res, batchPath(id));
+      return;
+    }
+    Json tests = Json::array();
+    for (std::size_t i = 0; i < plan.tests.size(); ++i) {
+      tests.push_back({{"id", plan.tests[i].first.id},
+                       {"steps", plan.tests[i].second},
+                       {"status", plan.decisions[i].outcome.status}});
+    }
+    replyJson(res, 200,
+              Json{{"batchId", id},
+                   {"decision", decision},
+                   {"steps", plan.steps},
+                   {"tests", std::move(tests)}});
+  }
+
+  // POST /app/undo (page form: csrf, decision, next) and POST /api/undo?decision=N (API key):
+  // undoes the reviewer's last decision. `decision` is the one the page offered to undo, so an
+  // undo sent twice undoes once.
+  void undoForm(const Request& req, Response& res) {
+    requireReviewForm(req, "/app/batches");
+    Params fields = formFields(req);
+    undo(req, res, reviewerOf(req), fieldAt(fields, "decision"), accepts(req, "application/json"),
+         localPathOr(fieldAt(fields, "next"), "/app/batches"));
+  }
+  void undoApi(const Request& req, Response& res) {
+    requireApiKey(req);
+    undo(req, res, "api", req.get_param_value("decision"), true, "");
+  }
+  void undo(const Request& req, Response& res, const std::string& reviewer,
+            const std::string& decisionText, bool replyWithJson, const std::string& next) {
+    std::optional<std::int64_t> expected;
+    if (!decisionText.empty()) {
+      try {
+        std::size_t used = 0;
+        expected = std::stoll(decisionText, &used);
+        if (used != decisionText.size()) expected.reset();
+      } catch (const std::logic_error&) {
+      }
+      if (!expected) throw RequestError(400, "decision must be a number");
+    }
+    std::optional<UndoneDecision> undone;
+    {
+      // Every session lock, in order: no review of any session runs meanwhile.
+      std::vector<std::unique_lock<std::mutex>> held;
+      for (std::mutex& m : sessionLocks) held.emplace_back(m);
+      try {
+        undone = store->undoLastDecision(reviewer, expected);
+      } catch (const UndoRefused& e) {
+        std::string message = e.what();
+        message[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(message[0])));
+        refuse(req, res, replyWithJson, 409, message + "; nothing was undone.", next);
+        return;
+      }
+    }
+    if (!undone) {
+      refuse(req, res, replyWithJson, 409, "There is no decision of yours to undo.", next);
+      return;
+    }
+    Logger::logWithFormat("decision %li undone (%@ of %li tests)", undone->id, undone->scope,
+                          static_cast<std::int64_t>(undone->sessions.size()));
+    if (!replyWithJson) {
+      redirect(res, next);
+      return;
+    }
+    std::optional<std::int64_t> last = store->lastDecision(reviewer);
+    replyJson(res, 200,
+              Json{{"undone",
+                    {{"id", undone->id}, {"scope", undone->scope}, {"sessions", undone->sessions}}},
+                   {"decision", last ? Json(*last) : Json()}});
   }
 
   /// The identity of a baseline as its key holds it, for its page.
@@ -1222,6 +1619,10 @@ struct Service::Impl {
     http.Post("/api/sessions/([^/]+)/steps/([0-9]{1,9})/(accept|alternative|reject)",
               guarded(&Impl::reviewApi));
     http.Post("/api/sessions/([^/]+)/accept", guarded(&Impl::reviewApi));
+    http.Post("/app/batches/(.+)/accept", guarded(&Impl::batchAcceptForm));
+    http.Post("/api/batches/(.+)/accept", guarded(&Impl::batchAcceptApi));
+    http.Post("/app/undo", guarded(&Impl::undoForm));
+    http.Post("/api/undo", guarded(&Impl::undoApi));
     http.Get("/api/baselines/([^/]+)", guarded(&Impl::baselineApi));
     http.Post("/api/baselines/([^/]+)/rollback", guarded(&Impl::rollbackApi));
     http.Get("/app/baselines/([^/]+)", guarded(&Impl::baselinePage));
