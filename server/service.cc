@@ -1366,10 +1366,13 @@ struct Service::Impl {
       if (!expected) throw RequestError(400, "decision must be a number");
     }
     std::optional<UndoneDecision> undone;
-    {
-      // Every session lock, in order: no review of any session runs meanwhile.
-      std::vector<std::unique_lock<std::mutex>> held;
-      for (std::mutex& m : sessionLocks) held.emplace_back(m);
+    if (std::optional<UndoneDecision> last = store->decisionToUndo(reviewer)) {
+      // No review of its sessions runs meanwhile. Should another decision of the reviewer come
+      // first, the store refuses: it is not the one these locks cover.
+      std::vector<SessionRecord> sessions(last->sessions.size());
+      for (std::size_t i = 0; i < sessions.size(); ++i) sessions[i].id = last->sessions[i];
+      auto held = lockSessions(sessions);
+      if (!expected) expected = last->id;
       try {
         undone = store->undoLastDecision(reviewer, expected);
       } catch (const UndoRefused& e) {

@@ -1689,6 +1689,24 @@ std::optional<std::int64_t> Store::lastDecision(const std::string& reviewer) {
   return s.integer(0);
 }
 
+std::optional<UndoneDecision> Store::decisionToUndo(const std::string& reviewer) {
+  std::lock_guard lock(mutex_);
+  UndoneDecision decision;
+  {
+    Statement s(*statements_,
+                "SELECT id, scope FROM decisions WHERE reviewer = ? AND undone = 0 "
+                "ORDER BY id DESC LIMIT 1");
+    s.bind(1, reviewer);
+    if (!s.step()) return std::nullopt;
+    decision.id = s.integer(0);
+    decision.scope = s.text(1);
+  }
+  Statement s(*statements_, "SELECT session_id FROM decision_sessions WHERE decision_id = ?");
+  s.bind(1, decision.id);
+  while (s.step()) decision.sessions.push_back(s.text(0));
+  return decision;
+}
+
 std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewer,
                                                       std::optional<std::int64_t> expected) {
   requireOwnFolder();

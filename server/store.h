@@ -227,7 +227,7 @@ class UndoRefused : public StoreError {
   using StoreError::StoreError;
 };
 
-/// A decision that was undone: its scope ("step", "test" or "batch") and its sessions.
+/// A decision (to undo, or undone): its scope ("step", "test" or "batch") and its sessions.
 struct UndoneDecision {
   std::int64_t id = 0;
   std::string scope;
@@ -381,6 +381,8 @@ class Store {
                       const std::vector<SessionDecision>& sessions, bool confirmed);
   /// The id of the reviewer's last decision that was not undone.
   std::optional<std::int64_t> lastDecision(const std::string& reviewer);
+  /// The reviewer's last decision that was not undone, with its sessions.
+  std::optional<UndoneDecision> decisionToUndo(const std::string& reviewer);
   /// Undoes the reviewer's last decision: its sessions get back their outcome and verdicts,
   /// and each baseline it changed gets a new version (kind "undo") with the steps it had
   /// before; a baseline the decision created is removed again when no session was compared
