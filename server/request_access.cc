@@ -1,7 +1,9 @@
 #include "server/request_access.h"
 
 #include <algorithm>
+#include <cstdint>
 
+#include "server/store.h"
 #include "server/web_pages.h"
 
 namespace saffra::server {
@@ -89,6 +91,16 @@ void RequestAccess::login(const Request& req, Response& res) {
   if (!login) throw RequestError(503, "too many logins are in use; try again later");
   res.set_header("Set-Cookie", loginCookie(login->token));
   redirect(res, next);
+}
+
+std::string RequestAccess::reviewerOfLogin(const std::string& loginToken) {
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(loginToken.data());
+  return "login:" + Store::imageIdOf({bytes, loginToken.size()}).substr(0, 32);
+}
+
+std::string RequestAccess::reviewerOf(const Request& req) {
+  std::optional<Logins::Login> login = loginOf(req);
+  return login ? reviewerOfLogin(login->token) : "api";
 }
 
 }  // namespace saffra::server

@@ -39,6 +39,11 @@ class RequestAccess {
   /// login's CSRF token.
   void requireReviewForm(const http::Request& req, const std::string& sessionIdOrPage);
 
+  /// Who decides, for the record of decisions: a page's login (by a digest of its token, so
+  /// the database holds no secret) or "api" for a holder of an API key. Undo works on the
+  /// reviewer's own decisions.
+  std::string reviewerOf(const http::Request& req);
+  static std::string reviewerOfLogin(const std::string& loginToken);
   // GET /app/login?next=...
   void loginForm(const http::Request& req, http::Response& res);
 

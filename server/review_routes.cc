@@ -7,6 +7,7 @@
 
 #include "saffra/base/logger.h"
 #include "server/results_document.h"
+#include "server/review_state.h"
 #include "server/web_access.h"
 #include "server/web_pages.h"
 
@@ -15,6 +16,36 @@ namespace saffra::server {
 using http::Params;
 using http::Request;
 using http::Response;
+
+namespace {
+
+/// A decision may carry the state its page showed (form field or query "state": the step's
+/// state, or the token of the whole test). When the test changed since, the decision is
+/// refused and changes nothing: it was sent twice, or someone decided in between.
+void requireShownState(const Request& req, bool all, std::int64_t number,
+                       const std::vector<std::pair<std::int64_t, std::string>>& states) {
+  const std::string shown =
+      req.has_param("state") ? req.get_param_value("state") : fieldAt(formFields(req), "state");
+  if (shown.empty()) return;
+  std::string current;
+  if (all) {
+    current = stateToken(states);
+  } else {
+    for (const auto& [n, state] : states) {
+      if (n == number) current = state;
+    }
+  }
+  if (current.empty() || shown == current) return;  // an unknown step is refused as such
+  throw RequestError(
+      409, all ? "The test was decided since this page was shown (or this decision was sent "
+                 "twice); nothing was changed. Reload the page to see it."
+               : "Step " + std::to_string(number) + " was decided since this page was shown " +
+                     "(it is " + (current == "mismatched" ? "changed" : current) +
+                     " now), or this decision was sent twice; nothing was changed. Reload the "
+                     "page to see it.");
+}
+
+}  // namespace
 
 // POST /app/sessions/{id}/steps/{n}/{accept|alternative|reject} and
 // POST /app/sessions/{id}/accept, from the pages.
@@ -49,8 +80,10 @@ void ReviewRoutes::reviewSession(const Request& req, Response& res, const std::s
   if (!session->outcome) throw RequestError(409, "the session is still running");
   std::vector<StepRecord> steps = store->steps(id);
   std::map<std::int64_t, bool> reviews;
-  for (const auto& [position, verdict] : store->reviews(id)) reviews[position] = verdict.accepted;
+  const std::map<std::int64_t, Verdict> verdicts = store->reviews(id);
+  for (const auto& [position, verdict] : verdicts) reviews[position] = verdict.accepted;
   const Outcome& stopped = *session->outcome;
+  requireShownState(req, all, number, stepStatesOf(steps, stopped, reviews));
 
   // Accepted images go to the baseline step of their own tag: the n-th step with a tag in
   // the session to the n-th baseline step with that tag.
@@ -105,18 +138,41 @@ void ReviewRoutes::reviewSession(const Request& req, Response& res, const std::s
   };
   if (all) {
     // Everything that keeps the test from passing: changed, new and missing steps.
+    // Steps accepted already are left as they are.
+    auto acceptedAlready = [&](std::int64_t position) {
+      auto found = reviews.find(position);
+      return found != reviews.end() && found->second;
+    };
     for (const StepRecord& s : steps) {
-      if (stepState(s, std::nullopt) != "matched") verdictOn(s.position, "accept");
+      if (stepState(s, std::nullopt) != "matched" && !acceptedAlready(s.position)) {
+        verdictOn(s.position, "accept");
+      }
     }
-    for (const BaselineStep& m : stopped.missing) verdictOn(m.position, "accept");
+    for (const BaselineStep& m : stopped.missing) {
+      if (!acceptedAlready(m.position)) verdictOn(m.position, "accept");
+    }
+    if (changes.empty()) {
+      throw RequestError(409,
+                         "Nothing to accept: every changed, new or missing step of the "
+                         "test is accepted already.");
+    }
   } else if (number < 1 || !verdictOn(number - 1, action)) {
     throw RequestError(404, "unknown step");
+  } else if (auto found = verdicts.find(number - 1);
+             found != verdicts.end() && found->second.accepted == changes[0].accepted &&
+             found->second.asAlternative == changes[0].asAlternative) {
+    // The same decision again (a double click, a repeated request): nothing changes.
+    throw RequestError(409, "Step " + std::to_string(number) + " is " +
+                                (changes[0].accepted ? "accepted" : "rejected") +
+                                " already; nothing was changed.");
   }
   for (const StepReview& r : changes) reviews[r.position] = r.accepted;
   Outcome outcome = stopped;
   outcome.status = reviewedStatus(outcome, steps, reviews);
+  std::int64_t decision = 0;
   try {
-    store->reviewSteps(id, changes, outcome, confirmed);
+    decision = store->decide(access.reviewerOf(req), all ? "test" : "step",
+                             {{id, changes, outcome}}, confirmed);
   } catch (const StaleBaselineError& e) {
     const std::string message = std::string(e.what()) + "; accepting would replace it";
     if (!replyWithJson && accepts(req, "text/html")) {
@@ -153,7 +209,10 @@ void ReviewRoutes::reviewSession(const Request& req, Response& res, const std::s
                                                : "rejected";
     stepStates.push_back({{"step", m.position + 1}, {"status", state}});
   }
-  Json reply{{"id", id}, {"status", outcome.status}};
+  Json reply{{"id", id},
+             {"status", outcome.status},
+             {"state", stateToken(stepStatesOf(steps, stopped, reviews))},
+             {"decision", decision}};
   if (!all) {
     for (const Json& s : stepStates) {
       if (s["step"] == number) reply["step"] = s;

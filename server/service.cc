@@ -8,6 +8,7 @@
 #include "saffra/base/logger.h"
 #include "saffra/platform/json.h"
 #include "server/clock.h"
+#include "server/decision_routes.h"
 #include "server/http/http_server.h"
 #include "server/replies.h"
 #include "server/request_access.h"
@@ -52,6 +53,7 @@ struct Service::Impl {
   std::unique_ptr<SessionApi> sessions;
   std::unique_ptr<WebRoutes> web;
   std::unique_ptr<ReviewRoutes> reviews;
+  std::unique_ptr<DecisionRoutes> decisions;
   HttpServer http{serverOptions(options)};
   /// When this run of the service started (seconds since the epoch).
   std::int64_t startedAt = 0;
@@ -70,6 +72,7 @@ struct Service::Impl {
                                             boundPort, startedAt);
     web = std::make_unique<WebRoutes>(options, store.get(), access, boundPort);
     reviews = std::make_unique<ReviewRoutes>(store.get(), access, locks);
+    decisions = std::make_unique<DecisionRoutes>(store.get(), access, locks);
   }
 
   /// Runs a handler, turning refusals and failures into JSON error replies.
@@ -97,6 +100,15 @@ struct Service::Impl {
     };
   }
 
+  // GET /app/batches/{id}: the batch's page, or with ?accept=1 what a batch-wide accept takes.
+  void batchPage(const Request& req, Response& res) {
+    if (req.has_param("accept")) {
+      decisions->batchAcceptPage(req, res);
+    } else {
+      web->batchPage(req, res);
+    }
+  }
+
   void registerRoutes() {
     const std::string session = "/api/sessions/running/([^/]+)";
     http.Post("/api/sessions/running", guarded(*sessions, &SessionApi::startSession));
@@ -115,7 +127,7 @@ struct Service::Impl {
     http.Get("/app/login", guarded(access, &RequestAccess::loginForm));
     http.Post("/app/login", guarded(access, &RequestAccess::login));
     http.Get("/app/batches/?", guarded(*web, &WebRoutes::batchList));
-    http.Get("/app/batches/(.+)", guarded(*web, &WebRoutes::batchPage));
+    http.Get("/app/batches/(.+)", guarded(*this, &Impl::batchPage));
     const std::string stepReview =
         "/app/sessions/([^/]+)/steps/([0-9]{1,9})/(accept|alternative|reject)";
     const std::string acceptAll = "/app/sessions/([^/]+)/accept";
@@ -126,6 +138,10 @@ struct Service::Impl {
     http.Post("/api/sessions/([^/]+)/steps/([0-9]{1,9})/(accept|alternative|reject)",
               guarded(*reviews, &ReviewRoutes::reviewApi));
     http.Post("/api/sessions/([^/]+)/accept", guarded(*reviews, &ReviewRoutes::reviewApi));
+    http.Post("/app/batches/(.+)/accept", guarded(*decisions, &DecisionRoutes::batchAcceptForm));
+    http.Post("/api/batches/(.+)/accept", guarded(*decisions, &DecisionRoutes::batchAcceptApi));
+    http.Post("/app/undo", guarded(*decisions, &DecisionRoutes::undoForm));
+    http.Post("/api/undo", guarded(*decisions, &DecisionRoutes::undoApi));
     http.Get("/api/baselines/([^/]+)", guarded(*reviews, &ReviewRoutes::baselineApi));
     http.Post("/api/baselines/([^/]+)/rollback", guarded(*reviews, &ReviewRoutes::rollbackApi));
     http.Get("/app/baselines/([^/]+)", guarded(*reviews, &ReviewRoutes::baselinePage));

@@ -12,11 +12,18 @@
 //   GET  /app/login?next=/path             login form; POST /app/login (apiKey, next) logs in
 //   POST /app/sessions/{id}/steps/{n}/accept | alternative | reject,
 //   POST /app/sessions/{id}/accept (all)
+//   GET  /app/batches/{id}?accept=1         what a batch-wide accept takes; its button posts
+//   POST /app/batches/{id}/accept           (every open step of every stopped test, one decision)
+//   POST /app/undo (decision, next)         undoes the reader's last decision
 //   GET  /app/baselines/{id}                a baseline's versions; POST
 //        /app/baselines/{id}/versions/{n}/rollback makes a new version with version n's steps
 // API (API key): GET /api/baselines/{id}, POST /api/baselines/{id}/rollback?version=N, and the
 // reviews as POST /api/sessions/{id}/accept and /api/sessions/{id}/steps/{n}/{action}
-// (JSON replies; confirm=true accepts over a baseline that moved on).
+// (JSON replies; confirm=true accepts over a baseline that moved on), POST
+// /api/batches/{id}/accept and POST /api/undo?decision=N (the API's own last decision).
+// A decision may carry the state its page showed ("state": a step's state, or the token of the
+// test or batch); one made on a page that no longer shows it, or one that changes nothing, is
+// refused with 409.
 // Pages, images (/api/sessions/{id}/steps/{n}/{baseline,current,diff}.png) and the results
 // document (GET /api/sessions/{id}; a browser, which asks for text/html, is sent to the test's
 // page instead) need an API key in the query

@@ -70,7 +70,8 @@ struct BaselineRef {
 struct BaselineVersion {
   std::int64_t version = 0;
   std::int64_t createdAt = 0;  // seconds since the epoch
-  /// "saved", "accepted", "rollback" or "migrated".
+  /// "saved", "accepted", "rollback", "undo" (the steps of `fromVersion` again, undoing a
+  /// decision) or "migrated".
   std::string kind;
   OptString sessionId;                      // the session saved or accepted
   std::optional<std::int64_t> fromVersion;  // the version a rollback restored
@@ -188,6 +189,49 @@ class StaleBaselineError : public StoreError {
 
  private:
   std::int64_t compared_, current_;
+};
+
+/// One test's part of a decision: verdicts on its steps and the outcome they give it.
+struct SessionDecision {
+  std::string sessionId;
+  std::vector<StepReview> reviews;
+  Outcome outcome;
+};
+
+/// A session of a decision whose baseline moved on since it was compared with it.
+struct StaleSession {
+  std::string sessionId;
+  std::string message;
+  std::int64_t comparedVersion = 0;
+  std::int64_t currentVersion = 0;
+};
+
+/// A decision that would accept images of sessions whose baselines moved on: every such
+/// session is named. (The first one's versions are those of StaleBaselineError.)
+class StaleSessionsError : public StaleBaselineError {
+ public:
+  explicit StaleSessionsError(std::vector<StaleSession> sessions)
+      : StaleBaselineError(sessions.front().message, sessions.front().comparedVersion,
+                           sessions.front().currentVersion),
+        sessions_(std::move(sessions)) {}
+  const std::vector<StaleSession>& sessions() const { return sessions_; }
+
+ private:
+  std::vector<StaleSession> sessions_;
+};
+
+/// An undo that would overwrite what happened since the decision (a later decision on one of
+/// its tests, a baseline that moved on, a removed session or version). Nothing was changed.
+class UndoRefused : public StoreError {
+ public:
+  using StoreError::StoreError;
+};
+
+/// A decision (to undo, or undone): its scope ("step", "test" or "batch") and its sessions.
+struct UndoneDecision {
+  std::int64_t id = 0;
+  std::string scope;
+  std::vector<std::string> sessions;
 };
 
 /// A rollback to a version that does not exist (`removed` when retention removed it).
@@ -328,6 +372,26 @@ class Store {
   /// moved on since the session was compared with it, unless `confirmed`.
   void reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
                    const Outcome& outcome, bool confirmed);
+  /// Records a reviewer's decision on the steps of one or more stopped sessions (a step, a test
+  /// or a whole batch) in one transaction, as reviewSteps does for each, and keeps what it
+  /// changed so that undoLastDecision can restore it. Returns the decision's id. Throws
+  /// StaleSessionsError naming every session whose baseline moved on, recording nothing,
+  /// unless `confirmed`.
+  std::int64_t decide(const std::string& reviewer, const std::string& scope,
+                      const std::vector<SessionDecision>& sessions, bool confirmed);
+  /// The id of the reviewer's last decision that was not undone.
+  std::optional<std::int64_t> lastDecision(const std::string& reviewer);
+  /// The reviewer's last decision that was not undone, with its sessions.
+  std::optional<UndoneDecision> decisionToUndo(const std::string& reviewer);
+  /// Undoes the reviewer's last decision: its sessions get back their outcome and verdicts,
+  /// and each baseline it changed gets a new version (kind "undo") with the steps it had
+  /// before; a baseline the decision created is removed again when no session was compared
+  /// with it since (else its new version is empty). Nothing when there is no decision to undo.
+  /// `expected`: the id the reviewer saw as their last decision; another one is refused, so an
+  /// undo sent twice undoes once. Throws UndoRefused, changing nothing.
+  std::optional<UndoneDecision> undoLastDecision(const std::string& reviewer,
+                                                 std::optional<std::int64_t> expected);
+
   /// Records the outcome and, when `newBaseline` is given, makes it a new version of the
   /// baseline under the session's baseline key, all in one transaction. Throws
   /// StaleBaselineError, recording nothing, when a baseline is given and the baseline moved
@@ -374,6 +438,16 @@ class Store {
   void requireOwnFolder() const;
   /// Adds the columns that the first schema gained during its life.
   void migrateFirstSchema();
+  /// What applyReview changed in the baseline: the baseline and the version it made, and the
+  /// version current before (none when it created the baseline).
+  struct AppliedReview {
+    std::optional<std::int64_t> baselineId;
+    std::optional<std::int64_t> previousVersion;
+    std::int64_t madeVersion = 0;
+  };
+  /// reviewSteps inside a transaction.
+  AppliedReview applyReview(const std::string& sessionId, const std::vector<StepReview>& reviews,
+                            const Outcome& outcome, bool confirmed);
   /// Checks, inside a transaction, that the session's baseline key still has the version the
   /// session was compared with (or versions made by the session itself since); throws
   /// StaleBaselineError otherwise. Returns the baseline under the key, if any, and its version.

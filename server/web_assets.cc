@@ -57,7 +57,8 @@ form.search input{font:inherit;padding:.3em .5em;min-width:22em}
   border-bottom:1px solid var(--line);padding:.3em 0}
 #step-search{font:inherit;padding:.3em .5em;width:12em}
 #message{color:#cf222e}
-form.review{display:inline}
+form.review,form.undo,.batch-actions form{display:inline}
+#batch-accept{background:#1a7f37;border-color:#1a7f37;color:#fff}
 button{font:inherit;padding:.3em .9em;border:1px solid var(--line);border-radius:.3em;
   background:var(--bg);cursor:pointer;color:var(--ink)}
 button:disabled{cursor:default;opacity:.5}
@@ -161,6 +162,17 @@ document.documentElement.classList.add('js');
 document.addEventListener('DOMContentLoaded', function () {
   var root = document.getElementById('steps');
   if (root) reviewPage(root);
+  // u undoes the reader's last decision, on every page that offers it (a plain form post: the
+  // page comes back as it was before that decision).
+  var undo = document.getElementById('undo-button');
+  if (undo) document.addEventListener('keydown', function (e) {
+    if (e.key !== 'u' || e.defaultPrevented || e.ctrlKey || e.metaKey || e.altKey) return;
+    var t = e.target, help = document.getElementById('help');
+    if (t && (t.isContentEditable || /^(INPUT|TEXTAREA|SELECT)$/.test(t.tagName))) return;
+    if ((help && help.open) || undo.disabled) return;
+    e.preventDefault();
+    undo.form.requestSubmit(undo);
+  });
 });
 
 function reviewPage(root) {
@@ -384,8 +396,17 @@ function reviewPage(root) {
       if (s) {
         s.dataset.status = step.status;
         s.querySelector('.step-head .state').textContent = label(step.status);
+        // The step's forms now decide on the state it has.
+        s.querySelectorAll('input[name=state]').forEach(function (i) { i.value = step.status; });
       }
     });
+    var allState = document.querySelector('#accept-all').form.querySelector('input[name=state]');
+    if (allState && reply.state) allState.value = reply.state;
+    var undo = document.getElementById('undo-button');
+    if (undo && reply.decision) {
+      undo.form.querySelector('input[name=decision]').value = reply.decision;
+      undo.disabled = false;
+    }
     var badge = document.getElementById('test-status');
     if (badge && reply.status) {
       badge.textContent = reply.status;

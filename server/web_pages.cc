@@ -64,13 +64,31 @@ std::string page(const std::string& title, const std::string& body) {
          body + "</main>\n</body></html>\n";
 }
 
+/// A form with one button that posts to `action`; `state`, when given, is the state the
+/// decision is made on (see TestView::state).
 std::string postButton(const std::string& action, const std::string& csrf,
-                       const std::string& buttonAttributes, const std::string& label,
-                       bool enabled) {
+                       const std::string& buttonAttributes, const std::string& label, bool enabled,
+                       const std::string& state = "") {
   return "<form class=\"review\" method=\"post\" action=\"" + escapeHtml(action) +
-         "\"><input type=\"hidden\" name=\"csrf\" value=\"" + escapeHtml(csrf) + "\"><button " +
-         buttonAttributes + " type=\"submit\"" + (enabled ? "" : " disabled") + ">" + label +
-         "</button></form>";
+         "\"><input type=\"hidden\" name=\"csrf\" value=\"" + escapeHtml(csrf) + "\">" +
+         (state.empty()
+              ? ""
+              : "<input type=\"hidden\" name=\"state\" value=\"" + escapeHtml(state) + "\">") +
+         "<button " + buttonAttributes + " type=\"submit\"" + (enabled ? "" : " disabled") + ">" +
+         label + "</button></form>";
+}
+
+/// The form that undoes the reader's last decision (`decision`, so that an undo sent twice
+/// undoes once) and returns to `next`; disabled when there is none.
+std::string undoButton(const std::string& csrf, std::optional<std::int64_t> decision,
+                       const std::string& next) {
+  return "<form id=\"undo\" class=\"undo\" method=\"post\" action=\"/app/undo\">"
+         "<input type=\"hidden\" name=\"csrf\" value=\"" +
+         escapeHtml(csrf) + "\"><input type=\"hidden\" name=\"decision\" value=\"" +
+         (decision ? std::to_string(*decision) : "") +
+         "\"><input type=\"hidden\" name=\"next\" value=\"" + escapeHtml(next) +
+         "\"><button type=\"submit\" id=\"undo-button\" title=\"Undo your last decision (u)\"" +
+         (decision ? "" : " disabled") + ">Undo</button></form>";
 }
 
 std::string sizeAttributes(const ImageRef& image) {
@@ -307,7 +325,8 @@ std::string renderBatchList(const BatchListView& view) {
   return page("Batches", body);
 }
 
-std::string renderBatchPage(const BatchRecord& batch, const std::vector<Json>& tests) {
+std::string renderBatchPage(const BatchRecord& batch, const std::vector<Json>& tests,
+                            const std::string& actions) {
   std::string name = escapeHtml(batch.name && !batch.name->empty() ? *batch.name : batch.id);
   bool running = std::any_of(tests.begin(), tests.end(),
                              [](const Json& d) { return text(d, "status") == "Running"; });
@@ -317,7 +336,8 @@ std::string renderBatchPage(const BatchRecord& batch, const std::vector<Json>& t
                                       : "finished";
   std::string body = "<h1>" + name + "</h1>\n<p>" +
                      (batch.startedAt ? "Started " + escapeHtml(*batch.startedAt) + ", " : "") +
-                     "<span class=\"batch-state " + state + "\">" + state + "</span></p>\n";
+                     "<span class=\"batch-state " + state + "\">" + state + "</span></p>\n" +
+                     actions;
   body +=
       "<table id=\"tests\"><thead><tr><th>Test</th><th>Status</th><th class=\"num\">Steps</th>"
       "<th class=\"num\">Matches</th><th class=\"num\">Mismatches</th>"
@@ -352,6 +372,7 @@ constexpr std::pair<const char*, const char*> kKeys[] = {
     {"+ / &minus;", "zoom in / out"},
     {"c", "jump to the first change"},
     {"1 / 2 / 3", "first changed / new / missing step"},
+    {"u", "undo your last decision"},
     {"m", "show or fold the matched steps"},
     {"/", "find a step by name"},
     {"?", "this help"},
@@ -398,13 +419,13 @@ std::string stepSection(const StepView& step, const std::string& base, const Tes
   std::string stepBase = base + "/steps/" + n;
   body += "<span class=\"decide\">" +
           postButton(stepBase + "/accept", view.csrf, "class=\"accept\" title=\"Accept (a)\"",
-                     "Accept", view.reviewable) +
+                     "Accept", view.reviewable, step.state) +
           (step.canAcceptAlternative
                ? postButton(stepBase + "/alternative", view.csrf, "class=\"alternative\"",
-                            "Accept as alternative", view.reviewable)
+                            "Accept as alternative", view.reviewable, step.state)
                : std::string()) +
           postButton(stepBase + "/reject", view.csrf, "class=\"reject\" title=\"Reject (r)\"",
-                     "Reject", view.reviewable) +
+                     "Reject", view.reviewable, step.state) +
           "</span></div>\n";
   if (step.changes) {
     const StepChanges& c = *step.changes;
@@ -529,7 +550,9 @@ std::string renderTestPage(const TestView& view) {
   }
   body +=
       "</nav>\n<div class=\"toolbar\">" +
-      postButton(base + "/accept", view.csrf, "id=\"accept-all\"", "Accept all", view.reviewable) +
+      postButton(base + "/accept", view.csrf, "id=\"accept-all\"", "Accept all", view.reviewable,
+                 view.state) +
+      undoButton(view.csrf, view.undoDecision, base) +
       "<span class=\"views js-only\" role=\"group\" aria-label=\"View\">"
       "<button type=\"button\" data-view=\"side\" title=\"Side by side (v)\">Side by side</button>"
       "<button type=\"button\" data-view=\"overlay\" title=\"Overlay (v)\">Overlay</button>"
@@ -648,6 +671,76 @@ std::string renderConfirmAcceptPage(const std::string& message, const std::strin
       "anyway</button></form> <a href=\"" +
       escapeHtml(sessionPage) + "\">Back to the test</a>\n";
   return page("Accept anyway?", body);
+}
+
+std::string batchActions(const std::string& batchId, const std::string& csrf,
+                         std::optional<std::int64_t> undoDecision) {
+  const std::string path = "/app/batches/" + percentEncode(batchId);
+  return "<div class=\"toolbar batch-actions\"><form method=\"get\" action=\"" + escapeHtml(path) +
+         "\"><input type=\"hidden\" name=\"accept\" value=\"1\"><button type=\"submit\" "
+         "id=\"batch-accept\">Accept all changes&hellip;</button></form>" +
+         undoButton(csrf, undoDecision, path) + "</div>\n";
+}
+
+std::string renderBatchAcceptPage(const BatchAcceptView& view) {
+  const std::string path = "/app/batches/" + percentEncode(view.batchId);
+  const std::string name = escapeHtml(view.batchName);
+  auto plural = [](std::int64_t n, const char* one, const char* many) {
+    return grouped(n) + " " + (n == 1 ? one : many);
+  };
+  std::string body = view.stale.empty()
+                         ? "<h1>Accept every change of <bdi>" + name + "</bdi>?</h1>\n"
+                         : std::string("<h1>Accept anyway?</h1>\n");
+  if (!view.stale.empty()) {
+    body +=
+        "<p class=\"message\">These tests were compared with a baseline that moved on since; "
+        "accepting now replaces what was accepted there meanwhile:</p>\n<ul id=\"stale\">";
+    for (const std::string& s : view.stale) body += "<li><bdi>" + escapeHtml(s) + "</bdi></li>";
+    body += "</ul>\n";
+  }
+  if (view.tests.empty()) {
+    body +=
+        "<p id=\"batch-accept-summary\">Nothing to accept: no stopped test of the batch has "
+        "a changed, new or missing step without a decision.</p>\n";
+  } else {
+    body += "<p id=\"batch-accept-summary\">This accepts <b>" +
+            plural(view.steps, "step", "steps") + "</b> in <b>" +
+            plural(static_cast<std::int64_t>(view.tests.size()), "test", "tests") +
+            "</b>: every changed, new or missing step that has no decision yet becomes part of "
+            "its baseline. Steps accepted or rejected already stay as they are. Undo takes it "
+            "back.</p>\n";
+  }
+  if (view.leftOut > 0) {
+    body += "<p>" + plural(view.leftOut, "test is", "tests are") +
+            " left out: still running or aborted.</p>\n";
+  }
+  if (!view.tests.empty()) {
+    body +=
+        "<table id=\"accept-tests\"><thead><tr><th>Test</th><th class=\"num\">Steps to "
+        "accept</th></tr></thead><tbody>\n";
+    for (const BatchAcceptTest& t : view.tests) {
+      body += "<tr><td><a href=\"/app/sessions/" + escapeHtml(percentEncode(t.sessionId)) +
+              "\"><bdi>" + escapeHtml(t.name) + "</bdi></a></td><td class=\"num\">" +
+              grouped(t.steps) + "</td></tr>\n";
+    }
+    body += "</tbody></table>\n<form class=\"review\" method=\"post\" action=\"" +
+            escapeHtml(path) + "/accept\"><input type=\"hidden\" name=\"csrf\" value=\"" +
+            escapeHtml(view.csrf) + "\"><input type=\"hidden\" name=\"state\" value=\"" +
+            escapeHtml(view.state) + "\">" +
+            (view.stale.empty() ? "" : "<input type=\"hidden\" name=\"confirm\" value=\"1\">") +
+            "<button id=\"confirm-batch-accept\" class=\"accept\" type=\"submit\">" +
+            (view.stale.empty() ? "Accept " : "Accept anyway: ") +
+            plural(view.steps, "step", "steps") + "</button></form> ";
+  }
+  body += "<a href=\"" + escapeHtml(path) + "\">Back to the batch</a>\n";
+  return page("Accept the batch?", body);
+}
+
+std::string renderMessagePage(const std::string& title, const std::string& message,
+                              const std::string& back) {
+  return page(escapeHtml(title),
+              "<h1>" + escapeHtml(title) + "</h1>\n<p class=\"message\" id=\"refusal\">" +
+                  escapeHtml(message) + "</p>\n<a href=\"" + escapeHtml(back) + "\">Back</a>\n");
 }
 
 }  // namespace saffra::server

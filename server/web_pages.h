@@ -85,6 +85,32 @@ struct TestView {
   bool reviewable = false;
   /// Shows only the steps of this state ("mismatched", "new", ...); empty for all.
   std::string filter;
+  /// The token of the steps' states that the test-wide accept carries, so an accept made on
+  /// an outdated page is refused.
+  std::string state;
+  /// The reader's last decision, which the Undo button undoes; none disables it.
+  std::optional<std::int64_t> undoDecision;
+};
+
+/// One test of a batch-wide accept: its session, name and the steps it accepts.
+struct BatchAcceptTest {
+  std::string sessionId;
+  std::string name;
+  std::int64_t steps = 0;
+};
+
+/// The confirmation of a batch-wide accept: how many steps of which tests it accepts, and the
+/// batch's state token the accept carries. With `stale` (tests whose baseline moved on, named
+/// with the reason), it asks to accept anyway.
+struct BatchAcceptView {
+  std::string batchId;
+  std::string batchName;
+  std::vector<BatchAcceptTest> tests;
+  std::int64_t steps = 0;
+  std::int64_t leftOut = 0;  // running or aborted tests
+  std::string state;
+  std::string csrf;
+  std::vector<std::string> stale;
 };
 
 /// A baseline's versions with their rollback buttons.
@@ -101,8 +127,18 @@ std::vector<RegionBox> regionsOf(const MatchSettings& settings);
 
 std::string renderLoginPage(const std::string& next, const std::string& message);
 std::string renderBatchList(const BatchListView& view);
-/// `tests` are the results documents of the batch's sessions.
-std::string renderBatchPage(const BatchRecord& batch, const std::vector<Json>& tests);
+/// `tests` are the results documents of the batch's sessions; `actions` is shown above them
+/// (see batchActions).
+std::string renderBatchPage(const BatchRecord& batch, const std::vector<Json>& tests,
+                            const std::string& actions = "");
+/// The batch page's buttons: accept every change of the batch (after a confirmation page) and
+/// undo the reader's last decision.
+std::string batchActions(const std::string& batchId, const std::string& csrf,
+                         std::optional<std::int64_t> undoDecision);
+std::string renderBatchAcceptPage(const BatchAcceptView& view);
+/// A refusal shown to a browser: what happened and a link back.
+std::string renderMessagePage(const std::string& title, const std::string& message,
+                              const std::string& back);
 std::string renderTestPage(const TestView& view);
 std::string renderBaselinePage(const BaselineView& view);
 /// The reply to an accept that the baseline moved on since: the reason, and a button that

@@ -9,6 +9,7 @@
 #include "saffra/platform/image.h"
 #include "server/match_settings.h"
 #include "server/results_document.h"
+#include "server/review_state.h"
 #include "server/upload_pipeline.h"
 #include "server/web_access.h"
 
@@ -33,6 +34,10 @@ void WebRoutes::sessionResults(const Request& req, Response& res, bool api) {
   Logins::Login login = access.pageLogin(req, res);
   TestView view = testView(session, login.csrf);
   view.filter = req.get_param_value("status");
+  std::vector<std::pair<std::int64_t, std::string>> states;
+  for (const StepView& step : view.steps) states.emplace_back(step.number, step.state);
+  view.state = stateToken(states);
+  view.undoDecision = store->lastDecision(RequestAccess::reviewerOfLogin(login.token));
   replyHtml(res, 200, renderTestPage(view));
 }
 
@@ -137,14 +142,18 @@ void WebRoutes::batchList(const Request& req, Response& res) {
 
 // GET /app/batches/{id}
 void WebRoutes::batchPage(const Request& req, Response& res) {
-  access.pageLogin(req, res);
+  Logins::Login login = access.pageLogin(req, res);
   std::optional<BatchRecord> batch = store->batch(req.matches[1]);
   if (!batch) throw RequestError(404, "unknown batch");
   std::vector<Json> tests;
   for (const SessionRecord& s : store->sessionsInBatch(batch->id)) {
     tests.push_back(resultsDocument(s, batch->name, store->steps(s.id), Links("")));
   }
-  replyHtml(res, 200, renderBatchPage(*batch, tests));
+  replyHtml(res, 200,
+            renderBatchPage(
+                *batch, tests,
+                batchActions(batch->id, login.csrf,
+                             store->lastDecision(RequestAccess::reviewerOfLogin(login.token)))));
 }
 
 // GET /api/sessions/{id}/steps/{n}/{baseline|current|diff}.png

@@ -347,6 +347,129 @@ TEST_F(WebTest, StaleAcceptsAskForConfirmationAndVersionsRollBack) {
   EXPECT_EQ(browser_.review(baseline + "/versions/1/rollback", "forged").status, 403);
 }
 
+/// The value of the hidden field `name` in a page's first form that has one.
+std::string fieldIn(const std::string& html, const std::string& name) {
+  std::smatch found;
+  if (!std::regex_search(html, found, std::regex("name=\"" + name + "\" value=\"([^\"]*)\""))) {
+    return "";
+  }
+  return found[1];
+}
+
+// A batch-wide accept shows how many steps of how many tests it accepts, takes them all in one
+// request, and is refused when sent twice or from an outdated confirmation. The reviewer's
+// last decision is undone whole (verdicts, statuses, baselines) and only once; a step decision
+// sent twice, or from a page that no longer shows the step's state, changes nothing. Over the
+// API, tests compared with a baseline that moved on are named and accepted only when confirmed,
+// and undoing the accept of a new test removes the baseline it made.
+TEST_F(WebTest, BatchAcceptUndoAndRepeatedDecisions) {
+  SessionSpec week = test_;
+  week.name = "week view";
+  std::string month = changedSession();  // step 2 changed
+  harness_.runTest(week, {kPlain, kPlain}, true);
+  std::string weekId = harness_.runTest(week, {kMarked, kOther, kPlain}, false)["id"];  // 3 open
+  std::string running = harness_.start(week).body["id"];
+  browser_.logIn(kApiKey);
+  const std::string batch = "/app/batches/" + test_.batchId;
+  std::string batchPage = browser_.get(batch).body;
+  EXPECT_TRUE(contains(batchPage, "id=\"batch-accept\""));
+  EXPECT_TRUE(contains(batchPage,
+                       "id=\"undo-button\" title=\"Undo your last decision (u)\" "
+                       "disabled"));
+  std::string confirm = browser_.get(batch + "?accept=1").body;
+  EXPECT_TRUE(contains(confirm, "This accepts <b>4 steps</b> in <b>2 tests</b>")) << confirm;
+  EXPECT_TRUE(contains(confirm, "1 test is left out")) << confirm;
+  const std::string csrf = fieldIn(confirm, "csrf");
+  const std::string state = fieldIn(confirm, "state");
+  ASSERT_EQ(state.size(), 16u);
+  auto acceptBatch = [&](const std::string& fields) {
+    return browser_.review(batch + "/accept", csrf + fields);
+  };
+  auto statuses = [&] {
+    return std::vector<std::string>{results(month)["status"], results(weekId)["status"]};
+  };
+  const std::vector<std::string> unresolved = {"Unresolved", "Unresolved"};
+
+  EXPECT_EQ(acceptBatch("&state=0123456789abcdef").status, 409);
+  EXPECT_EQ(statuses(), unresolved);
+  Page accepted = acceptBatch("&state=" + state);
+  EXPECT_EQ(accepted.status, 303) << accepted.body;
+  EXPECT_EQ(accepted.header("Location"), batch);
+  EXPECT_EQ(statuses(), std::vector<std::string>({"Passed", "Passed"}));
+  Page twice = acceptBatch("&state=" + state);
+  EXPECT_EQ(twice.status, 409);
+  EXPECT_TRUE(contains(twice.body, "id=\"refusal\"")) << twice.body;
+  EXPECT_EQ(acceptBatch("").status, 409) << "nothing left to accept";
+
+  // Undo restores both tests and their baselines; the same undo again is refused.
+  const std::string decision = fieldIn(browser_.get(batch).body, "decision");
+  ASSERT_FALSE(decision.empty());
+  auto undo = [&](const std::string& which) {
+    return browser_.review("/app/undo", csrf + "&decision=" + which + "&next=" + batch);
+  };
+  Page undone = undo(decision);
+  EXPECT_EQ(undone.status, 303);
+  EXPECT_EQ(undone.header("Location"), batch);
+  EXPECT_EQ(statuses(), unresolved);
+  EXPECT_EQ(undo(decision).status, 409);
+  EXPECT_EQ(statuses(), unresolved);
+  std::string baseline = "/app/baselines/" + std::to_string(results(month).value("baselineId", 0));
+  EXPECT_TRUE(contains(browser_.get(baseline).body, "undo from <a")) << baseline;
+  SessionSpec check = test_;
+  check.batchId = "CHECK";
+  EXPECT_EQ(harness_.runTest(check, {kPlain, kMarked}, false)["status"], "Unresolved");
+
+  // Step decisions: the same one twice, or one made on a page showing another state, is refused.
+  const std::string step = "/app/sessions/" + month + "/steps/2/";
+  EXPECT_EQ(browser_.review(step + "reject", csrf + "&state=mismatched").status, 303);
+  EXPECT_EQ(browser_.review(step + "reject", csrf).status, 409);
+  Page outdated = browser_.review(step + "accept", csrf + "&state=mismatched");
+  EXPECT_EQ(outdated.status, 409);
+  EXPECT_TRUE(contains(outdated.body, "it is rejected now")) << outdated.body;
+  EXPECT_EQ(results(month)["status"], "Failed");
+  EXPECT_EQ(browser_.review(step + "accept", csrf + "&state=rejected").status, 303);
+  EXPECT_EQ(results(month)["status"], "Passed");
+  const std::string last = fieldIn(browser_.get("/app/sessions/" + month).body, "decision");
+  EXPECT_EQ(undo(last).status, 303);
+  EXPECT_EQ(results(month)["status"], "Failed") << "the verdict before was the rejection";
+
+  // The API: a test whose baseline moved on is named, and accepted only when confirmed.
+  SessionSpec elsewhere = week;
+  elsewhere.batchId = "ELSEWHERE";
+  std::string newer = harness_.runTest(elsewhere, {kPlain, kPlain, kPlain}, false)["id"];
+  EXPECT_EQ(harness_.send("POST", "/api/sessions/" + newer + "/accept?apiKey=" + kApiKey).status,
+            200);
+  const std::string api = "/api/batches/" + test_.batchId + "/accept?apiKey=" + kApiKey;
+  Reply stale = harness_.send("POST", api);
+  EXPECT_EQ(stale.status, 409);
+  ASSERT_EQ(stale.body["stale"].size(), 1u) << stale.body;
+  EXPECT_EQ(stale.body["stale"][0]["id"], weekId);
+  EXPECT_EQ(statuses(), std::vector<std::string>({"Failed", "Unresolved"}));
+  Reply forced = harness_.send("POST", api + "&confirm=true");
+  EXPECT_EQ(forced.status, 200) << forced.body;
+  EXPECT_EQ(forced.body["steps"], 3) << "the rejected step stays rejected";
+  EXPECT_EQ(statuses(), std::vector<std::string>({"Failed", "Passed"}));
+  const std::string apiUndo = "/api/undo?apiKey=" + std::string(kApiKey);
+  EXPECT_EQ(harness_.send("POST", apiUndo).body["undone"]["scope"], "batch");
+  EXPECT_EQ(harness_.send("POST", apiUndo).body["undone"]["scope"], "test");
+  EXPECT_EQ(harness_.send("POST", apiUndo).status, 409) << "the page's decisions are its own";
+  EXPECT_EQ(results(newer)["status"], "Unresolved");
+  EXPECT_EQ(statuses(), std::vector<std::string>({"Failed", "Unresolved"}));
+
+  // Undoing the accept that made a new test's baseline removes that baseline again.
+  SessionSpec fresh = test_;
+  fresh.name = "fresh";
+  fresh.batchId = "FRESH";
+  std::string freshId = harness_.runTest(fresh, {kPlain}, false)["id"];
+  EXPECT_EQ(harness_.send("POST", "/api/sessions/" + freshId + "/accept?apiKey=" + kApiKey).status,
+            200);
+  EXPECT_EQ(harness_.send("POST", apiUndo).status, 200);
+  Reply again = harness_.start(fresh);
+  EXPECT_EQ(again.status, 201) << "a new test again";
+  harness_.stop(again.body["id"], true, false);
+  harness_.stop(running, true, false);
+}
+
 // The review page lists the steps that need a decision first (changed and new, in step order)
 // and folds the matched ones; the counts and the status filter (which works without script)
 // come from the server; a changed step lists its changed areas; images load lazily, by content.

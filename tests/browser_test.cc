@@ -407,7 +407,10 @@ TEST_F(BrowserTest, LoginForgedPostsAndReview) {
 // first change, j/k and the arrows move, z zooms to 100%, blink and swipe show both images, a
 // accepts and r reject (the page moving on to the next change), counts and the test's status
 // follow every decision, keys typed into the search field do nothing, and the decisions hold
-// after a reload. Then the mouse decides the last change with the same request.
+// after a reload. Then the mouse decides the last change with the same request, and u undoes
+// that. The baseline's page lists the versions the accepts and the undo made and rolls back to
+// the first. A batch-wide accept shows what it will accept, names the test whose baseline moved
+// on (the rollback) and accepts when confirmed; the batch page's Undo takes it back.
 TEST_F(BrowserTest, KeyboardReview) {
   run("Eighteen steps", screens(18));
   Run changed = run("Eighteen steps", screens(18, {4, 9, 15}));
@@ -485,6 +488,30 @@ TEST_F(BrowserTest, KeyboardReview) {
       {{"do", "tap"}, {"selector", "section.step.focused button.accept"}},
       until(settled(15, "accepted")),
       review("clicked"),
+      {{"do", "key"}, {"key", "u"}, {"navigates", true}, {"as", "undoKey"}},
+      until("document.querySelector('section.step.focused')"),
+      review("undone"),
+      {{"do", "attr"}, {"selector", "#baseline-link"}, {"name", "href"}, {"as", "baseline"}},
+      {{"do", "goto"}, {"path", "${baseline}"}},
+      {{"do", "text"}, {"selector", "#current-version"}, {"as", "versionAfterUndo"}},
+      {{"do", "count"}, {"selector", "tr.version"}, {"as", "versions"}},
+      {{"do", "text"}, {"selector", "tr.version[data-current] td:nth-child(3)"}, {"as", "undoRow"}},
+      {{"do", "click"}, {"selector", "tr.version[data-version=\"1\"] button.rollback"}},
+      {{"do", "text"}, {"selector", "#current-version"}, {"as", "rolledBack"}},
+      {{"do", "goto"}, {"path", "/app/batches/browser-batch"}},
+      {{"do", "click"}, {"selector", "#batch-accept"}},
+      {{"do", "text"}, {"selector", "#batch-accept-summary"}, {"as", "batchSummary"}},
+      {{"do", "click"}, {"selector", "#confirm-batch-accept"}, {"as", "batchStale"}},
+      {{"do", "count"}, {"selector", "#stale li"}, {"as", "staleTests"}},
+      {{"do", "click"}, {"selector", "#confirm-batch-accept"}, {"as", "batchAccepted"}},
+      {{"do", "goto"}, {"path", page(changed.sessionId)}},
+      until("document.querySelector('section.step.focused')"),
+      review("afterBatch"),
+      {{"do", "goto"}, {"path", "/app/batches/browser-batch"}},
+      {{"do", "click"}, {"selector", "#undo-button"}, {"as", "batchUndo"}},
+      {{"do", "goto"}, {"path", page(changed.sessionId)}},
+      until("document.querySelector('section.step.focused')"),
+      review("batchUndone"),
   });
   ASSERT_TRUE(r.contains("clicked")) << r;
   EXPECT_EQ(r["opened"]["focused"], 4) << r["opened"];
@@ -541,13 +568,33 @@ TEST_F(BrowserTest, KeyboardReview) {
   EXPECT_EQ(r["typed"]["focused"], 15);
   EXPECT_EQ(r["typed"]["counts"], r["rejected"]["counts"]);
   EXPECT_TRUE(r["help"]["help"].get<bool>());
-  EXPECT_GE(r["helpKeys"].get<int>(), 12);
+  EXPECT_GE(r["helpKeys"].get<int>(), 13);
 
   // The decisions were stored: a reload shows them and opens on the one change left.
   EXPECT_EQ(r["reloaded"]["focused"], 15);
   EXPECT_EQ(r["reloaded"]["counts"], r["rejected"]["counts"]);
   EXPECT_EQ(r["clicked"]["statuses"]["15"], "accepted");
   EXPECT_EQ(r["clicked"]["counts"]["mismatched"], 0);
+
+  // u undid the click: the page comes back with that step open again.
+  EXPECT_EQ(r["undoKey"]["path"], page(changed.sessionId)) << r["undoKey"];
+  EXPECT_EQ(r["undone"]["statuses"]["15"], "mismatched");
+  EXPECT_EQ(r["undone"]["counts"], r["rejected"]["counts"]);
+  // Saved, two accepts, the undo (the steps of version 2 again); then the rollback.
+  EXPECT_EQ(r["versionAfterUndo"], "4");
+  EXPECT_EQ(r["versions"], 4);
+  EXPECT_EQ(r["undoRow"].get<std::string>().rfind("undo from session", 0), 0u) << r["undoRow"];
+  EXPECT_EQ(r["rolledBack"], "5");
+
+  EXPECT_EQ(r["batchSummary"].get<std::string>().rfind("This accepts 1 step in 1 test:", 0), 0u)
+      << r["batchSummary"];
+  EXPECT_EQ(r["batchStale"]["status"], 409) << "the rollback moved the baseline on";
+  EXPECT_EQ(r["staleTests"], 1);
+  EXPECT_EQ(r["batchAccepted"]["path"], "/app/batches/browser-batch");
+  EXPECT_EQ(r["afterBatch"]["statuses"]["15"], "accepted");
+  EXPECT_EQ(r["afterBatch"]["counts"]["mismatched"], 0);
+  EXPECT_EQ(r["batchUndo"]["path"], "/app/batches/browser-batch");
+  EXPECT_EQ(r["batchUndone"]["statuses"]["15"], "mismatched");
   EXPECT_EQ(apiStatus(changed.sessionId), TestResultsStatusFailed);
 }
 

@@ -228,6 +228,14 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
   flushImages();  // accepted steps' images become baseline images
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
+  applyReview(sessionId, reviews, outcome, confirmed);
+  transaction.commit();
+}
+
+Store::AppliedReview Store::applyReview(const std::string& sessionId,
+                                        const std::vector<StepReview>& reviews,
+                                        const Outcome& outcome, bool confirmed) {
+  AppliedReview applied;
   const bool changesBaseline = std::any_of(
       reviews.begin(), reviews.end(), [](const StepReview& r) { return r.change.has_value(); });
   if (changesBaseline) {
@@ -258,6 +266,9 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
       s.run();
     }
     const std::int64_t version = newVersion(baselineId, base, "accepted", sessionId, std::nullopt);
+    applied.baselineId = baselineId;
+    if (target) applied.previousVersion = target->second;
+    applied.madeVersion = version;
     auto append = [&](const std::string& tag, const std::string& image) {
       Statement s(*statements_,
                   "INSERT INTO baseline_version_steps(baseline_id, version, position, tag, image) "
@@ -339,7 +350,7 @@ void Store::reviewSteps(const std::string& sessionId, const std::vector<StepRevi
     s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
     s.run();
   }
-  transaction.commit();
+  return applied;
 }
 
 std::int64_t Store::rollBack(std::int64_t baselineId, std::int64_t version) {

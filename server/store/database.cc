@@ -153,8 +153,34 @@ CREATE TABLE step_changes(
   changes TEXT NOT NULL,
   PRIMARY KEY(session_id, position));
 )sql"},
+    // Decisions (a step, a test or a batch reviewed at once) and what each changed, so the
+    // reviewer's last one can be undone: the outcome and verdicts its sessions had before, and
+    // the baseline versions it made.
+    {4, R"sql(
+CREATE TABLE decisions(
+  id INTEGER PRIMARY KEY,
+  reviewer TEXT NOT NULL,
+  scope TEXT NOT NULL,
+  made_at INTEGER NOT NULL,
+  undone INTEGER NOT NULL DEFAULT 0);
+CREATE INDEX decisions_by_reviewer ON decisions(reviewer, undone, id);
+CREATE TABLE decision_sessions(
+  decision_id INTEGER NOT NULL,
+  session_id TEXT NOT NULL,
+  outcome TEXT,
+  reviews TEXT NOT NULL,
+  PRIMARY KEY(decision_id, session_id));
+CREATE INDEX decision_sessions_by_session ON decision_sessions(session_id, decision_id);
+CREATE TABLE decision_baselines(
+  decision_id INTEGER NOT NULL,
+  baseline_id INTEGER NOT NULL,
+  session_id TEXT NOT NULL,
+  previous_version INTEGER,
+  made_version INTEGER NOT NULL,
+  PRIMARY KEY(decision_id, baseline_id));
+)sql"},
 };
-constexpr std::int64_t kSchemaVersion = 3;
+constexpr std::int64_t kSchemaVersion = 4;
 
 /// Device and inode of the data folder, its image folder and its database file; zeros for one
 /// that is missing.

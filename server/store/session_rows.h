@@ -13,7 +13,10 @@
 namespace saffra::server::storage {
 
 Json sessionInfoJson(const SessionRecord& s);
+/// Fills the record's settings from the JSON of its "info" column.
+void readSessionInfo(const Json& info, SessionRecord& s);
 Json outcomeJson(const Outcome& o);
+Outcome readOutcome(const Json& j);
 
 inline constexpr const char* kSessionColumns =
     "SELECT id, token, info, baseline_key, baseline_id, is_new, started_at, batch_id, outcome, "

@@ -14,7 +14,9 @@
 //   count      {selector}                 -> number of matches
 //   click      {selector}                 clicks and waits for the page it loads -> {status, path}
 //   tap        {selector}                 clicks without waiting for a page to load
-//   key        {key}                      presses a key (Playwright's names: "j", "ArrowDown", "?")
+//   key        {key, navigates}           presses a key (Playwright's names: "j", "ArrowDown", "?");
+//                                         with navigates: true, waits for the page it loads
+//                                         -> {status, path}
 //   type       {selector, text}           clicks a field and types into it key by key
 //   drag       {selector, from, to}       drags the mouse across the element; from and to are
 //                                         [x, y] fractions of its box
@@ -118,6 +120,7 @@ async function perform(page, plan, action, timeout) {
       await (await first(page, action.selector, timeout)).click({ timeout });
       return null;
     case 'key':
+      if (action.navigates) return navigation(page, timeout, () => page.keyboard.press(action.key));
       await page.keyboard.press(action.key);
       return null;
     case 'type': {
