@@ -53,6 +53,8 @@ std::string request(const std::string& method, const std::string& target, const 
 struct Fixture {
   TempFolder folder;
   std::optional<saffra::testing::ServeProcess> process;
+  std::atomic<bool> draining{true};
+  std::thread drain;  // reads the process's log (see serve)
   std::unique_ptr<Harness> service;
   const Harness& harness;
   std::string start;
@@ -72,28 +74,49 @@ struct Fixture {
                     json::write(startInfo(SessionSpec{})));
     matchBodyText = json::write(matchBody(upload, "step 1"));
   }
-  ~Fixture() { Logger::setSink(nullptr); }
+  ~Fixture() {
+    draining = false;
+    if (drain.joinable()) drain.join();
+    Logger::setSink(nullptr);
+  }
 
+  /// Starts `command serve` and reads its log lines as they come, so that its output pipe
+  /// never fills and blocks it.
   int serve(const std::string& command) {
     process = saffra::testing::startServe(command, folder.path(), {"--api-key", kApiKey});
+    drain = std::thread([this] {
+      while (draining) process->process->readLine(1);
+    });
     return process->port;
   }
 
   /// One check on `connection`: the session's start and stop are not timed. Returns the match
   /// request's latency, or a negative value when a reply was wrong.
-  double check(RawConnection& connection) const {
-    connection.send(start);
-    Json started = json::parse(RawConnection::bodyOf(connection.reply())).value_or(Json());
+  double check(std::unique_ptr<RawConnection>& connection) const {
+    Json started = json::parse(RawConnection::bodyOf(exchange(connection, start))).value_or(Json());
+    if (!started.is_object()) return -1;
     const std::string id = started.value("id", "");
     if (id.empty()) return -1;
     const std::string key = std::string("?apiKey=") + kApiKey;
     const Clock::time_point begin = Clock::now();
-    connection.send(request("POST", "/api/sessions/running/" + id + key, matchBodyText));
-    std::string matched = connection.reply();
+    std::string matched =
+        exchange(connection, request("POST", "/api/sessions/running/" + id + key, matchBodyText));
     const double ms = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-    connection.send(request("DELETE", "/api/sessions/running/" + id + key, ""));
-    connection.reply();
+    exchange(connection, request("DELETE", "/api/sessions/running/" + id + key, ""));
     return matched.find("\"asExpected\":true") == std::string::npos ? -1 : ms;
+  }
+
+  /// Sends a request and reads its reply. A server may close a kept-alive connection between
+  /// requests (some do after a few requests); the client then connects again and sends once
+  /// more, as HTTP clients do.
+  std::string exchange(std::unique_ptr<RawConnection>& connection, const std::string& bytes) const {
+    if (connection->send(bytes)) {
+      std::string reply = connection->reply();
+      if (!reply.empty()) return reply;
+    }
+    connection = std::make_unique<RawConnection>(harness.port(), "", 60);
+    connection->send(bytes);
+    return connection->reply();
   }
 };
 
@@ -115,7 +138,7 @@ std::vector<double> drive(const Fixture& f, int clients, Clock::duration period,
   std::vector<std::thread> threads;
   for (int c = 0; c < clients; ++c) {
     threads.emplace_back([&, c] {
-      RawConnection connection(f.harness.port(), "", 60);
+      auto connection = std::make_unique<RawConnection>(f.harness.port(), "", 60);
       Clock::time_point next = begin + period * c / std::max(clients, 1);
       while (true) {
         std::this_thread::sleep_until(next);
