@@ -56,11 +56,11 @@ struct Service::Impl {
   std::unique_ptr<DecisionRoutes> decisions;
   HttpServer http{serverOptions(options)};
   /// When this run of the service started (seconds since the epoch).
-  std::int64_t startedAt = 0;
+  std::atomic<std::int64_t> startedAt{0};
   /// The background tasks: aborting idle sessions and retention.
   std::unique_ptr<PeriodicTask> idleSessions;
   std::unique_ptr<PeriodicTask> retention;
-  int boundPort = 0;
+  std::atomic<int> boundPort{0};
   bool started = false;
   bool stopped = false;
   std::atomic<bool> stopping{false};
@@ -191,12 +191,14 @@ void Service::start() {
   }
   i.makeHandlers();
   i.registerRoutes();
+  // Handlers read both as soon as the server runs, on its threads: atomics, set before
+  // anything can reach them except the port, which is known only once bound.
+  i.startedAt = now();
   i.boundPort = i.http.start(i.options.host, i.options.port);
   if (i.boundPort <= 0) {
     i.boundPort = 0;
     throw ServiceError("cannot listen on " + i.options.host + ":" + std::to_string(i.options.port));
   }
-  i.startedAt = now();
   if (i.options.idleSessionTimeout.count() > 0) {
     // Checked a few times per idle time, at least every minute.
     const auto every = std::clamp<std::chrono::milliseconds>(
@@ -226,7 +228,7 @@ void Service::stop() {
 }
 
 int Service::port() const {
-  return impl_->boundPort;
+  return impl_->boundPort.load();
 }
 
 HandlerTime Service::matchWindowTime() const {
@@ -234,7 +236,7 @@ HandlerTime Service::matchWindowTime() const {
 }
 
 std::string Service::url() const {
-  return "http://" + impl_->options.host + ":" + std::to_string(impl_->boundPort);
+  return "http://" + impl_->options.host + ":" + std::to_string(impl_->boundPort.load());
 }
 
 }  // namespace saffra::server

@@ -92,7 +92,7 @@ void SessionApi::startSession(const Request& req, Response& res) {
                         s.isNew ? " (new test)" : "");
   replyJson(res, s.isNew ? 201 : 200,
             Json{{"id", s.id},
-                 {"url", linksFor(req, options.host, boundPort).sessionPage(s)},
+                 {"url", linksFor(req, options.host, boundPort.load()).sessionPage(s)},
                  {"isNew", s.isNew},
                  {"batchId", s.batchId}});
 }
@@ -254,7 +254,7 @@ std::string SessionApi::stoppedMessage(const Outcome& outcome) {
 void SessionApi::abortIdleSessions() {
   const auto idle = std::chrono::duration_cast<std::chrono::seconds>(options.idleSessionTimeout);
   const std::int64_t cutoff = now() - std::max<std::int64_t>(idle.count(), 1);
-  if (cutoff < startedAt) return;
+  if (cutoff < startedAt.load()) return;
   for (const std::string& id : store->idleSessions(cutoff)) {
     std::lock_guard lock(locks.lockFor(id));
     std::optional<SessionRecord> session = store->session(id);
@@ -280,7 +280,7 @@ void SessionApi::stopSession(const Request& req, Response& res) {
     Logger::logWithFormat("session %@ stopped: %@%@", id, session->outcome->status,
                           session->outcome->savedAsBaseline ? ", saved as baseline" : "");
   }
-  replyJson(res, 200, documentFor(*store, *session, linksFor(req, options.host, boundPort)));
+  replyJson(res, 200, documentFor(*store, *session, linksFor(req, options.host, boundPort.load())));
 }
 
 // DELETE /api/sessions/batches/{id}/close/bypointerid

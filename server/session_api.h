@@ -21,8 +21,8 @@ class SessionApi {
  public:
   /// `boundPort` and `startedAt` are the service's, set when it starts.
   SessionApi(const ServiceOptions& options, Store* store, RequestAccess& access,
-             SessionLocks& locks, UploadPipeline& uploads, const int& boundPort,
-             const std::int64_t& startedAt)
+             SessionLocks& locks, UploadPipeline& uploads, const std::atomic<int>& boundPort,
+             const std::atomic<std::int64_t>& startedAt)
       : options(options),
         store(store),
         access(access),
@@ -84,9 +84,9 @@ class SessionApi {
   RequestAccess& access;
   SessionLocks& locks;
   UploadPipeline& uploads;
-  const int& boundPort;
+  const std::atomic<int>& boundPort;
   /// When this run of the service started (seconds since the epoch).
-  const std::int64_t& startedAt;
+  const std::atomic<std::int64_t>& startedAt;
   /// Match-window requests handled and the nanoseconds spent in their handler.
   std::atomic<std::uint64_t> matchRequests{0};
   std::atomic<std::int64_t> matchNanoseconds{0};

@@ -28,7 +28,8 @@ void WebRoutes::sessionResults(const Request& req, Response& res, bool api) {
   }
   SessionRecord session = readableSession(req, req.matches[1]);
   if (api) {
-    replyJson(res, 200, documentFor(*store, session, linksFor(req, options.host, boundPort)));
+    replyJson(res, 200,
+              documentFor(*store, session, linksFor(req, options.host, boundPort.load())));
     return;
   }
   Logins::Login login = access.pageLogin(req, res);

@@ -2,6 +2,8 @@
 // images and their thumbnails.
 #pragma once
 
+#include <atomic>
+
 #include <string>
 
 #include "server/http/request.h"
@@ -18,7 +20,7 @@ class WebRoutes {
  public:
   /// `boundPort` is the service's, set when it starts.
   WebRoutes(const ServiceOptions& options, Store* store, RequestAccess& access,
-            const int& boundPort)
+            const std::atomic<int>& boundPort)
       : options(options), store(store), access(access), boundPort(boundPort) {}
 
   void apiResults(const http::Request& req, http::Response& res);
@@ -67,7 +69,7 @@ class WebRoutes {
   const ServiceOptions& options;
   Store* store;
   RequestAccess& access;
-  const int& boundPort;
+  const std::atomic<int>& boundPort;
   /// Thumbnails of the images that step lists showed.
   ThumbnailCache thumbnails{std::size_t{32} << 20};
 };

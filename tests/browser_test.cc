@@ -721,6 +721,12 @@ TEST_F(BrowserTest, FiveHundredStepsOpenOnTheFirstChange) {
 // without script, and the batch list, against expectations. The review screenshots are the
 // README's pictures.
 TEST_F(BrowserTest, PagesLookAsExpected) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // Under a sanitizer the service makes thumbnails slowly enough that a picture may be taken
+  // before one arrived; the pages' code paths are run by the other tests, and the plain build
+  // compares the pictures.
+  GTEST_SKIP() << "not run under a sanitizer";
+#endif
   auto header = example("docs-header.png");
   auto title = std::make_shared<Region>(8, 8, 120, 30);
   run("Screenshots", {Target::image(example("icon-tile.png")), Target::image(header)});
