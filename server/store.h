@@ -445,6 +445,8 @@ class Store {
     std::optional<std::int64_t> previousVersion;
     std::int64_t madeVersion = 0;
   };
+  /// The reviewer's last decision not undone, without its sessions; the caller holds mutex_.
+  std::optional<UndoneDecision> lastOpenDecision(const std::string& reviewer);
   /// reviewSteps inside a transaction.
   AppliedReview applyReview(const std::string& sessionId, const std::vector<StepReview>& reviews,
                             const Outcome& outcome, bool confirmed);

@@ -117,18 +117,23 @@ std::optional<std::int64_t> Store::lastDecision(const std::string& reviewer) {
   return s.integer(0);
 }
 
+std::optional<UndoneDecision> Store::lastOpenDecision(const std::string& reviewer) {
+  Statement s(*statements_,
+              "SELECT id, scope FROM decisions WHERE reviewer = ? AND undone = 0 "
+              "ORDER BY id DESC LIMIT 1");
+  s.bind(1, reviewer);
+  if (!s.step()) return std::nullopt;
+  UndoneDecision decision;
+  decision.id = s.integer(0);
+  decision.scope = s.text(1);
+  return decision;
+}
+
 std::optional<UndoneDecision> Store::decisionToUndo(const std::string& reviewer) {
   std::lock_guard lock(mutex_);
-  UndoneDecision decision;
-  {
-    Statement s(*statements_,
-                "SELECT id, scope FROM decisions WHERE reviewer = ? AND undone = 0 "
-                "ORDER BY id DESC LIMIT 1");
-    s.bind(1, reviewer);
-    if (!s.step()) return std::nullopt;
-    decision.id = s.integer(0);
-    decision.scope = s.text(1);
-  }
+  std::optional<UndoneDecision> last = lastOpenDecision(reviewer);
+  if (!last) return std::nullopt;
+  UndoneDecision decision = std::move(*last);
   Statement s(*statements_, "SELECT session_id FROM decision_sessions WHERE decision_id = ?");
   s.bind(1, decision.id);
   while (s.step()) decision.sessions.push_back(s.text(0));
@@ -140,19 +145,12 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
   requireOwnFolder();
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
-  UndoneDecision undone;
-  {
-    Statement s(*statements_,
-                "SELECT id, scope FROM decisions WHERE reviewer = ? AND undone = 0 "
-                "ORDER BY id DESC LIMIT 1");
-    s.bind(1, reviewer);
-    if (!s.step()) {
-      if (expected) throw UndoRefused("that decision was undone already");
-      return std::nullopt;
-    }
-    undone.id = s.integer(0);
-    undone.scope = s.text(1);
+  std::optional<UndoneDecision> last = lastOpenDecision(reviewer);
+  if (!last) {
+    if (expected) throw UndoRefused("that decision was undone already");
+    return std::nullopt;
   }
+  UndoneDecision undone = std::move(*last);
   if (expected && *expected != undone.id) {
     throw UndoRefused(*expected > undone.id
                           ? "that decision was undone already"
