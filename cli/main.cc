@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   int exitCode = 0;
   saffra::cli::addServeCommand(app, exitCode);
   saffra::cli::addCheckCommand(app, exitCode);
+  saffra::cli::addKeysCommand(app, exitCode);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -45,10 +45,6 @@ int runServe(const ServeOptions& options) {
   service.keepVersions = options.keepVersions;
   OptString environmentKey = EnvironmentHelper::environmentVariableForKey("QUORVANT_API_KEY");
   if (environmentKey && !environmentKey->empty()) service.apiKeys.push_back(*environmentKey);
-  if (service.apiKeys.empty()) {
-    std::cerr << "saffra serve: no API key; pass --api-key KEY or set QUORVANT_API_KEY\n";
-    return 2;
-  }
 
   // Block the stop signals before the service starts its threads, so that they inherit the
   // mask and only sigwait() below receives them.
@@ -61,6 +57,13 @@ int runServe(const ServeOptions& options) {
   server::Service running(service);
   try {
     running.start();
+  } catch (const server::ServiceSettingsError& e) {
+    std::cerr << "saffra serve: " << e.what()
+              << (service.apiKeys.empty()
+                      ? "; pass --api-key KEY, set QUORVANT_API_KEY or add one with saffra keys add"
+                      : "")
+              << "\n";
+    return 2;
   } catch (const server::ServiceError& e) {
     std::cerr << "saffra serve: " << e.what() << "\n";
     return 1;
@@ -86,7 +89,8 @@ void addServeCommand(CLI::App& app, int& exitCode) {
   serve->add_option("--data", options->dataFolder, "Folder of the baselines and results")
       ->capture_default_str();
   serve->add_option("--api-key", options->apiKeys,
-                    "An API key that requests may use (repeatable); QUORVANT_API_KEY adds one");
+                    "An API key that requests may use (repeatable); QUORVANT_API_KEY adds one, and "
+                    "keys added with saffra keys add work too");
   serve
       ->add_option("--idle-timeout", options->idleTimeoutMinutes,
                    "Minutes without a request after which a running session is aborted "

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -60,6 +61,83 @@ TEST(ServeCommandTest, ServesWithItsKeysAndRefusesToRunWithoutOne) {
     EXPECT_EQ(refused.wait(), 2) << option << " " << value << ": " << output;
     EXPECT_NE(output.find(option), std::string::npos) << output;
   }
+  fs::remove_all(data);
+}
+
+int portOf(ChildProcess& serve) {
+  std::smatch m;
+  std::string line = serve.readLine();
+  return std::regex_match(line, m, std::regex("listening on http://127\\.0\\.0\\.1:(\\d+)"))
+             ? std::stoi(m[1])
+             : 0;
+}
+
+// Keys made with `saffra keys` are kept in the store: two services on it accept them without
+// --api-key, and a login made on one is known to the other. A revoked key is refused, and with
+// no key left in use the service refuses to start.
+TEST(ServeCommandTest, KeysInTheStoreServeEveryServiceOnIt) {
+  const fs::path data = fs::temp_directory_path() / ("saffra-keys-test-" + saffra::newUUIDString());
+  const std::vector<std::string> store = {"--data", data.string()};
+  auto keys = [&](std::vector<std::string> args, std::string* out = nullptr) {
+    args.insert(args.begin(), "keys");
+    args.insert(args.end(), store.begin(), store.end());
+    ChildProcess command(kCommand, args, {});
+    const std::string output = command.readAll();
+    if (out) *out = output;
+    return command.wait();
+  };
+  std::string key;
+  ASSERT_EQ(keys({"add", "ci"}, &key), 0);
+  std::smatch shown;
+  ASSERT_TRUE(std::regex_search(key, shown, std::regex("(^|\n)([0-9a-f]{64})\n"))) << key;
+  key = shown[2];
+  EXPECT_EQ(keys({"add", "ci"}), 1);  // the name is in use
+  EXPECT_EQ(keys({"add", "laptop"}), 0);
+  {
+    ChildProcess a(kCommand, {"serve", "--port", "0", "--data", data.string()}, {});
+    ChildProcess b(kCommand, {"serve", "--port", "0", "--data", data.string()}, {});
+    const int portA = portOf(a), portB = portOf(b);
+    ASSERT_GT(portA, 0);
+    ASSERT_GT(portB, 0);
+    httplib::Client clientA("127.0.0.1", portA), clientB("127.0.0.1", portB);
+    std::string body = R"({"startInfo": {"appIdOrName": "a", "scenarioIdOrName": "t"}})";
+    for (const auto& [client, k, status] :
+         {std::tuple{&clientA, key, 201}, {&clientB, key, 201}, {&clientB, "k1", 401}}) {
+      auto reply = client->Post("/api/sessions/running?apiKey=" + k, body, "application/json");
+      ASSERT_TRUE(reply);
+      EXPECT_EQ(reply->status, status) << k;
+    }
+    auto login =
+        clientA.Post("/app/login", {{"Origin", "http://127.0.0.1:" + std::to_string(portA)}},
+                     "apiKey=" + key + "&next=/app/batches", "application/x-www-form-urlencoded");
+    ASSERT_TRUE(login);
+    ASSERT_EQ(login->status, 303) << login->body;
+    const std::string cookie = login->get_header_value("Set-Cookie");
+    auto page = clientB.Get("/app/batches", {{"Cookie", cookie.substr(0, cookie.find(';'))}});
+    ASSERT_TRUE(page);
+    EXPECT_EQ(page->status, 200);
+    EXPECT_EQ(a.stop(SIGTERM), 0);
+    EXPECT_EQ(b.stop(SIGTERM), 0);
+  }
+  std::string listed;
+  EXPECT_EQ(keys({"revoke", "ci"}), 0);
+  EXPECT_EQ(keys({"revoke", "ci"}), 1);
+  EXPECT_EQ(keys({"list"}, &listed), 0);
+  EXPECT_NE(listed.find("ci\tmade "), std::string::npos) << listed;
+  EXPECT_NE(listed.find("\trevoked "), std::string::npos) << listed;
+  EXPECT_EQ(listed.find(key), std::string::npos);  // only digests are kept
+  {
+    ChildProcess serve(kCommand, {"serve", "--port", "0", "--data", data.string()}, {});
+    httplib::Client client("127.0.0.1", portOf(serve));
+    auto reply = client.Get("/api/sessions/none?apiKey=" + key);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->status, 401);
+    EXPECT_EQ(serve.stop(SIGTERM), 0);
+  }
+  EXPECT_EQ(keys({"revoke", "laptop"}), 0);
+  ChildProcess keyless(kCommand, {"serve", "--port", "0", "--data", data.string()}, {});
+  EXPECT_NE(keyless.readAll().find("no API key"), std::string::npos);
+  EXPECT_EQ(keyless.wait(), 2);
   fs::remove_all(data);
 }
 

@@ -147,7 +147,7 @@ TEST(BaselineMigration, AFirstReleaseDataFolderIsUpgraded) {
     Store store(folder.path());
     store.putImage(kPlain);
     store.putImage(kMarked);
-    EXPECT_EQ(store.schemaVersion(), 4);
+    EXPECT_EQ(store.schemaVersion(), 5);
   }
   Harness harness(folder.path());
   // The menu first, then home: both pair by tag with the migrated steps.

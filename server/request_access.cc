@@ -12,12 +12,34 @@ using http::Params;
 using http::Request;
 using http::Response;
 
+RequestAccess::RequestAccess(const ServiceOptions& options, Store& store)
+    : options(options), store(store), logins(store.sharedSecret("logins")) {}
+
+bool RequestAccess::isKnownKey(const std::string& key) {
+  if (std::any_of(options.apiKeys.begin(), options.apiKeys.end(),
+                  [&](const std::string& k) { return sameSecret(k, key); })) {
+    return true;
+  }
+  if (key.empty()) return false;
+  constexpr auto kRemembered = std::chrono::seconds(5);
+  const std::string digest = sha256Hex(key);
+  const auto at = std::chrono::steady_clock::now();
+  {
+    std::lock_guard lock(knownMutex);
+    auto found = knownDigests.find(digest);
+    if (found != knownDigests.end() && at - found->second < kRemembered) return true;
+  }
+  if (!store.hasApiKeyDigest(digest)) return false;
+  std::lock_guard lock(knownMutex);
+  if (knownDigests.size() >= 1024) knownDigests.clear();
+  knownDigests[digest] = at;
+  return true;
+}
+
 bool RequestAccess::hasApiKey(const Request& req) {
   if (!req.has_param("apiKey")) return false;
   if (!attempts.allows(req.remoteAddress)) throw tooManyAttempts();
-  std::string key = req.get_param_value("apiKey");
-  bool known = std::any_of(options.apiKeys.begin(), options.apiKeys.end(),
-                           [&](const std::string& k) { return sameSecret(k, key); });
+  bool known = isKnownKey(req.get_param_value("apiKey"));
   if (!known) attempts.failed(req.remoteAddress);
   return known;
 }
@@ -44,7 +66,7 @@ void RequestAccess::requireReader(const Request& req, const std::string& next) {
 Logins::Login RequestAccess::pageLogin(const Request& req, Response& res) {
   requireReader(req);
   if (std::optional<Logins::Login> login = loginOf(req)) return *login;
-  Logins::Login login = logins.createProvisional();
+  Logins::Login login = logins.create();
   res.set_header("Set-Cookie", loginCookie(login.token));
   return login;
 }
@@ -79,17 +101,13 @@ void RequestAccess::login(const Request& req, Response& res) {
   std::string key = fieldAt(fields, "apiKey");
   std::string next = localPathOr(fieldAt(fields, "next"), "/app/batches");
   if (!attempts.allows(req.remoteAddress)) throw tooManyAttempts();
-  bool known = std::any_of(options.apiKeys.begin(), options.apiKeys.end(),
-                           [&](const std::string& k) { return sameSecret(k, key); });
-  if (!known) {
+  if (!isKnownKey(key)) {
     attempts.failed(req.remoteAddress);
     if (!accepts(req, "text/html")) throw RequestError(401, "missing or unknown API key");
     replyHtml(res, 401, renderLoginPage(next, "Unknown API key."));
     return;
   }
-  std::optional<Logins::Login> login = logins.create();
-  if (!login) throw RequestError(503, "too many logins are in use; try again later");
-  res.set_header("Set-Cookie", loginCookie(login->token));
+  res.set_header("Set-Cookie", loginCookie(logins.create().token));
   redirect(res, next);
 }
 

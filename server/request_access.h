@@ -2,8 +2,11 @@
 // tokens) and the login form itself.
 #pragma once
 
+#include <chrono>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "server/http/request.h"
 #include "server/replies.h"
@@ -12,11 +15,15 @@
 
 namespace saffra::server {
 
-/// Checks the credentials of requests: an API key in the query, or a login cookie; keeps the
-/// logins and the wrong-key attempts of each address. Also answers the login form.
+class Store;
+
+/// Checks the credentials of requests: an API key in the query (one of the service's options,
+/// or one added to the store), or a login cookie; keeps the wrong-key attempts of each address.
+/// Also answers the login form. Logins are signed with the store's shared secret, so every
+/// service on one store knows them.
 class RequestAccess {
  public:
-  explicit RequestAccess(const ServiceOptions& options) : options(options) {}
+  RequestAccess(const ServiceOptions& options, Store& store);
 
   /// Whether the query holds a configured key. An address whose wrong keys used up its
   /// attempts gets 429 for any key until its attempts come back, so keys cannot be guessed fast.
@@ -39,6 +46,10 @@ class RequestAccess {
   /// login's CSRF token.
   void requireReviewForm(const http::Request& req, const std::string& sessionIdOrPage);
 
+  /// True when `key` is one of the options' keys or a key in use in the store. Keys found in
+  /// the store are remembered for a few seconds, so a revoked key may work that long.
+  bool isKnownKey(const std::string& key);
+
   /// Who decides, for the record of decisions: a page's login (by a digest of its token, so
   /// the database holds no secret) or "api" for a holder of an API key. Undo works on the
   /// reviewer's own decisions.
@@ -54,8 +65,12 @@ class RequestAccess {
   static RequestError tooManyAttempts();
 
   const ServiceOptions& options;
+  Store& store;
   Logins logins;
   AttemptLimiter attempts;
+  /// Digests of keys the store knew, and when it was asked.
+  std::mutex knownMutex;
+  std::unordered_map<std::string, std::chrono::steady_clock::time_point> knownDigests;
 };
 
 }  // namespace saffra::server

@@ -42,11 +42,11 @@ std::string describeRequest(const Request& req) {
 }  // namespace
 
 struct Service::Impl {
-  explicit Impl(ServiceOptions o) : options(std::move(o)), access(options) {}
+  explicit Impl(ServiceOptions o) : options(std::move(o)) {}
 
   ServiceOptions options;
   std::unique_ptr<Store> store;
-  RequestAccess access;
+  std::unique_ptr<RequestAccess> access;
   SessionLocks locks;
   /// The handlers, made once the store is open.
   std::unique_ptr<UploadPipeline> uploads;
@@ -67,12 +67,13 @@ struct Service::Impl {
 
   /// Makes the handlers over the open store.
   void makeHandlers() {
+    access = std::make_unique<RequestAccess>(options, *store);
     uploads = std::make_unique<UploadPipeline>(options, store.get());
-    sessions = std::make_unique<SessionApi>(options, store.get(), access, locks, *uploads,
+    sessions = std::make_unique<SessionApi>(options, store.get(), *access, locks, *uploads,
                                             boundPort, startedAt);
-    web = std::make_unique<WebRoutes>(options, store.get(), access, boundPort);
-    reviews = std::make_unique<ReviewRoutes>(store.get(), access, locks);
-    decisions = std::make_unique<DecisionRoutes>(store.get(), access, locks);
+    web = std::make_unique<WebRoutes>(options, store.get(), *access, boundPort);
+    reviews = std::make_unique<ReviewRoutes>(store.get(), *access, locks);
+    decisions = std::make_unique<DecisionRoutes>(store.get(), *access, locks);
   }
 
   /// Runs a handler, turning refusals and failures into JSON error replies.
@@ -124,8 +125,8 @@ struct Service::Impl {
     http.Get("/", guarded(*web, &WebRoutes::home));
     http.Get("/app/?", guarded(*web, &WebRoutes::home));
     http.Get("/app/static/(app\\.css|app\\.js)", guarded(*web, &WebRoutes::staticFile));
-    http.Get("/app/login", guarded(access, &RequestAccess::loginForm));
-    http.Post("/app/login", guarded(access, &RequestAccess::login));
+    http.Get("/app/login", guarded(*access, &RequestAccess::loginForm));
+    http.Post("/app/login", guarded(*access, &RequestAccess::login));
     http.Get("/app/batches/?", guarded(*web, &WebRoutes::batchList));
     http.Get("/app/batches/(.+)", guarded(*this, &Impl::batchPage));
     const std::string stepReview =
@@ -182,10 +183,14 @@ void Service::start() {
   Impl& i = *impl_;
   if (i.started) return;
   if (i.stopped) throw ServiceError("a stopped service cannot start again");
-  if (i.options.apiKeys.empty()) throw ServiceError("no API key is configured");
-  if (i.options.dataFolder.empty()) throw ServiceError("no data folder is configured");
+  if (i.options.dataFolder.empty()) throw ServiceSettingsError("no data folder is configured");
   try {
     i.store = std::make_unique<Store>(i.options.dataFolder);
+    const std::vector<ApiKeyRecord> keys = i.store->apiKeys();
+    if (i.options.apiKeys.empty() &&
+        std::none_of(keys.begin(), keys.end(), [](const auto& k) { return !k.revokedAt; })) {
+      throw ServiceSettingsError("no API key is configured");
+    }
   } catch (const StoreError& e) {
     throw ServiceError(e.what());
   }

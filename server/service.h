@@ -64,6 +64,13 @@ class ServiceError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// The service's settings cannot work as given (no API key anywhere, no data folder): a usage
+/// error rather than a failure of the machine.
+class ServiceSettingsError : public ServiceError {
+ public:
+  using ServiceError::ServiceError;
+};
+
 /// How the service runs.
 struct ServiceOptions {
   /// Address to listen on.
@@ -72,7 +79,8 @@ struct ServiceOptions {
   int port = 0;
   /// Where the database and the images live; created when missing.
   std::filesystem::path dataFolder;
-  /// The keys a request may carry; at least one is needed.
+  /// The keys a request may carry, beside those added to the store (`saffra keys add`); at
+  /// least one of either is needed.
   std::vector<std::string> apiKeys;
   /// Requests with a larger body are refused with 413.
   std::size_t maxBodyBytes = std::size_t{100} << 20;

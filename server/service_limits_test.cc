@@ -113,21 +113,30 @@ TEST(ServiceLimitsTest, WrongKeysFromOneAddressAreThrottled) {
   EXPECT_EQ(status("127.0.0.2", "wrong"), 401);
 }
 
-TEST(ServiceLimitsTest, LoginsOfBrowsersAreNeverPushedOut) {
-  Logins logins(std::chrono::hours(1), 2, 2);
-  std::optional<Logins::Login> first = logins.create();
-  ASSERT_TRUE(first);
-  Logins::Login offered = logins.createProvisional();
-  ASSERT_TRUE(logins.find(offered.token));  // its cookie came back: it takes the second place
-  EXPECT_FALSE(logins.create());            // no place left; nobody is pushed out
-  // Page loads by clients that never return the cookie only replace each other.
-  std::vector<Logins::Login> ignored;
-  for (int i = 0; i < 50; ++i) ignored.push_back(logins.createProvisional());
-  EXPECT_TRUE(logins.find(first->token));
-  EXPECT_TRUE(logins.find(offered.token));
-  EXPECT_FALSE(logins.find(ignored.front().token));
-  EXPECT_TRUE(logins.find(ignored.back().token));  // still usable, though without a place
-  EXPECT_EQ(logins.find(offered.token)->csrf, offered.csrf);
+// Logins are signed, not held: another instance with the secret knows them, nothing else does,
+// and a token changed in any part is refused.
+TEST(ServiceLimitsTest, LoginsAreKnownByTheirSignatureOnly) {
+  const Logins logins("secret"), sameSecret("secret"), otherSecret("other"),
+      expired("secret", std::chrono::seconds(-1));
+  const Logins::Login login = logins.create();
+  ASSERT_TRUE(sameSecret.find(login.token));
+  EXPECT_EQ(sameSecret.find(login.token)->csrf, login.csrf);
+  EXPECT_NE(logins.create().csrf, login.csrf);
+  std::string later = login.token;
+  later[0] = later[0] == '9' ? '8' : '9';  // an expiry moved
+  std::string forged = login.token;
+  forged.back() = forged.back() == '0' ? '1' : '0';
+  for (const auto& [token, finder] : std::vector<std::pair<std::string, const Logins*>>{
+           {login.token, &otherSecret},
+           {expired.create().token, &logins},
+           {later, &logins},
+           {forged, &logins},
+           {"", &logins},
+           {"1.2", &logins},
+           {"x." + login.token.substr(login.token.find('.') + 1), &logins},
+           {std::string(4000, 'a'), &logins}}) {
+    EXPECT_FALSE(finder->find(token)) << token;
+  }
 }
 
 TEST(ServiceLimitsTest, BatchIdsOfAnyCharactersCanBeClosed) {

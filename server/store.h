@@ -274,6 +274,14 @@ struct BatchPage {
   std::int64_t total = 0;
 };
 
+/// An API key as the store keeps it: its name and the SHA-256 of its text, never the text.
+struct ApiKeyRecord {
+  std::string name;
+  std::string digest;
+  std::int64_t createdAt = 0;  // seconds since the epoch
+  std::optional<std::int64_t> revokedAt;
+};
+
 /// The database and image folder under one data folder.
 class Store {
  public:
@@ -425,6 +433,19 @@ class Store {
   void putStepChanges(const std::string& sessionId, std::int64_t position, const Json& changes);
   /// The changes kept for the steps of a session, by position.
   std::map<std::int64_t, Json> stepChanges(const std::string& sessionId);
+
+  /// Adds an API key by the lower-case hex SHA-256 of its text; false when a key in use
+  /// already has this name.
+  bool addApiKey(const std::string& name, const std::string& digest, std::int64_t at);
+  /// Every key ever added, revoked ones too, oldest first.
+  std::vector<ApiKeyRecord> apiKeys();
+  /// Revokes the key in use of this name; false when there is none.
+  bool revokeApiKey(const std::string& name, std::int64_t at);
+  /// True when a key in use has this digest.
+  bool hasApiKeyDigest(const std::string& digest);
+  /// The secret of this name shared by every service on this store (such as the one that
+  /// signs logins), made at random the first time it is asked for.
+  std::string sharedSecret(const std::string& name);
 
   /// The store's prepared statements, kept between uses (defined in store/statement.h).
   class StatementCache;

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
+#include <cstdint>
 #include <stdexcept>
 #include <vector>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <openssl/rand.h>
 
 namespace saffra::server {
@@ -23,15 +26,6 @@ std::string hex(const unsigned char* bytes, std::size_t size) {
     text += kHex[bytes[i] & 15];
   }
   return text;
-}
-
-std::string sha256(const std::string& text) {
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned int length = 0;
-  if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
-    throw std::runtime_error("cannot hash a login token");
-  }
-  return hex(digest.data(), length);
 }
 
 std::string_view trim(std::string_view s) {
@@ -56,63 +50,39 @@ std::string lower(std::string text) {
 
 }  // namespace
 
-Logins::Logins(std::chrono::seconds lifetime, std::size_t capacity, std::size_t provisionalCapacity)
-    : lifetime_(lifetime),
-      capacity_(std::max<std::size_t>(capacity, 1)),
-      provisionalCapacity_(std::max<std::size_t>(provisionalCapacity, 1)) {}
+Logins::Logins(std::string secret, std::chrono::seconds lifetime)
+    : secret_(std::move(secret)), lifetime_(lifetime) {}
 
-std::optional<Logins::Login> Logins::create() {
-  Login login{randomToken(), randomToken()};
-  auto now = std::chrono::steady_clock::now();
-  std::lock_guard lock(mutex_);
-  std::erase_if(entries_, [&](const auto& entry) { return entry.second.expires <= now; });
-  if (entries_.size() >= capacity_) return std::nullopt;
-  entries_[sha256(login.token)] = Entry{login.csrf, now + lifetime_};
-  return login;
+std::string Logins::signature(std::string_view text) const {
+  return hmacSha256Hex(secret_, text);
 }
 
-Logins::Login Logins::createProvisional() {
-  Login login{randomToken(), randomToken()};
-  auto now = std::chrono::steady_clock::now();
-  std::lock_guard lock(mutex_);
-  std::erase_if(provisional_, [&](const auto& entry) { return entry.second.expires <= now; });
-  while (provisional_.size() >= provisionalCapacity_) {
-    auto oldest = std::min_element(
-        provisional_.begin(), provisional_.end(),
-        [](const auto& a, const auto& b) { return a.second.expires < b.second.expires; });
-    provisional_.erase(oldest);
-  }
-  provisional_[sha256(login.token)] = Entry{login.csrf, now + lifetime_};
-  return login;
+// A token is "<expiry>.<random>.<signature>": the expiry in seconds since the epoch (a wall
+// clock, which every instance shares), 128 random bits, and the HMAC of the two.
+Logins::Login Logins::create() const {
+  const auto expires = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::system_clock::now().time_since_epoch() + lifetime_)
+                           .count();
+  const std::string signedPart = std::to_string(expires) + "." + randomToken().substr(0, 32);
+  const std::string token = signedPart + "." + signature(signedPart);
+  return Login{token, signature("csrf " + token)};
 }
 
-std::optional<Logins::Login> Logins::find(const std::string& token) {
-  if (token.empty()) return std::nullopt;
-  std::string key = sha256(token);
-  auto now = std::chrono::steady_clock::now();
-  std::lock_guard lock(mutex_);
-  auto found = entries_.find(key);
-  if (found == entries_.end()) {
-    auto offered = provisional_.find(key);
-    if (offered == provisional_.end()) return std::nullopt;
-    if (offered->second.expires <= now) {
-      provisional_.erase(offered);
-      return std::nullopt;
-    }
-    Login login{token, offered->second.csrf};
-    // The cookie came back: a browser keeps this login, so it takes a place when one is free.
-    std::erase_if(entries_, [&](const auto& entry) { return entry.second.expires <= now; });
-    if (entries_.size() < capacity_) {
-      entries_.emplace(key, offered->second);
-      provisional_.erase(offered);
-    }
-    return login;
-  }
-  if (found->second.expires <= now) {
-    entries_.erase(found);
+std::optional<Logins::Login> Logins::find(const std::string& token) const {
+  const std::size_t dot = token.rfind('.');
+  if (token.empty() || token.size() > 128 || dot == std::string::npos) return std::nullopt;
+  const std::string signedPart = token.substr(0, dot);
+  if (!sameSecret(signature(signedPart), std::string_view(token).substr(dot + 1))) {
     return std::nullopt;
   }
-  return Login{token, found->second.csrf};
+  std::int64_t expires = 0;
+  const char* end = signedPart.data() + signedPart.find('.');
+  if (std::from_chars(signedPart.data(), end, expires).ptr != end) return std::nullopt;
+  const std::int64_t nowSeconds = std::chrono::duration_cast<std::chrono::seconds>(
+                                      std::chrono::system_clock::now().time_since_epoch())
+                                      .count();
+  if (expires <= nowSeconds) return std::nullopt;
+  return Login{token, signature("csrf " + token)};
 }
 
 AttemptLimiter::AttemptLimiter(std::size_t burst, std::chrono::milliseconds interval,
@@ -161,6 +131,26 @@ std::string randomToken() {
     throw std::runtime_error("no random bytes for a token");
   }
   return hex(bytes.data(), bytes.size());
+}
+
+std::string sha256Hex(std::string_view text) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int length = 0;
+  if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
+    throw std::runtime_error("cannot hash a text");
+  }
+  return hex(digest.data(), length);
+}
+
+std::string hmacSha256Hex(std::string_view key, std::string_view text) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int length = 0;
+  if (!HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+            reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data(),
+            &length)) {
+    throw std::runtime_error("cannot sign a text");
+  }
+  return hex(digest.data(), length);
 }
 
 bool sameSecret(std::string_view a, std::string_view b) {

@@ -17,13 +17,11 @@ namespace saffra::server {
 /// The name of the cookie that carries a login token.
 inline constexpr std::string_view kLoginCookie = "saffra_login";
 
-/// The logins of the running service. A login token is random and says nothing about the key
-/// it was made with; each login has its own random CSRF token for the forms of its pages.
-/// Logins expire after `lifetime`; a restart forgets them all. No login ever makes room for a
-/// new one: when `capacity` logins are in use, the login form is refused until one expires.
-/// A page opened with the key offers a provisional login that takes a place only once its
-/// cookie comes back, so clients that never keep cookies fill only the provisional places, where
-/// the oldest make room. Safe to use from several threads.
+/// The logins of the service. A login token carries its expiry and a random part, signed with
+/// an HMAC-SHA256 under a secret: any service instance that has the secret (all instances on one
+/// store share it) knows a login without holding it, so a browser may reach any of them, and
+/// logins hold no memory however many are made. Each login's CSRF token is derived from its
+/// token under the same secret. Logins expire after `lifetime`; a new secret ends them all.
 class Logins {
  public:
   struct Login {
@@ -31,31 +29,18 @@ class Logins {
     std::string csrf;
   };
 
-  explicit Logins(std::chrono::seconds lifetime = std::chrono::hours(12),
-                  std::size_t capacity = 4096, std::size_t provisionalCapacity = 1024);
+  explicit Logins(std::string secret, std::chrono::seconds lifetime = std::chrono::hours(12));
 
-  /// A new login; nothing when every place is taken.
-  std::optional<Login> create();
-  /// A new provisional login.
-  Login createProvisional();
-  /// The login of `token`, when it is known and has not expired; a provisional one takes a
-  /// place now if one is free.
-  std::optional<Login> find(const std::string& token);
+  /// A new login.
+  Login create() const;
+  /// The login of `token`, when its signature holds and it has not expired.
+  std::optional<Login> find(const std::string& token) const;
 
  private:
-  struct Entry {
-    std::string csrf;
-    std::chrono::steady_clock::time_point expires;
-  };
-  using Entries = std::unordered_map<std::string, Entry>;
+  std::string signature(std::string_view text) const;
 
+  std::string secret_;
   std::chrono::seconds lifetime_;
-  std::size_t capacity_;
-  std::size_t provisionalCapacity_;
-  std::mutex mutex_;
-  /// Keyed by the SHA-256 of the token, so a lookup's timing says nothing about the token.
-  Entries entries_;
-  Entries provisional_;
 };
 
 /// Limits the failed key attempts of each client address: `burst` at once, then one per
@@ -87,6 +72,12 @@ class AttemptLimiter {
 
 /// A random 256-bit value in lower-case hex.
 std::string randomToken();
+
+/// The SHA-256 of `text` in lower-case hex.
+std::string sha256Hex(std::string_view text);
+
+/// The HMAC-SHA256 of `text` under `key` in lower-case hex.
+std::string hmacSha256Hex(std::string_view key, std::string_view text);
 
 /// Compares two secrets in time that depends only on their lengths.
 bool sameSecret(std::string_view a, std::string_view b);

@@ -179,8 +179,20 @@ CREATE TABLE decision_baselines(
   made_version INTEGER NOT NULL,
   PRIMARY KEY(decision_id, baseline_id));
 )sql"},
+    // API keys (kept by digest only) and the secrets every instance on this store shares.
+    {5, R"sql(
+CREATE TABLE api_keys(
+  digest TEXT PRIMARY KEY,
+  name TEXT NOT NULL,
+  created_at INTEGER NOT NULL,
+  revoked_at INTEGER);
+CREATE UNIQUE INDEX api_keys_in_use_by_name ON api_keys(name) WHERE revoked_at IS NULL;
+CREATE TABLE shared_secrets(
+  name TEXT PRIMARY KEY,
+  value TEXT NOT NULL);
+)sql"},
 };
-constexpr std::int64_t kSchemaVersion = 4;
+constexpr std::int64_t kSchemaVersion = 5;
 
 /// Device and inode of the data folder, its image folder and its database file; zeros for one
 /// that is missing.
