@@ -61,7 +61,15 @@ namespace saffra::server {
 /// The service could not start (no API key, data folder unusable, address in use).
 class ServiceError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  /// Why: `BadAddress` for a database address that cannot be one, `Unreachable` for a
+  /// database that cannot be reached or refuses the login, `Other` for the rest.
+  enum class Reason { Other, BadAddress, Unreachable };
+  explicit ServiceError(const std::string& message, Reason reason = Reason::Other)
+      : std::runtime_error(message), reason_(reason) {}
+  Reason reason() const { return reason_; }
+
+ private:
+  Reason reason_;
 };
 
 /// How the service runs.
@@ -72,6 +80,9 @@ struct ServiceOptions {
   int port = 0;
   /// Where the database and the images live; created when missing.
   std::filesystem::path dataFolder;
+  /// A PostgreSQL address ("postgresql://..."); when given, the data live there instead of in
+  /// `dataFolder`, and several services may share it.
+  std::string database;
   /// The keys a request may carry; at least one is needed.
   std::vector<std::string> apiKeys;
   /// Requests with a larger body are refused with 413.
