@@ -54,7 +54,8 @@ const PreparedFolder& prepared() {
   static const PreparedFolder folder = [] {
     PreparedFolder f;
     f.path = fs::temp_directory_path() / ("saffra-batch-bench-" + saffra::newUUIDString());
-    Store store(f.path);
+    std::unique_ptr<Store> opened = openStore(f.path.string());
+    Store& store = *opened;
     std::vector<std::string> before, after;
     for (int i = 0; i < kImages; ++i) {
       before.push_back(store.putImage(solidPng(64, 48, kWhite, PixelRect{i % 50, i % 40, 6, 6})));

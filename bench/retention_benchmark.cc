@@ -71,7 +71,8 @@ const fs::path& preparedFolder() {
         harness.match(id, matchBody(shot(i, false), "s" + std::to_string(i)));
       harness.stop(id, false, true);
     }
-    Store store(f);
+    std::unique_ptr<Store> opened = openStore(f.string());
+    Store& store = *opened;
     const std::int64_t old = static_cast<std::int64_t>(std::time(nullptr)) - 10 * 86400;
     for (int i = 0; i < kOldSessions; ++i) {
       SessionRecord s;

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/commands.h"
+#include "saffra/base/environment_helper.h"
 #include "saffra/platform/system_info.h"
 #include "server/clock.h"
 #include "server/store.h"
@@ -20,6 +21,7 @@ namespace {
 
 struct KeysOptions {
   std::string dataFolder = system_info::documentsFolderPath() + "/saffra";
+  std::string database;
   std::string name;
 };
 
@@ -35,12 +37,25 @@ std::string dateOf(std::int64_t seconds) {
 // Runs `work` on the open store; a store that cannot be opened or written is exit code 3.
 template <class Work>
 int withStore(const KeysOptions& options, Work work) {
+  std::string database = options.database;
+  if (database.empty()) {
+    database = EnvironmentHelper::environmentVariableForKey("SAFFRA_DATABASE").value_or("");
+  }
+  if (!database.empty() && !server::isDatabaseAddress(database)) {
+    std::cerr << "saffra keys: the database address must start with postgresql://\n";
+    return 2;
+  }
   try {
-    server::Store store(options.dataFolder);
-    return work(store);
+    std::unique_ptr<server::Store> store =
+        server::openStore(database.empty() ? options.dataFolder : database);
+    return work(*store);
+  } catch (const server::StoreAddressError& e) {
+    std::cerr << "saffra keys: " << e.what() << "\n";
+    return 2;
   } catch (const server::StoreError& e) {
-    std::cerr << "saffra keys: cannot use the store in " << options.dataFolder << ": " << e.what()
-              << "\n";
+    std::cerr << "saffra keys: cannot use the store"
+              << (database.empty() ? " in " + options.dataFolder : std::string()) << ": "
+              << e.what() << "\n";
     return 3;
   }
 }
@@ -96,6 +111,9 @@ void addKeysCommand(CLI::App& app, int& exitCode) {
   keys->require_subcommand(1);
   keys->add_option("--data", options->dataFolder, "Folder of the service's baselines and results")
       ->capture_default_str();
+  keys->add_option("--database", options->database,
+                   "The service's PostgreSQL database (postgresql://...; default: "
+                   "SAFFRA_DATABASE), instead of --data");
   CLI::App* add = keys->add_subcommand("add", "Make a key and print it (only this once)");
   add->add_option("name", options->name, "A name for the key, such as the CI job using it")
       ->required();

@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
   saffra::cli::addServeCommand(app, exitCode);
   saffra::cli::addCheckCommand(app, exitCode);
   saffra::cli::addKeysCommand(app, exitCode);
+  saffra::cli::addMigrateCommand(app, exitCode);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

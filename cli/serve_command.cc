@@ -27,6 +27,7 @@ struct ServeOptions {
   std::string host = "127.0.0.1";
   int port = 7600;
   std::string dataFolder = system_info::documentsFolderPath() + "/saffra";
+  std::string database;
   std::vector<std::string> apiKeys;
   double idleTimeoutMinutes = 30;
   std::int64_t keepDays = 0;
@@ -38,6 +39,10 @@ int runServe(const ServeOptions& options) {
   service.host = options.host;
   service.port = options.port;
   service.dataFolder = options.dataFolder;
+  service.database = options.database;
+  if (service.database.empty()) {
+    service.database = EnvironmentHelper::environmentVariableForKey("SAFFRA_DATABASE").value_or("");
+  }
   service.apiKeys = options.apiKeys;
   service.idleSessionTimeout = std::chrono::milliseconds(
       static_cast<std::int64_t>(std::llround(options.idleTimeoutMinutes * 60 * 1000)));
@@ -57,19 +62,31 @@ int runServe(const ServeOptions& options) {
   server::Service running(service);
   try {
     running.start();
-  } catch (const server::ServiceSettingsError& e) {
+  } catch (const server::ServiceError& e) {
+    const bool noKey = e.reason() == server::ServiceError::Reason::Settings &&
+                       std::string(e.what()).find("API key") != std::string::npos;
     std::cerr << "saffra serve: " << e.what()
-              << (service.apiKeys.empty()
+              << (noKey
                       ? "; pass --api-key KEY, set QUORVANT_API_KEY or add one with saffra keys add"
                       : "")
               << "\n";
-    return 2;
-  } catch (const server::ServiceError& e) {
-    std::cerr << "saffra serve: " << e.what() << "\n";
+    switch (e.reason()) {
+      case server::ServiceError::Reason::BadAddress:
+      case server::ServiceError::Reason::Settings:
+        return 2;
+      case server::ServiceError::Reason::Unreachable:
+        return 3;
+      case server::ServiceError::Reason::Other:
+        break;
+    }
     return 1;
   }
   std::cout << "listening on " << running.url() << std::endl;
-  std::cerr << "saffra serve: data in " << options.dataFolder << "\n";
+  if (service.database.empty()) {
+    std::cerr << "saffra serve: data in " << options.dataFolder << "\n";
+  } else {
+    std::cerr << "saffra serve: data in the PostgreSQL database given\n";
+  }
 
   int signal = 0;
   sigwait(&stopSignals, &signal);
@@ -88,6 +105,9 @@ void addServeCommand(CLI::App& app, int& exitCode) {
       ->check(CLI::Range(0, 65535));
   serve->add_option("--data", options->dataFolder, "Folder of the baselines and results")
       ->capture_default_str();
+  serve->add_option("--database", options->database,
+                    "A PostgreSQL address (postgresql://...) to keep the data in instead of "
+                    "--data, shared by every service given it; SAFFRA_DATABASE sets it too");
   serve->add_option("--api-key", options->apiKeys,
                     "An API key that requests may use (repeatable); QUORVANT_API_KEY adds one, and "
                     "keys added with saffra keys add work too");

@@ -1,7 +1,9 @@
 // `saffra serve` as scripts use it: the built command in a child process.
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <regex>
 #include <string>
 #include <tuple>
@@ -10,8 +12,10 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include "saffra/platform/json.h"
 #include "saffra/platform/uuid.h"
 #include "testing/child_process.h"
+#include "testing/postgres_server.h"
 
 namespace {
 
@@ -139,6 +143,88 @@ TEST(ServeCommandTest, KeysInTheStoreServeEveryServiceOnIt) {
   EXPECT_NE(keyless.readAll().find("no API key"), std::string::npos);
   EXPECT_EQ(keyless.wait(), 2);
   fs::remove_all(data);
+}
+
+// A database address that is malformed, unreachable or refuses the login stops the start with
+// one sentence on stderr and exit code 2 (bad address) or 3 (cannot reach or log in); the
+// address may come from SAFFRA_DATABASE as well.
+TEST(ServeCommandTest, RefusesDatabasesItCannotUseWithOneSentence) {
+  saffra::testing::PostgresServer* server = nullptr;
+  try {
+    server = &saffra::testing::PostgresServer::shared();
+  } catch (const std::exception& e) {
+    GTEST_FAIL() << e.what();
+  }
+  const std::string fresh = server->createDatabase();
+  const std::string name =
+      fresh.substr(fresh.find(":///") + 4, fresh.find('?') - fresh.find(":///") - 4);
+  int closedPort = server->port() + 1;  // nothing listens there in this test's world
+  struct Case {
+    std::vector<std::string> args;
+    std::vector<std::string> environment;
+    int code;
+    std::string says;
+  };
+  const std::string wrong = server->tcpAddress(name, "not-the-password");
+  for (const Case& c : std::vector<Case>{
+           {{"--database", "postgresql://h:port/x"}, {}, 2, "malformed"},
+           {{"--database", "mysql://127.0.0.1/x"}, {}, 2, "postgresql://"},
+           {{}, {"SAFFRA_DATABASE=postgresql://127.0.0.1/x?bogus=1"}, 2, "malformed"},
+           {{"--database", "postgresql://saffra@127.0.0.1:" + std::to_string(closedPort) + "/x"},
+            {},
+            3,
+            "cannot connect to the database at 127.0.0.1:" + std::to_string(closedPort)},
+           {{"--database", wrong}, {}, 3, "refused the login"}}) {
+    std::vector<std::string> args = {"serve", "--port", "0", "--api-key", "k"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    ChildProcess serve(kCommand, args, c.environment);
+    const std::string output = serve.readAll();
+    EXPECT_EQ(serve.wait(), c.code) << output;
+    EXPECT_EQ(output.rfind("saffra serve: ", 0), 0u) << output;
+    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
+    EXPECT_NE(output.find(c.says), std::string::npos) << output;
+    EXPECT_EQ(output.find("not-the-password"), std::string::npos) << output;
+  }
+}
+
+// Two services on one database act as one: a session started on A is found, checked and
+// stopped through B, and its results read on A.
+TEST(ServeCommandTest, TwoServicesOnOneDatabaseServeTheSameSessions) {
+  saffra::testing::PostgresServer* server = nullptr;
+  try {
+    server = &saffra::testing::PostgresServer::shared();
+  } catch (const std::exception& e) {
+    GTEST_FAIL() << e.what();
+  }
+  const std::string database = server->createDatabase();
+  std::vector<std::unique_ptr<ChildProcess>> services;
+  std::vector<std::unique_ptr<httplib::Client>> clients;
+  for (int i = 0; i < 2; ++i) {
+    services.push_back(std::make_unique<ChildProcess>(
+        kCommand,
+        std::vector<std::string>{"serve", "--port", "0", "--api-key", "k", "--database", database},
+        std::vector<std::string>{}));
+    std::smatch m;
+    std::string line = services.back()->readLine();
+    ASSERT_TRUE(std::regex_match(line, m, std::regex("listening on http://127\\.0\\.0\\.1:(\\d+)")))
+        << line;
+    clients.push_back(std::make_unique<httplib::Client>("127.0.0.1", std::stoi(m[1])));
+  }
+  auto started = clients[0]->Post(
+      "/api/sessions/running?apiKey=k",
+      R"({"startInfo": {"appIdOrName": "a", "scenarioIdOrName": "t", "batchInfo": {"id": "b1"}}})",
+      "application/json");
+  ASSERT_TRUE(started);
+  ASSERT_EQ(started->status, 201) << started->body;
+  const std::string id = saffra::json::parse(started->body).value()["id"];
+  auto stopped =
+      clients[1]->Delete("/api/sessions/running/" + id + "?apiKey=k&updateBaseline=true");
+  ASSERT_TRUE(stopped);
+  EXPECT_EQ(stopped->status, 200) << stopped->body;
+  auto read = clients[0]->Get("/api/sessions/" + id + "?apiKey=k");
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->status, 200) << read->body;
+  for (auto& service : services) EXPECT_EQ(service->stop(SIGTERM), 0);
 }
 
 }  // namespace

@@ -144,7 +144,8 @@ TEST(BaselineMigration, AFirstReleaseDataFolderIsUpgraded) {
         marked + "\"}]}');";
     ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
-    Store store(folder.path());
+    std::unique_ptr<Store> opened = openStore(folder.path().string());
+    Store& store = *opened;
     store.putImage(kPlain);
     store.putImage(kMarked);
     EXPECT_EQ(store.schemaVersion(), 5);
@@ -173,7 +174,8 @@ TEST(BaselineMigration, AFirstReleaseDataFolderIsUpgraded) {
 // a removed version is refused as gone.
 TEST(Retention, RemovesWhatNothingNeedsAndKeepsEveryBaselineWhole) {
   TempFolder folder;
-  Store store(folder.path());
+  std::unique_ptr<Store> opened = openStore(folder.path().string());
+  Store& store = *opened;
   const std::int64_t start = static_cast<std::int64_t>(std::time(nullptr));
   std::vector<std::string> images;
   for (int i = 0; i < 4; ++i) {

@@ -90,7 +90,7 @@ struct Service::Impl {
       } catch (const RequestError& e) {
         replyError(res, e.status(), e.what());
       } catch (const StoreUnavailable& e) {
-        replyError(res, 503, "the data folder is unavailable");
+        replyError(res, 503, "the store is unavailable for now");
       } catch (const StoreError& e) {
         Logger::logWithFormat("%@: storage failure: %@", describeRequest(req), e.what());
         replyError(res, 500, "storage failure");
@@ -183,14 +183,25 @@ void Service::start() {
   Impl& i = *impl_;
   if (i.started) return;
   if (i.stopped) throw ServiceError("a stopped service cannot start again");
-  if (i.options.dataFolder.empty()) throw ServiceSettingsError("no data folder is configured");
+  if (i.options.database.empty() && i.options.dataFolder.empty()) {
+    throw ServiceError("no data folder is configured", ServiceError::Reason::Settings);
+  }
+  if (!i.options.database.empty() && !isDatabaseAddress(i.options.database)) {
+    throw ServiceError("the database address must start with postgresql://",
+                       ServiceError::Reason::BadAddress);
+  }
   try {
-    i.store = std::make_unique<Store>(i.options.dataFolder);
+    i.store =
+        openStore(i.options.database.empty() ? i.options.dataFolder.string() : i.options.database);
     const std::vector<ApiKeyRecord> keys = i.store->apiKeys();
     if (i.options.apiKeys.empty() &&
         std::none_of(keys.begin(), keys.end(), [](const auto& k) { return !k.revokedAt; })) {
-      throw ServiceSettingsError("no API key is configured");
+      throw ServiceError("no API key is configured", ServiceError::Reason::Settings);
     }
+  } catch (const StoreAddressError& e) {
+    throw ServiceError(e.what(), ServiceError::Reason::BadAddress);
+  } catch (const StoreUnavailable& e) {
+    throw ServiceError(e.what(), ServiceError::Reason::Unreachable);
   } catch (const StoreError& e) {
     throw ServiceError(e.what());
   }

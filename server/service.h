@@ -61,14 +61,16 @@ namespace saffra::server {
 /// The service could not start (no API key, data folder unusable, address in use).
 class ServiceError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
-};
+  /// Why: `BadAddress` for a database address that cannot be one, `Unreachable` for a
+  /// database that cannot be reached or refuses the login, `Settings` for settings that cannot
+  /// work (no API key anywhere, no data folder), `Other` for the rest.
+  enum class Reason { Other, BadAddress, Unreachable, Settings };
+  explicit ServiceError(const std::string& message, Reason reason = Reason::Other)
+      : std::runtime_error(message), reason_(reason) {}
+  Reason reason() const { return reason_; }
 
-/// The service's settings cannot work as given (no API key anywhere, no data folder): a usage
-/// error rather than a failure of the machine.
-class ServiceSettingsError : public ServiceError {
- public:
-  using ServiceError::ServiceError;
+ private:
+  Reason reason_;
 };
 
 /// How the service runs.
@@ -79,6 +81,9 @@ struct ServiceOptions {
   int port = 0;
   /// Where the database and the images live; created when missing.
   std::filesystem::path dataFolder;
+  /// A PostgreSQL address ("postgresql://..."); when given, the data live there instead of in
+  /// `dataFolder`, and several services may share it.
+  std::string database;
   /// The keys a request may carry, beside those added to the store (`saffra keys add`); at
   /// least one of either is needed.
   std::vector<std::string> apiKeys;

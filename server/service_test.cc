@@ -266,7 +266,7 @@ TEST_F(ServiceTest, UploadsAreJudgedByTheirPixelsAndStoredByTheirBytes) {
     EXPECT_EQ(matched.body["asExpected"], cases[i].expected) << i;
   }
   Json results = harness_.stop(id, false, false).body;
-  std::vector<StepRecord> steps = Store(folder_.path()).steps(id);
+  std::vector<StepRecord> steps = openStore(folder_.path().string())->steps(id);
   ASSERT_EQ(steps.size(), cases.size());
   for (std::size_t i = 0; i < cases.size(); ++i) {
     EXPECT_EQ(steps[i].currentImage, Store::imageIdOf(cases[i].upload)) << i;

@@ -1,17 +1,12 @@
-// The service's storage: an SQLite database (WAL) for batches, baselines, sessions and steps,
-// and a folder of PNG files named by the SHA-256 of their bytes. Every path the store touches
-// is made from its own folder and such a hash, never from request data. Image files are
-// written to a temporary name and renamed, so a crash never leaves a partial image behind.
-// All operations are safe to call from several threads.
+// The service's storage: batches, baselines, sessions and steps, and PNG images stored under the
+// SHA-256 of their bytes. The interface is the same for both engines (see openStore).
 #pragma once
 
-#include <array>
-#include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -21,8 +16,6 @@
 #include "saffra/platform/json.h"
 #include "saffra/platform/nullable.h"
 
-struct sqlite3;
-
 namespace saffra::server {
 
 /// A failure of the database or of the image folder.
@@ -31,8 +24,9 @@ class StoreError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The data folder or its database was removed or replaced while the service ran: nothing
-/// written now would survive a restart, so writes are refused until the service restarts.
+/// The store cannot be used for now: the data folder or its database was removed or replaced
+/// while the service ran (writes are refused until it restarts), or the database server cannot
+/// be reached (a later request tries again).
 class StoreUnavailable : public StoreError {
  public:
   using StoreError::StoreError;
@@ -274,6 +268,20 @@ struct BatchPage {
   std::int64_t total = 0;
 };
 
+/// What a copy of one store into another found and did.
+struct MigrationReport {
+  struct Table {
+    std::string name;
+    std::int64_t source = 0;  // rows in the store copied
+    std::int64_t added = 0;   // rows the target lacked, copied now
+    std::int64_t target = 0;  // rows in the target afterwards
+  };
+  std::vector<Table> tables;
+  std::int64_t images = 0;         // images the rows refer to, found in the store copied
+  std::int64_t imagesAdded = 0;    // of those, copied now
+  std::int64_t imagesMissing = 0;  // referred to, but not in the store copied
+};
+
 /// An API key as the store keeps it: its name and the SHA-256 of its text, never the text.
 struct ApiKeyRecord {
   std::string name;
@@ -282,223 +290,193 @@ struct ApiKeyRecord {
   std::optional<std::int64_t> revokedAt;
 };
 
-/// The database and image folder under one data folder.
+/// Where the service keeps its data: one interface over two engines (an SQLite file with a
+/// folder of image files, or a PostgreSQL database shared by several instances of the service).
+/// The service above it never knows which one it talks to. All operations are safe to call
+/// from several threads.
 class Store {
  public:
-  /// Opens (creating when needed) the store in `folder`. Throws StoreError.
-  explicit Store(const std::filesystem::path& folder);
-  ~Store();
+  Store() = default;
+  virtual ~Store() = default;
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
   /// The id that PNG bytes are stored under: the hex SHA-256 of the bytes.
   static std::string imageIdOf(std::span<const std::uint8_t> png);
-  /// Stores PNG bytes and returns their id; storing the same bytes twice keeps one file.
-  std::string putImage(std::span<const std::uint8_t> png);
+  /// Stores PNG bytes and returns their id; storing the same bytes twice keeps them once.
+  std::string putImage(std::span<const std::uint8_t> png) { return putImage(png, imageIdOf(png)); }
   /// The same for bytes whose id the caller already has from imageIdOf, so a large image is
   /// hashed once. Throws StoreError for a text that is not an image id.
-  std::string putImage(std::span<const std::uint8_t> png, const std::string& id);
+  virtual std::string putImage(std::span<const std::uint8_t> png, const std::string& id) = 0;
   /// True when an image of this id is stored whole: its file holds `size` bytes. (A file that
   /// a power loss cut short before it reached the disk is not taken for the image.)
-  bool hasImage(const std::string& id, std::uint64_t size) const;
+  virtual bool hasImage(const std::string& id, std::uint64_t size) const = 0;
   /// The size in bytes of a stored image's file; nothing for an unknown or malformed id.
-  std::optional<std::uint64_t> imageSize(const std::string& id) const;
+  virtual std::optional<std::uint64_t> imageSize(const std::string& id) const = 0;
 
   /// An image's file written under a temporary name, not stored yet: keep() stores it under its
   /// id; one not kept is removed when this goes. Lets an upload be written while it is checked
   /// and stored only once it proved valid.
   class PendingImage {
    public:
-    ~PendingImage();
+    PendingImage() = default;
+    virtual ~PendingImage() = default;
     PendingImage(const PendingImage&) = delete;
     PendingImage& operator=(const PendingImage&) = delete;
-    /// Stores the file under the image's id (replacing the same bytes written by another
-    /// request) and returns the id. Throws StoreError.
-    std::string keep();
-
-   private:
-    friend class Store;
-    PendingImage(Store& store, std::filesystem::path temporary, std::filesystem::path path,
-                 std::string id);
-    Store& store_;
-    std::filesystem::path temporary_, path_;
-    std::string id_;
-    bool kept_ = false;
+    /// Stores the image under its id (replacing the same bytes written by another request)
+    /// and returns the id. Throws StoreError.
+    virtual std::string keep() = 0;
   };
   /// Writes PNG bytes whose id the caller has from imageIdOf beside the stored images, not yet
   /// stored. Throws StoreError.
-  std::unique_ptr<PendingImage> writeImage(std::span<const std::uint8_t> png,
-                                           const std::string& id);
+  virtual std::unique_ptr<PendingImage> writeImage(std::span<const std::uint8_t> png,
+                                                   const std::string& id) = 0;
   /// The bytes of a stored image; nothing for an unknown or malformed id.
-  std::optional<std::vector<std::uint8_t>> readImage(const std::string& id) const;
+  virtual std::optional<std::vector<std::uint8_t>> readImage(const std::string& id) const = 0;
   /// Waits until every image file stored so far is on disk. Image files are written at once,
   /// so a crash of the service loses none that it stored, and a thread of the store flushes
   /// them to disk soon after, so that no request waits for the disk; a baseline is saved only
   /// after this. Throws StoreError when the disk refused to flush a file.
-  void flushImages();
+  virtual void flushImages() = 0;
 
   /// The baseline under `key` and its current version.
-  std::optional<BaselineRef> findBaseline(const std::string& key);
+  virtual std::optional<BaselineRef> findBaseline(const std::string& key) = 0;
   /// The steps of a version of a baseline, in order, with their alternatives.
-  std::vector<BaselineStep> baselineSteps(std::int64_t baselineId, std::int64_t version);
+  virtual std::vector<BaselineStep> baselineSteps(std::int64_t baselineId,
+                                                  std::int64_t version) = 0;
   /// The `occurrence`-th (from 0) step with this tag of a version of a baseline.
-  std::optional<BaselineStep> baselineStepByTag(std::int64_t baselineId, std::int64_t version,
-                                                const std::string& tag, std::int64_t occurrence);
+  virtual std::optional<BaselineStep> baselineStepByTag(std::int64_t baselineId,
+                                                        std::int64_t version,
+                                                        const std::string& tag,
+                                                        std::int64_t occurrence) = 0;
   /// A baseline and its versions; nothing for an unknown id.
-  std::optional<BaselineHistory> baselineHistory(std::int64_t baselineId);
+  virtual std::optional<BaselineHistory> baselineHistory(std::int64_t baselineId) = 0;
   /// Makes a new version of the baseline with the steps of `version`. Throws
   /// UnknownVersionError when that version never existed or was removed.
-  std::int64_t rollBack(std::int64_t baselineId, std::int64_t version);
+  virtual std::int64_t rollBack(std::int64_t baselineId, std::int64_t version) = 0;
 
-  std::optional<BatchRecord> batch(const std::string& id);
+  virtual std::optional<BatchRecord> batch(const std::string& id) = 0;
   /// Marks the batch closed; false when there is no such batch.
-  bool closeBatch(const std::string& id);
+  virtual bool closeBatch(const std::string& id) = 0;
 
   /// Adds the session and its batch (or updates the name and sequence of a known batch), in one
   /// transaction, so retention never removes a batch a new session joins.
-  void insertSession(const SessionRecord& session, const BatchRecord& batch);
-  std::optional<SessionRecord> session(const std::string& id);
-  std::vector<StepRecord> steps(const std::string& sessionId);
-  std::int64_t stepCount(const std::string& sessionId);
+  virtual void insertSession(const SessionRecord& session, const BatchRecord& batch) = 0;
+  virtual std::optional<SessionRecord> session(const std::string& id) = 0;
+  virtual std::vector<StepRecord> steps(const std::string& sessionId) = 0;
+  virtual std::int64_t stepCount(const std::string& sessionId) = 0;
   /// The session's recorded steps with this tag.
-  std::int64_t stepCountWithTag(const std::string& sessionId, const std::string& tag);
-  void insertStep(const std::string& sessionId, const StepRecord& step);
+  virtual std::int64_t stepCountWithTag(const std::string& sessionId, const std::string& tag) = 0;
+  virtual void insertStep(const std::string& sessionId, const StepRecord& step) = 0;
   /// Notes a request of the session's client now.
-  void touchSession(const std::string& sessionId, std::int64_t at);
+  virtual void touchSession(const std::string& sessionId, std::int64_t at) = 0;
   /// Sessions still running whose client was last heard of before `before`.
-  std::vector<std::string> idleSessions(std::int64_t before);
+  virtual std::vector<std::string> idleSessions(std::int64_t before) = 0;
   /// Every batch, the one with the latest session first.
-  std::vector<BatchRecord> batches();
+  virtual std::vector<BatchRecord> batches() = 0;
   /// The sessions of a batch in the order they started.
-  std::vector<SessionRecord> sessionsInBatch(const std::string& batchId);
+  virtual std::vector<SessionRecord> sessionsInBatch(const std::string& batchId) = 0;
   /// The verdicts given on a session's steps, by position.
-  std::map<std::int64_t, Verdict> reviews(const std::string& sessionId);
+  virtual std::map<std::int64_t, Verdict> reviews(const std::string& sessionId) = 0;
   /// Records verdicts on steps of a stopped session and its new outcome in one transaction.
   /// Accepted changes make a new version of the baseline under the session's baseline key,
   /// based on its current version (or, when there is none yet, on the baseline the session
   /// was compared with). Throws StaleBaselineError, recording nothing, when that baseline
   /// moved on since the session was compared with it, unless `confirmed`.
-  void reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
-                   const Outcome& outcome, bool confirmed);
+  virtual void reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
+                           const Outcome& outcome, bool confirmed) = 0;
   /// Records a reviewer's decision on the steps of one or more stopped sessions (a step, a test
   /// or a whole batch) in one transaction, as reviewSteps does for each, and keeps what it
   /// changed so that undoLastDecision can restore it. Returns the decision's id. Throws
   /// StaleSessionsError naming every session whose baseline moved on, recording nothing,
   /// unless `confirmed`.
-  std::int64_t decide(const std::string& reviewer, const std::string& scope,
-                      const std::vector<SessionDecision>& sessions, bool confirmed);
+  virtual std::int64_t decide(const std::string& reviewer, const std::string& scope,
+                              const std::vector<SessionDecision>& sessions, bool confirmed) = 0;
   /// The id of the reviewer's last decision that was not undone.
-  std::optional<std::int64_t> lastDecision(const std::string& reviewer);
+  virtual std::optional<std::int64_t> lastDecision(const std::string& reviewer) = 0;
   /// The reviewer's last decision that was not undone, with its sessions.
-  std::optional<UndoneDecision> decisionToUndo(const std::string& reviewer);
+  virtual std::optional<UndoneDecision> decisionToUndo(const std::string& reviewer) = 0;
   /// Undoes the reviewer's last decision: its sessions get back their outcome and verdicts,
   /// and each baseline it changed gets a new version (kind "undo") with the steps it had
   /// before; a baseline the decision created is removed again when no session was compared
   /// with it since (else its new version is empty). Nothing when there is no decision to undo.
   /// `expected`: the id the reviewer saw as their last decision; another one is refused, so an
   /// undo sent twice undoes once. Throws UndoRefused, changing nothing.
-  std::optional<UndoneDecision> undoLastDecision(const std::string& reviewer,
-                                                 std::optional<std::int64_t> expected);
+  virtual std::optional<UndoneDecision> undoLastDecision(const std::string& reviewer,
+                                                         std::optional<std::int64_t> expected) = 0;
 
   /// Records the outcome and, when `newBaseline` is given, makes it a new version of the
   /// baseline under the session's baseline key, all in one transaction. Throws
   /// StaleBaselineError, recording nothing, when a baseline is given and the baseline moved
   /// on since the session was compared with it.
-  void finishSession(const std::string& sessionId, const Outcome& outcome,
-                     const std::vector<BaselineStep>* newBaseline);
+  virtual void finishSession(const std::string& sessionId, const Outcome& outcome,
+                             const std::vector<BaselineStep>* newBaseline) = 0;
 
   /// Removes up to `limit` stopped sessions that started before `before`, with their steps
   /// and verdicts; returns how many.
-  std::int64_t removeSessions(std::int64_t before, std::int64_t limit);
+  virtual std::int64_t removeSessions(std::int64_t before, std::int64_t limit) = 0;
   /// Removes up to fifty versions of baselines that are not current, no remaining session was
   /// compared with, and were made before `before` or are beyond the `keep` newest of their
   /// baseline (0: no such limit); returns how many.
-  std::int64_t removeVersions(std::int64_t before, std::int64_t keep);
+  virtual std::int64_t removeVersions(std::int64_t before, std::int64_t keep) = 0;
   /// Removes the image files of the image folder `prefix` (two hex digits) that no step or
   /// baseline version refers to and that were not written or used since `before`, and
   /// temporary files older than that; returns how many images.
-  std::int64_t removeUnusedImages(const std::string& prefix, std::int64_t before);
+  virtual std::int64_t removeUnusedImages(const std::string& prefix, std::int64_t before) = 0;
   /// The schema version of the open database.
-  std::int64_t schemaVersion();
+  virtual std::int64_t schemaVersion() = 0;
   /// One page of the batch list: batches whose name, id, applications or branches hold
   /// `search` (ASCII letters in any case; empty for all), newest first, skipping `offset`
   /// and returning at most `limit`.
-  BatchPage batchSummaries(const std::string& search, std::int64_t offset, std::int64_t limit);
+  virtual BatchPage batchSummaries(const std::string& search, std::int64_t offset,
+                                   std::int64_t limit) = 0;
   /// The first `count` bytes of a stored image (fewer for a shorter file); nothing for an
   /// unknown or malformed id. A page learns an image's size from its header this way.
-  std::optional<std::vector<std::uint8_t>> imageHead(const std::string& id,
-                                                     std::size_t count) const;
+  virtual std::optional<std::vector<std::uint8_t>> imageHead(const std::string& id,
+                                                             std::size_t count) const = 0;
   /// Keeps what the comparison found in one step of a session (a JSON object the caller
   /// defines) beside the step, for the pages.
-  void putStepChanges(const std::string& sessionId, std::int64_t position, const Json& changes);
+  virtual void putStepChanges(const std::string& sessionId, std::int64_t position,
+                              const Json& changes) = 0;
   /// The changes kept for the steps of a session, by position.
-  std::map<std::int64_t, Json> stepChanges(const std::string& sessionId);
+  virtual std::map<std::int64_t, Json> stepChanges(const std::string& sessionId) = 0;
 
   /// Adds an API key by the lower-case hex SHA-256 of its text; false when a key in use
   /// already has this name.
-  bool addApiKey(const std::string& name, const std::string& digest, std::int64_t at);
+  virtual bool addApiKey(const std::string& name, const std::string& digest, std::int64_t at) = 0;
   /// Every key ever added, revoked ones too, oldest first.
-  std::vector<ApiKeyRecord> apiKeys();
+  virtual std::vector<ApiKeyRecord> apiKeys() = 0;
   /// Revokes the key in use of this name; false when there is none.
-  bool revokeApiKey(const std::string& name, std::int64_t at);
+  virtual bool revokeApiKey(const std::string& name, std::int64_t at) = 0;
   /// True when a key in use has this digest.
-  bool hasApiKeyDigest(const std::string& digest);
+  virtual bool hasApiKeyDigest(const std::string& digest) = 0;
   /// The secret of this name shared by every service on this store (such as the one that
   /// signs logins), made at random the first time it is asked for.
-  std::string sharedSecret(const std::string& name);
+  virtual std::string sharedSecret(const std::string& name) = 0;
 
-  /// The store's prepared statements, kept between uses (defined in store/statement.h).
-  class StatementCache;
-
- private:
-  std::filesystem::path imagePath(const std::string& id) const;
-  /// Brings a database made by an earlier version up to the current schema.
-  void migrate();
-  /// Throws StoreUnavailable when the folder, the image folder or the database file is no
-  /// longer the one opened; called before every write.
-  void requireOwnFolder() const;
-  /// Adds the columns that the first schema gained during its life.
-  void migrateFirstSchema();
-  /// What applyReview changed in the baseline: the baseline and the version it made, and the
-  /// version current before (none when it created the baseline).
-  struct AppliedReview {
-    std::optional<std::int64_t> baselineId;
-    std::optional<std::int64_t> previousVersion;
-    std::int64_t madeVersion = 0;
-  };
-  /// The reviewer's last decision not undone, without its sessions; the caller holds mutex_.
-  std::optional<UndoneDecision> lastOpenDecision(const std::string& reviewer);
-  /// reviewSteps inside a transaction.
-  AppliedReview applyReview(const std::string& sessionId, const std::vector<StepReview>& reviews,
-                            const Outcome& outcome, bool confirmed);
-  /// Checks, inside a transaction, that the session's baseline key still has the version the
-  /// session was compared with (or versions made by the session itself since); throws
-  /// StaleBaselineError otherwise. Returns the baseline under the key, if any, and its version.
-  std::optional<std::pair<std::int64_t, std::int64_t>> requireFreshBaseline(
-      const std::string& sessionId, bool confirmed);
-  /// Makes the next version of baseline `toId`, current at once, with the steps of `from` (a
-  /// baseline and one of its versions) when given; returns its number. Inside a transaction.
-  std::int64_t newVersion(std::int64_t toId,
-                          std::optional<std::pair<std::int64_t, std::int64_t>> from,
-                          const std::string& kind, const OptString& sessionId,
-                          std::optional<std::int64_t> fromVersion);
-
-  /// The thread that flushes stored image files to disk (defined in store/image_files.h).
-  class Flusher;
-
-  std::filesystem::path folder_;
-  std::filesystem::path imageFolder_;
-  std::unique_ptr<Flusher> flusher_;
-  mutable std::mutex mutex_;
-  /// Held while an image file is checked for use and removed, and while a file about to be
-  /// referred to is found present and touched, so retention never removes a file in use.
-  mutable std::mutex imageUseMutex_;
-  sqlite3* db_ = nullptr;
-  std::unique_ptr<StatementCache> statements_;
-  /// Device and inode of the folder, the image folder and the database file when opened.
-  std::array<std::pair<std::uint64_t, std::uint64_t>, 3> identity_{};
-  mutable std::atomic<bool> lost_{false};
+  /// Copies everything this store keeps into `target`, a PostgreSQL database that is empty or
+  /// holds an earlier copy of this store (rows and images it has are left alone, so running it
+  /// again completes a copy and duplicates nothing), checking the rows' counts and every image's
+  /// hash. `progress` gets a line per table. Throws StoreError, e.g. for a target holding
+  /// another store's data.
+  virtual MigrationReport copyInto(Store& target,
+                                   const std::function<void(const std::string&)>& progress) = 0;
 };
+
+/// An address of a database that cannot be one (not a PostgreSQL address libpq accepts).
+class StoreAddressError : public StoreError {
+ public:
+  using StoreError::StoreError;
+};
+
+/// Opens the store at `where`: a "postgresql://" or "postgres://" address opens (and brings up
+/// to date) a PostgreSQL database, anything else is a data folder for SQLite, created when
+/// missing. Throws StoreAddressError for a malformed address, StoreUnavailable when the
+/// database cannot be reached or refuses the login, StoreError otherwise.
+std::unique_ptr<Store> openStore(const std::string& where);
+
+/// True for the addresses that openStore opens as PostgreSQL.
+bool isDatabaseAddress(const std::string& where);
 
 /// True for a 64-character lower-case hex text, the only form an image id takes.
 bool isImageId(const std::string& id);

@@ -10,17 +10,18 @@
 #include "server/clock.h"
 #include "server/store.h"
 #include "server/store/session_rows.h"
-#include "server/store/statement.h"
+#include "server/store/sql_store.h"
 
 namespace saffra::server {
 
+using storage::Lease;
 using storage::outcomeJson;
 using storage::Statement;
 using storage::Transaction;
 
-std::optional<BaselineRef> Store::findBaseline(const std::string& key) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT id, current_version FROM baselines WHERE key = ?");
+std::optional<BaselineRef> SqlStore::findBaseline(const std::string& key) {
+  Lease db = lease();
+  Statement s(*db, "SELECT id, current_version FROM baselines WHERE key = ?");
   s.bind(1, key);
   if (!s.step()) return std::nullopt;
   return BaselineRef{s.integer(0), s.integer(1), ""};
@@ -29,7 +30,7 @@ std::optional<BaselineRef> Store::findBaseline(const std::string& key) {
 namespace {
 
 // The alternatives of the steps of one version, by position.
-std::map<std::int64_t, std::vector<std::string>> alternativesOf(Store::StatementCache& statements,
+std::map<std::int64_t, std::vector<std::string>> alternativesOf(storage::Link& statements,
                                                                 std::int64_t baselineId,
                                                                 std::int64_t version) {
   Statement s(statements,
@@ -42,9 +43,9 @@ std::map<std::int64_t, std::vector<std::string>> alternativesOf(Store::Statement
 }
 
 // The position of the `occurrence`-th step with `tag` of a version.
-std::optional<std::int64_t> positionOfTag(Store::StatementCache& statements,
-                                          std::int64_t baselineId, std::int64_t version,
-                                          const std::string& tag, std::int64_t occurrence) {
+std::optional<std::int64_t> positionOfTag(storage::Link& statements, std::int64_t baselineId,
+                                          std::int64_t version, const std::string& tag,
+                                          std::int64_t occurrence) {
   Statement s(statements,
               "SELECT position FROM baseline_version_steps "
               "WHERE baseline_id = ? AND version = ? AND tag = ? ORDER BY position "
@@ -56,11 +57,11 @@ std::optional<std::int64_t> positionOfTag(Store::StatementCache& statements,
 
 }  // namespace
 
-std::vector<BaselineStep> Store::baselineSteps(std::int64_t baselineId, std::int64_t version) {
-  std::lock_guard lock(mutex_);
+std::vector<BaselineStep> SqlStore::baselineSteps(std::int64_t baselineId, std::int64_t version) {
+  Lease db = lease();
   std::map<std::int64_t, std::vector<std::string>> alternatives =
-      alternativesOf(*statements_, baselineId, version);
-  Statement s(*statements_,
+      alternativesOf(*db, baselineId, version);
+  Statement s(*db,
               "SELECT position, tag, image FROM baseline_version_steps "
               "WHERE baseline_id = ? AND version = ? ORDER BY position");
   s.bind(1, baselineId).bind(2, version);
@@ -75,18 +76,19 @@ std::vector<BaselineStep> Store::baselineSteps(std::int64_t baselineId, std::int
   return steps;
 }
 
-std::optional<BaselineStep> Store::baselineStepByTag(std::int64_t baselineId, std::int64_t version,
-                                                     const std::string& tag,
-                                                     std::int64_t occurrence) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
+std::optional<BaselineStep> SqlStore::baselineStepByTag(std::int64_t baselineId,
+                                                        std::int64_t version,
+                                                        const std::string& tag,
+                                                        std::int64_t occurrence) {
+  Lease db = lease();
+  Statement s(*db,
               "SELECT position, tag, image FROM baseline_version_steps "
               "WHERE baseline_id = ? AND version = ? AND tag = ? ORDER BY position "
               "LIMIT 1 OFFSET ?");
   s.bind(1, baselineId).bind(2, version).bind(3, tag).bind(4, occurrence);
   if (!s.step()) return std::nullopt;
   BaselineStep step{s.integer(0), s.text(1), s.text(2), {}};
-  Statement a(*statements_,
+  Statement a(*db,
               "SELECT image FROM baseline_alternatives "
               "WHERE baseline_id = ? AND version = ? AND position = ? ORDER BY image");
   a.bind(1, baselineId).bind(2, version).bind(3, step.position);
@@ -94,16 +96,16 @@ std::optional<BaselineStep> Store::baselineStepByTag(std::int64_t baselineId, st
   return step;
 }
 
-std::optional<BaselineHistory> Store::baselineHistory(std::int64_t baselineId) {
-  std::lock_guard lock(mutex_);
+std::optional<BaselineHistory> SqlStore::baselineHistory(std::int64_t baselineId) {
+  Lease db = lease();
   BaselineHistory history;
   {
-    Statement s(*statements_, "SELECT id, key, current_version FROM baselines WHERE id = ?");
+    Statement s(*db, "SELECT id, key, current_version FROM baselines WHERE id = ?");
     s.bind(1, baselineId);
     if (!s.step()) return std::nullopt;
     history = {s.integer(0), s.text(1), s.integer(2), {}};
   }
-  Statement s(*statements_,
+  Statement s(*db,
               "SELECT v.version, v.created_at, v.kind, v.session_id, v.from_version, "
               "(SELECT count(*) FROM baseline_version_steps t "
               "WHERE t.baseline_id = v.baseline_id AND t.version = v.version) "
@@ -122,20 +124,20 @@ std::optional<BaselineHistory> Store::baselineHistory(std::int64_t baselineId) {
   return history;
 }
 
-std::int64_t Store::newVersion(std::int64_t toId,
-                               std::optional<std::pair<std::int64_t, std::int64_t>> from,
-                               const std::string& kind, const OptString& sessionId,
-                               std::optional<std::int64_t> fromVersion) {
+std::int64_t SqlStore::newVersion(Lease& db, std::int64_t toId,
+                                  std::optional<std::pair<std::int64_t, std::int64_t>> from,
+                                  const std::string& kind, const OptString& sessionId,
+                                  std::optional<std::int64_t> fromVersion) {
   std::int64_t version = 0;
   {
-    Statement s(*statements_, "SELECT latest_version FROM baselines WHERE id = ?");
+    Statement s(*db, "SELECT latest_version FROM baselines WHERE id = ?");
     s.bind(1, toId);
     if (!s.step()) throw StoreError("unknown baseline " + std::to_string(toId));
     version = s.integer(0) + 1;
   }
   const std::int64_t at = now();
   {
-    Statement s(*statements_,
+    Statement s(*db,
                 "INSERT INTO baseline_versions(baseline_id, version, created_at, kind, session_id, "
                 "from_version) VALUES(?, ?, ?, ?, ?, ?)");
     s.bind(1, toId)
@@ -148,21 +150,21 @@ std::int64_t Store::newVersion(std::int64_t toId,
   }
   if (from) {
     Statement steps(
-        *statements_,
+        *db,
         "INSERT INTO baseline_version_steps(baseline_id, version, position, tag, image) "
         "SELECT ?, ?, position, tag, image FROM baseline_version_steps "
         "WHERE baseline_id = ? AND version = ?");
     steps.bind(1, toId).bind(2, version).bind(3, from->first).bind(4, from->second);
     steps.run();
     Statement alternatives(
-        *statements_,
+        *db,
         "INSERT INTO baseline_alternatives(baseline_id, version, position, image) "
         "SELECT ?, ?, position, image FROM baseline_alternatives "
         "WHERE baseline_id = ? AND version = ?");
     alternatives.bind(1, toId).bind(2, version).bind(3, from->first).bind(4, from->second);
     alternatives.run();
   }
-  Statement s(*statements_,
+  Statement s(*db,
               "UPDATE baselines SET current_version = ?, latest_version = ?, updated_at = ? "
               "WHERE id = ?");
   s.bind(1, version).bind(2, version).bind(3, at).bind(4, toId);
@@ -170,12 +172,12 @@ std::int64_t Store::newVersion(std::int64_t toId,
   return version;
 }
 
-std::optional<std::pair<std::int64_t, std::int64_t>> Store::requireFreshBaseline(
-    const std::string& sessionId, bool confirmed) {
+std::optional<std::pair<std::int64_t, std::int64_t>> SqlStore::requireFreshBaseline(
+    Lease& db, const std::string& sessionId, bool confirmed) {
   std::string key;
   std::optional<std::int64_t> comparedId, comparedVersion;
   {
-    Statement s(*statements_,
+    Statement s(*db,
                 "SELECT baseline_key, baseline_id, baseline_version FROM sessions WHERE id = ?");
     s.bind(1, sessionId);
     if (!s.step()) throw StoreError("unknown session " + sessionId);
@@ -185,14 +187,14 @@ std::optional<std::pair<std::int64_t, std::int64_t>> Store::requireFreshBaseline
   }
   std::optional<std::pair<std::int64_t, std::int64_t>> target;
   {
-    Statement s(*statements_, "SELECT id, current_version FROM baselines WHERE key = ?");
+    Statement s(*db, "SELECT id, current_version FROM baselines WHERE key = ?");
     s.bind(1, key);
     if (s.step()) target = std::make_pair(s.integer(0), s.integer(1));
   }
   if (!target || confirmed) return target;
   // Versions made by the session's own reviews since do not count; any other one does.
   const bool sameBaseline = comparedId == target->first;
-  Statement s(*statements_,
+  Statement s(*db,
               "SELECT count(*) FROM baseline_versions WHERE baseline_id = ? AND version > ? "
               "AND (session_id IS NULL OR session_id <> ?)");
   s.bind(1, target->first)
@@ -212,35 +214,34 @@ std::optional<std::pair<std::int64_t, std::int64_t>> Store::requireFreshBaseline
   return target;
 }
 
-std::map<std::int64_t, Verdict> Store::reviews(const std::string& sessionId) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
-              "SELECT position, accepted, as_alternative FROM reviews WHERE session_id = ?");
+std::map<std::int64_t, Verdict> SqlStore::reviews(const std::string& sessionId) {
+  Lease db = lease();
+  Statement s(*db, "SELECT position, accepted, as_alternative FROM reviews WHERE session_id = ?");
   s.bind(1, sessionId);
   std::map<std::int64_t, Verdict> verdicts;
   while (s.step()) verdicts[s.integer(0)] = {s.integer(1) != 0, s.integer(2) != 0};
   return verdicts;
 }
 
-void Store::reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
-                        const Outcome& outcome, bool confirmed) {
-  requireOwnFolder();
+void SqlStore::reviewSteps(const std::string& sessionId, const std::vector<StepReview>& reviews,
+                           const Outcome& outcome, bool confirmed) {
+  requireWritable();
   flushImages();  // accepted steps' images become baseline images
-  std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
-  applyReview(sessionId, reviews, outcome, confirmed);
+  Lease db = lease();
+  Transaction transaction(*db);
+  applyReview(db, sessionId, reviews, outcome, confirmed);
   transaction.commit();
 }
 
-Store::AppliedReview Store::applyReview(const std::string& sessionId,
-                                        const std::vector<StepReview>& reviews,
-                                        const Outcome& outcome, bool confirmed) {
+SqlStore::AppliedReview SqlStore::applyReview(Lease& db, const std::string& sessionId,
+                                              const std::vector<StepReview>& reviews,
+                                              const Outcome& outcome, bool confirmed) {
   AppliedReview applied;
   const bool changesBaseline = std::any_of(
       reviews.begin(), reviews.end(), [](const StepReview& r) { return r.change.has_value(); });
   if (changesBaseline) {
     std::optional<std::pair<std::int64_t, std::int64_t>> target =
-        requireFreshBaseline(sessionId, confirmed);
+        requireFreshBaseline(db, sessionId, confirmed);
     std::int64_t baselineId = 0;
     std::optional<std::pair<std::int64_t, std::int64_t>> base = target;
     if (target) {
@@ -250,14 +251,13 @@ Store::AppliedReview Store::applyReview(const std::string& sessionId,
       std::string key;
       {
         Statement s(
-            *statements_,
-            "SELECT baseline_key, baseline_id, baseline_version FROM sessions WHERE id = ?");
+            *db, "SELECT baseline_key, baseline_id, baseline_version FROM sessions WHERE id = ?");
         s.bind(1, sessionId);
         if (!s.step()) throw StoreError("unknown session " + sessionId);
         key = s.text(0);
         if (!s.isNull(1) && !s.isNull(2)) base = std::make_pair(s.integer(1), s.integer(2));
       }
-      Statement s(*statements_,
+      Statement s(*db,
                   "INSERT INTO baselines(key, updated_at, current_version, latest_version) "
                   "VALUES(?, ?, 0, 0) RETURNING id");
       s.bind(1, key).bind(2, now());
@@ -265,12 +265,13 @@ Store::AppliedReview Store::applyReview(const std::string& sessionId,
       baselineId = s.integer(0);
       s.run();
     }
-    const std::int64_t version = newVersion(baselineId, base, "accepted", sessionId, std::nullopt);
+    const std::int64_t version =
+        newVersion(db, baselineId, base, "accepted", sessionId, std::nullopt);
     applied.baselineId = baselineId;
     if (target) applied.previousVersion = target->second;
     applied.madeVersion = version;
     auto append = [&](const std::string& tag, const std::string& image) {
-      Statement s(*statements_,
+      Statement s(*db,
                   "INSERT INTO baseline_version_steps(baseline_id, version, position, tag, image) "
                   "SELECT ?, ?, coalesce(max(position) + 1, 0), ?, ? FROM baseline_version_steps "
                   "WHERE baseline_id = ? AND version = ?");
@@ -283,7 +284,7 @@ Store::AppliedReview Store::applyReview(const std::string& sessionId,
       s.run();
     };
     auto dropAlternatives = [&](std::int64_t position) {
-      Statement s(*statements_,
+      Statement s(*db,
                   "DELETE FROM baseline_alternatives "
                   "WHERE baseline_id = ? AND version = ? AND position = ?");
       s.bind(1, baselineId).bind(2, version).bind(3, position);
@@ -293,14 +294,14 @@ Store::AppliedReview Store::applyReview(const std::string& sessionId,
       if (!review.change) continue;
       const BaselineChange& change = *review.change;
       std::optional<std::int64_t> position =
-          positionOfTag(*statements_, baselineId, version, change.tag, change.occurrence);
+          positionOfTag(*db, baselineId, version, change.tag, change.occurrence);
       switch (change.kind) {
         case BaselineChange::Kind::Replace:
           if (!position) {
             append(change.tag, change.image);
           } else {
             dropAlternatives(*position);
-            Statement s(*statements_,
+            Statement s(*db,
                         "UPDATE baseline_version_steps SET image = ? "
                         "WHERE baseline_id = ? AND version = ? AND position = ?");
             s.bind(1, change.image).bind(2, baselineId).bind(3, version).bind(4, *position);
@@ -311,7 +312,7 @@ Store::AppliedReview Store::applyReview(const std::string& sessionId,
           if (!position) {
             append(change.tag, change.image);
           } else {
-            Statement s(*statements_,
+            Statement s(*db,
                         "INSERT INTO baseline_alternatives(baseline_id, version, position, image) "
                         "SELECT ?, ?, ?, ? WHERE NOT EXISTS (SELECT 1 FROM baseline_version_steps "
                         "WHERE baseline_id = ? AND version = ? AND position = ? AND image = ?) "
@@ -324,7 +325,7 @@ Store::AppliedReview Store::applyReview(const std::string& sessionId,
         case BaselineChange::Kind::Drop:
           if (position) {
             dropAlternatives(*position);
-            Statement s(*statements_,
+            Statement s(*db,
                         "DELETE FROM baseline_version_steps "
                         "WHERE baseline_id = ? AND version = ? AND position = ?");
             s.bind(1, baselineId).bind(2, version).bind(3, *position);
@@ -335,7 +336,7 @@ Store::AppliedReview Store::applyReview(const std::string& sessionId,
     }
   }
   for (const StepReview& review : reviews) {
-    Statement s(*statements_,
+    Statement s(*db,
                 "INSERT INTO reviews(session_id, position, accepted, as_alternative) "
                 "VALUES(?, ?, ?, ?) ON CONFLICT(session_id, position) DO UPDATE SET "
                 "accepted = excluded.accepted, as_alternative = excluded.as_alternative");
@@ -346,26 +347,26 @@ Store::AppliedReview Store::applyReview(const std::string& sessionId,
     s.run();
   }
   {
-    Statement s(*statements_, "UPDATE sessions SET outcome = ? WHERE id = ?");
+    Statement s(*db, "UPDATE sessions SET outcome = ? WHERE id = ?");
     s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
     s.run();
   }
   return applied;
 }
 
-std::int64_t Store::rollBack(std::int64_t baselineId, std::int64_t version) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
+std::int64_t SqlStore::rollBack(std::int64_t baselineId, std::int64_t version) {
+  requireWritable();
+  Lease db = lease();
+  Transaction transaction(*db);
   std::int64_t latest = 0;
   {
-    Statement s(*statements_, "SELECT latest_version FROM baselines WHERE id = ?");
+    Statement s(*db, "SELECT latest_version FROM baselines WHERE id = ?");
     s.bind(1, baselineId);
     if (!s.step()) throw UnknownVersionError("unknown baseline", false);
     latest = s.integer(0);
   }
   {
-    Statement s(*statements_,
+    Statement s(*db,
                 "SELECT count(*) FROM baseline_versions WHERE baseline_id = ? AND version = ?");
     s.bind(1, baselineId).bind(2, version);
     s.step();
@@ -377,8 +378,8 @@ std::int64_t Store::rollBack(std::int64_t baselineId, std::int64_t version) {
                                 removed);
     }
   }
-  const std::int64_t made = newVersion(baselineId, std::make_pair(baselineId, version), "rollback",
-                                       std::nullopt, version);
+  const std::int64_t made = newVersion(db, baselineId, std::make_pair(baselineId, version),
+                                       "rollback", std::nullopt, version);
   transaction.commit();
   return made;
 }

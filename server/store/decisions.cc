@@ -12,18 +12,18 @@
 #include "server/clock.h"
 #include "server/store.h"
 #include "server/store/session_rows.h"
-#include "server/store/statement.h"
+#include "server/store/sql_store.h"
 
 namespace saffra::server {
 
 using namespace storage;
 
-std::int64_t Store::decide(const std::string& reviewer, const std::string& scope,
-                           const std::vector<SessionDecision>& sessions, bool confirmed) {
-  requireOwnFolder();
+std::int64_t SqlStore::decide(const std::string& reviewer, const std::string& scope,
+                              const std::vector<SessionDecision>& sessions, bool confirmed) {
+  requireWritable();
   flushImages();  // accepted steps' images become baseline images
-  std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
+  Lease db = lease();
+  Transaction transaction(*db);
   auto changesBaseline = [](const SessionDecision& d) {
     return std::any_of(d.reviews.begin(), d.reviews.end(),
                        [](const StepReview& r) { return r.change.has_value(); });
@@ -34,7 +34,7 @@ std::int64_t Store::decide(const std::string& reviewer, const std::string& scope
     for (const SessionDecision& d : sessions) {
       if (!changesBaseline(d)) continue;
       try {
-        requireFreshBaseline(d.sessionId, false);
+        requireFreshBaseline(db, d.sessionId, false);
       } catch (const StaleBaselineError& e) {
         stale.push_back({d.sessionId, e.what(), e.comparedVersion(), e.currentVersion()});
       }
@@ -43,7 +43,7 @@ std::int64_t Store::decide(const std::string& reviewer, const std::string& scope
   }
   std::int64_t decision = 0;
   {
-    Statement s(*statements_,
+    Statement s(*db,
                 "INSERT INTO decisions(reviewer, scope, made_at) VALUES(?, ?, ?) RETURNING id");
     s.bind(1, reviewer).bind(2, scope).bind(3, now());
     if (!s.step()) throw StoreError("cannot record the decision");
@@ -55,14 +55,14 @@ std::int64_t Store::decide(const std::string& reviewer, const std::string& scope
     // (accepted -1 for a step without one).
     OptString before;
     {
-      Statement s(*statements_, "SELECT outcome FROM sessions WHERE id = ?");
+      Statement s(*db, "SELECT outcome FROM sessions WHERE id = ?");
       s.bind(1, d.sessionId);
       if (!s.step()) throw StoreError("unknown session " + d.sessionId);
       before = s.optText(0);
     }
     std::map<std::int64_t, std::pair<std::int64_t, std::int64_t>> verdicts;
     {
-      Statement s(*statements_,
+      Statement s(*db,
                   "SELECT position, accepted, as_alternative FROM reviews WHERE session_id = ?");
       s.bind(1, d.sessionId);
       while (s.step()) verdicts[s.integer(0)] = {s.integer(1), s.integer(2)};
@@ -75,7 +75,7 @@ std::int64_t Store::decide(const std::string& reviewer, const std::string& scope
                                                                 found->second.second}));
     }
     {
-      Statement s(*statements_,
+      Statement s(*db,
                   "INSERT INTO decision_sessions(decision_id, session_id, outcome, reviews) "
                   "VALUES(?, ?, ?, ?)");
       s.bind(1, decision).bind(2, d.sessionId).bind(3, before).bind(4, json::write(previous));
@@ -83,7 +83,7 @@ std::int64_t Store::decide(const std::string& reviewer, const std::string& scope
     }
     AppliedReview applied;
     try {
-      applied = applyReview(d.sessionId, d.reviews, d.outcome, confirmed);
+      applied = applyReview(db, d.sessionId, d.reviews, d.outcome, confirmed);
     } catch (const StaleSessionsError&) {
       throw;
     } catch (const StaleBaselineError& e) {
@@ -92,7 +92,7 @@ std::int64_t Store::decide(const std::string& reviewer, const std::string& scope
       throw StaleSessionsError({{d.sessionId, e.what(), e.comparedVersion(), e.currentVersion()}});
     }
     if (applied.baselineId) {
-      Statement s(*statements_,
+      Statement s(*db,
                   "INSERT INTO decision_baselines(decision_id, baseline_id, session_id, "
                   "previous_version, made_version) VALUES(?, ?, ?, ?, ?) "
                   "ON CONFLICT(decision_id, baseline_id) DO UPDATE SET "
@@ -109,16 +109,16 @@ std::int64_t Store::decide(const std::string& reviewer, const std::string& scope
   return decision;
 }
 
-std::optional<std::int64_t> Store::lastDecision(const std::string& reviewer) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT max(id) FROM decisions WHERE reviewer = ? AND undone = 0");
+std::optional<std::int64_t> SqlStore::lastDecision(const std::string& reviewer) {
+  Lease db = lease();
+  Statement s(*db, "SELECT max(id) FROM decisions WHERE reviewer = ? AND undone = 0");
   s.bind(1, reviewer);
   if (!s.step() || s.isNull(0)) return std::nullopt;
   return s.integer(0);
 }
 
-std::optional<UndoneDecision> Store::lastOpenDecision(const std::string& reviewer) {
-  Statement s(*statements_,
+std::optional<UndoneDecision> SqlStore::lastOpenDecision(Lease& db, const std::string& reviewer) {
+  Statement s(*db,
               "SELECT id, scope FROM decisions WHERE reviewer = ? AND undone = 0 "
               "ORDER BY id DESC LIMIT 1");
   s.bind(1, reviewer);
@@ -129,23 +129,23 @@ std::optional<UndoneDecision> Store::lastOpenDecision(const std::string& reviewe
   return decision;
 }
 
-std::optional<UndoneDecision> Store::decisionToUndo(const std::string& reviewer) {
-  std::lock_guard lock(mutex_);
-  std::optional<UndoneDecision> last = lastOpenDecision(reviewer);
+std::optional<UndoneDecision> SqlStore::decisionToUndo(const std::string& reviewer) {
+  Lease db = lease();
+  std::optional<UndoneDecision> last = lastOpenDecision(db, reviewer);
   if (!last) return std::nullopt;
   UndoneDecision decision = std::move(*last);
-  Statement s(*statements_, "SELECT session_id FROM decision_sessions WHERE decision_id = ?");
+  Statement s(*db, "SELECT session_id FROM decision_sessions WHERE decision_id = ?");
   s.bind(1, decision.id);
   while (s.step()) decision.sessions.push_back(s.text(0));
   return decision;
 }
 
-std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewer,
-                                                      std::optional<std::int64_t> expected) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
-  std::optional<UndoneDecision> last = lastOpenDecision(reviewer);
+std::optional<UndoneDecision> SqlStore::undoLastDecision(const std::string& reviewer,
+                                                         std::optional<std::int64_t> expected) {
+  requireWritable();
+  Lease db = lease();
+  Transaction transaction(*db);
+  std::optional<UndoneDecision> last = lastOpenDecision(db, reviewer);
   if (!last) {
     if (expected) throw UndoRefused("that decision was undone already");
     return std::nullopt;
@@ -157,7 +157,7 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
                           : "you made another decision since; reload the page to undo that one");
   }
   auto testName = [&](const std::string& sessionId) {
-    Statement s(*statements_, "SELECT info FROM sessions WHERE id = ?");
+    Statement s(*db, "SELECT info FROM sessions WHERE id = ?");
     s.bind(1, sessionId);
     SessionRecord r;
     if (s.step()) readSessionInfo(json::parse(s.text(0)).value_or(Json::object()), r);
@@ -170,7 +170,7 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
   };
   std::vector<Restore> restores;
   {
-    Statement s(*statements_,
+    Statement s(*db,
                 "SELECT session_id, outcome, reviews FROM decision_sessions WHERE decision_id = ? "
                 "ORDER BY rowid");
     s.bind(1, undone.id);
@@ -178,14 +178,14 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
   }
   for (const Restore& r : restores) {
     {
-      Statement s(*statements_, "SELECT count(*) FROM sessions WHERE id = ?");
+      Statement s(*db, "SELECT count(*) FROM sessions WHERE id = ?");
       s.bind(1, r.sessionId);
       s.step();
       if (s.integer(0) == 0) {
         throw UndoRefused("session " + r.sessionId + " of that decision was removed since");
       }
     }
-    Statement s(*statements_,
+    Statement s(*db,
                 "SELECT count(*) FROM decision_sessions ds JOIN decisions d ON d.id = "
                 "ds.decision_id WHERE ds.session_id = ? AND ds.decision_id > ? AND d.undone = 0");
     s.bind(1, r.sessionId).bind(2, undone.id);
@@ -203,7 +203,7 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
   };
   std::vector<Made> made;
   {
-    Statement s(*statements_,
+    Statement s(*db,
                 "SELECT baseline_id, session_id, previous_version, made_version "
                 "FROM decision_baselines WHERE decision_id = ? ORDER BY baseline_id");
     s.bind(1, undone.id);
@@ -217,7 +217,7 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
     {
       // The baseline still has what the decision made: that version, or a version that undid
       // later decisions and so holds its steps again.
-      Statement s(*statements_,
+      Statement s(*db,
                   "SELECT b.current_version, v.kind, v.from_version FROM baselines b "
                   "LEFT JOIN baseline_versions v ON v.baseline_id = b.id "
                   "AND v.version = b.current_version WHERE b.id = ?");
@@ -232,7 +232,7 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
       }
     }
     if (m.previous) {
-      Statement s(*statements_,
+      Statement s(*db,
                   "SELECT count(*) FROM baseline_versions WHERE baseline_id = ? AND version = ?");
       s.bind(1, m.baselineId).bind(2, *m.previous);
       s.step();
@@ -245,29 +245,29 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
   // Everything checked: restore.
   for (const Made& m : made) {
     if (m.previous) {
-      newVersion(m.baselineId, std::make_pair(m.baselineId, *m.previous), "undo", m.sessionId,
+      newVersion(db, m.baselineId, std::make_pair(m.baselineId, *m.previous), "undo", m.sessionId,
                  *m.previous);
       continue;
     }
-    Statement s(*statements_, "SELECT count(*) FROM sessions WHERE baseline_id = ?");
+    Statement s(*db, "SELECT count(*) FROM sessions WHERE baseline_id = ?");
     s.bind(1, m.baselineId);
     s.step();
     if (s.integer(0) > 0) {  // sessions were compared with it since: it stays, empty
-      newVersion(m.baselineId, std::nullopt, "undo", m.sessionId, std::nullopt);
+      newVersion(db, m.baselineId, std::nullopt, "undo", m.sessionId, std::nullopt);
       continue;
     }
     for (const char* sql : {"DELETE FROM baseline_alternatives WHERE baseline_id = ?",
                             "DELETE FROM baseline_version_steps WHERE baseline_id = ?",
                             "DELETE FROM baseline_versions WHERE baseline_id = ?",
                             "DELETE FROM baselines WHERE id = ?"}) {
-      Statement d(*statements_, sql);
+      Statement d(*db, sql);
       d.bind(1, m.baselineId);
       d.run();
     }
   }
   for (const Restore& r : restores) {
     {
-      Statement s(*statements_, "UPDATE sessions SET outcome = ? WHERE id = ?");
+      Statement s(*db, "UPDATE sessions SET outcome = ? WHERE id = ?");
       s.bind(1, r.outcome).bind(2, r.sessionId);
       s.run();
     }
@@ -277,12 +277,12 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
       const std::int64_t position = json::integerValue(v[0]);
       const std::int64_t accepted = json::integerValue(v[1]);
       if (accepted < 0) {
-        Statement s(*statements_, "DELETE FROM reviews WHERE session_id = ? AND position = ?");
+        Statement s(*db, "DELETE FROM reviews WHERE session_id = ? AND position = ?");
         s.bind(1, r.sessionId).bind(2, position);
         s.run();
         continue;
       }
-      Statement s(*statements_,
+      Statement s(*db,
                   "INSERT INTO reviews(session_id, position, accepted, as_alternative) "
                   "VALUES(?, ?, ?, ?) ON CONFLICT(session_id, position) DO UPDATE SET "
                   "accepted = excluded.accepted, as_alternative = excluded.as_alternative");
@@ -292,7 +292,7 @@ std::optional<UndoneDecision> Store::undoLastDecision(const std::string& reviewe
     undone.sessions.push_back(r.sessionId);
   }
   {
-    Statement s(*statements_, "UPDATE decisions SET undone = 1 WHERE id = ?");
+    Statement s(*db, "UPDATE decisions SET undone = 1 WHERE id = ?");
     s.bind(1, undone.id);
     s.run();
   }

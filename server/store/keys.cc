@@ -1,5 +1,5 @@
-// API keys (kept as digests, never as text) and the secrets that every service instance on one
-// store shares.
+// API keys (kept as digests, never as text) and the secrets that every service on one store
+// shares.
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -8,28 +8,29 @@
 #include <openssl/rand.h>
 
 #include "server/store.h"
-#include "server/store/statement.h"
+#include "server/store/sql_store.h"
 
 namespace saffra::server {
 
-using namespace storage;
+using storage::Lease;
+using storage::Statement;
 
-bool Store::addApiKey(const std::string& name, const std::string& digest, std::int64_t at) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  // Ignored when a key in use has this name (or, by chance, this digest).
-  Statement s(*statements_,
-              "INSERT OR IGNORE INTO api_keys(digest, name, created_at) VALUES(?, ?, ?)");
+bool SqlStore::addApiKey(const std::string& name, const std::string& digest, std::int64_t at) {
+  requireWritable();
+  Lease db = lease();
+  // Nothing is added when a key in use has this name (or, by chance, this digest).
+  Statement s(*db,
+              "INSERT INTO api_keys(digest, name, created_at) VALUES(?, ?, ?) "
+              "ON CONFLICT DO NOTHING");
   s.bind(1, digest).bind(2, name).bind(3, at);
   s.run();
-  return sqlite3_changes(db_) > 0;
+  return db->changes() > 0;
 }
 
-std::vector<ApiKeyRecord> Store::apiKeys() {
-  std::lock_guard lock(mutex_);
+std::vector<ApiKeyRecord> SqlStore::apiKeys() {
+  Lease db = lease();
   Statement s(
-      *statements_,
-      "SELECT name, digest, created_at, revoked_at FROM api_keys ORDER BY created_at, name");
+      *db, "SELECT name, digest, created_at, revoked_at FROM api_keys ORDER BY created_at, name");
   std::vector<ApiKeyRecord> keys;
   while (s.step()) {
     ApiKeyRecord key{s.text(0), s.text(1), s.integer(2), std::nullopt};
@@ -39,31 +40,31 @@ std::vector<ApiKeyRecord> Store::apiKeys() {
   return keys;
 }
 
-bool Store::revokeApiKey(const std::string& name, std::int64_t at) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
-              "UPDATE api_keys SET revoked_at = ? WHERE name = ? AND revoked_at IS NULL");
+bool SqlStore::revokeApiKey(const std::string& name, std::int64_t at) {
+  requireWritable();
+  Lease db = lease();
+  Statement s(*db, "UPDATE api_keys SET revoked_at = ? WHERE name = ? AND revoked_at IS NULL");
   s.bind(1, at).bind(2, name);
   s.run();
-  return sqlite3_changes(db_) > 0;
+  return db->changes() > 0;
 }
 
-bool Store::hasApiKeyDigest(const std::string& digest) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT 1 FROM api_keys WHERE digest = ? AND revoked_at IS NULL");
+bool SqlStore::hasApiKeyDigest(const std::string& digest) {
+  Lease db = lease();
+  Statement s(*db, "SELECT 1 FROM api_keys WHERE digest = ? AND revoked_at IS NULL");
   s.bind(1, digest);
   return s.step();
 }
 
-std::string Store::sharedSecret(const std::string& name) {
-  std::lock_guard lock(mutex_);
-  {
-    Statement s(*statements_, "SELECT value FROM shared_secrets WHERE name = ?");
+std::string SqlStore::sharedSecret(const std::string& name) {
+  Lease db = lease();
+  auto read = [&]() -> std::optional<std::string> {
+    Statement s(*db, "SELECT value FROM shared_secrets WHERE name = ?");
     s.bind(1, name);
-    if (s.step()) return s.text(0);
-  }
-  requireOwnFolder();
+    return s.step() ? std::optional<std::string>(s.text(0)) : std::nullopt;
+  };
+  if (std::optional<std::string> value = read()) return *value;
+  requireWritable();
   unsigned char bytes[32];
   if (RAND_bytes(bytes, sizeof bytes) != 1) throw StoreError("no random bytes for a secret");
   static constexpr char kHex[] = "0123456789abcdef";
@@ -72,16 +73,15 @@ std::string Store::sharedSecret(const std::string& name) {
     value += kHex[b >> 4];
     value += kHex[b & 15];
   }
-  // Another process on the same store may have made it meanwhile: the first one stays.
   {
-    Statement s(*statements_, "INSERT OR IGNORE INTO shared_secrets(name, value) VALUES(?, ?)");
+    // Another service on the same store may have made it meanwhile: the first one stays.
+    Statement s(*db, "INSERT INTO shared_secrets(name, value) VALUES(?, ?) ON CONFLICT DO NOTHING");
     s.bind(1, name).bind(2, value);
     s.run();
   }
-  Statement s(*statements_, "SELECT value FROM shared_secrets WHERE name = ?");
-  s.bind(1, name);
-  if (!s.step()) throw StoreError("cannot keep the secret " + name);
-  return s.text(0);
+  std::optional<std::string> kept = read();
+  if (!kept) throw StoreError("cannot keep the secret " + name);
+  return *kept;
 }
 
 }  // namespace saffra::server

@@ -8,7 +8,7 @@
 
 #include "saffra/platform/json.h"
 #include "server/store.h"
-#include "server/store/statement.h"
+#include "server/store/sql_store.h"
 
 namespace saffra::server::storage {
 

@@ -10,59 +10,60 @@
 #include "server/json_fields.h"
 #include "server/store.h"
 #include "server/store/session_rows.h"
-#include "server/store/statement.h"
+#include "server/store/sql_store.h"
 
 namespace saffra::server {
 
 using storage::kSessionColumns;
+using storage::Lease;
 using storage::outcomeJson;
 using storage::readSession;
 using storage::sessionInfoJson;
 using storage::Statement;
 using storage::Transaction;
 
-std::optional<BatchRecord> Store::batch(const std::string& id) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
+std::optional<BatchRecord> SqlStore::batch(const std::string& id) {
+  Lease db = lease();
+  Statement s(*db,
               "SELECT id, name, started_at, sequence_name, is_closed FROM batches WHERE id = ?");
   s.bind(1, id);
   if (!s.step()) return std::nullopt;
   return BatchRecord{s.text(0), s.optText(1), s.optText(2), s.optText(3), s.integer(4) != 0};
 }
 
-bool Store::closeBatch(const std::string& id) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "UPDATE batches SET is_closed = 1, closed_at = ? WHERE id = ?");
+bool SqlStore::closeBatch(const std::string& id) {
+  requireWritable();
+  Lease db = lease();
+  Statement s(*db, "UPDATE batches SET is_closed = 1, closed_at = ? WHERE id = ?");
   s.bind(1, now()).bind(2, id);
   s.run();
-  return sqlite3_changes(db_) > 0;
+  return db->changes() > 0;
 }
 
-std::optional<SessionRecord> Store::session(const std::string& id) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, std::string(kSessionColumns) + " WHERE id = ?");
+std::optional<SessionRecord> SqlStore::session(const std::string& id) {
+  Lease db = lease();
+  Statement s(*db, std::string(kSessionColumns) + " WHERE id = ?");
   s.bind(1, id);
   if (!s.step()) return std::nullopt;
   return readSession(s);
 }
 
-std::vector<SessionRecord> Store::sessionsInBatch(const std::string& batchId) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
-              std::string(kSessionColumns) + " WHERE batch_id = ? ORDER BY started_at, rowid");
+std::vector<SessionRecord> SqlStore::sessionsInBatch(const std::string& batchId) {
+  Lease db = lease();
+  Statement s(*db, std::string(kSessionColumns) + " WHERE batch_id = ? ORDER BY started_at, rowid");
   s.bind(1, batchId);
   std::vector<SessionRecord> sessions;
   while (s.step()) sessions.push_back(readSession(s));
   return sessions;
 }
 
-std::vector<BatchRecord> Store::batches() {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
-              "SELECT b.id, b.name, b.started_at, b.sequence_name, b.is_closed FROM batches b "
-              "ORDER BY (SELECT max(started_at) FROM sessions WHERE batch_id = b.id) DESC, "
-              "b.rowid DESC");
+std::vector<BatchRecord> SqlStore::batches() {
+  Lease db = lease();
+  Statement s(
+      *db,
+      "SELECT b.id, b.name, b.started_at, b.sequence_name, b.is_closed FROM batches b "
+      "ORDER BY (SELECT max(started_at) FROM sessions WHERE batch_id = b.id) DESC NULLS LAST, "
+      "b.rowid DESC");
   std::vector<BatchRecord> list;
   while (s.step()) {
     list.push_back({s.text(0), s.optText(1), s.optText(2), s.optText(3), s.integer(4) != 0});
@@ -70,19 +71,19 @@ std::vector<BatchRecord> Store::batches() {
   return list;
 }
 
-void Store::insertSession(const SessionRecord& session, const BatchRecord& batch) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
+void SqlStore::insertSession(const SessionRecord& session, const BatchRecord& batch) {
+  requireWritable();
+  Lease db = lease();
+  Transaction transaction(*db);
   {
-    Statement s(*statements_,
+    Statement s(*db,
                 "INSERT INTO batches(id, name, started_at, sequence_name) VALUES(?, ?, ?, ?) "
-                "ON CONFLICT(id) DO UPDATE SET name = coalesce(excluded.name, name), "
-                "sequence_name = coalesce(excluded.sequence_name, sequence_name)");
+                "ON CONFLICT(id) DO UPDATE SET name = coalesce(excluded.name, batches.name), "
+                "sequence_name = coalesce(excluded.sequence_name, batches.sequence_name)");
     s.bind(1, batch.id).bind(2, batch.name).bind(3, batch.startedAt).bind(4, batch.sequenceName);
     s.run();
   }
-  Statement s(*statements_,
+  Statement s(*db,
               "INSERT INTO sessions(id, token, info, baseline_key, baseline_id, is_new, "
               "started_at, batch_id, baseline_version, baseline_branch, last_active_at) "
               "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
@@ -101,17 +102,17 @@ void Store::insertSession(const SessionRecord& session, const BatchRecord& batch
   transaction.commit();
 }
 
-void Store::touchSession(const std::string& sessionId, std::int64_t at) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "UPDATE sessions SET last_active_at = ? WHERE id = ?");
+void SqlStore::touchSession(const std::string& sessionId, std::int64_t at) {
+  requireWritable();
+  Lease db = lease();
+  Statement s(*db, "UPDATE sessions SET last_active_at = ? WHERE id = ?");
   s.bind(1, at).bind(2, sessionId);
   s.run();
 }
 
-std::vector<std::string> Store::idleSessions(std::int64_t before) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
+std::vector<std::string> SqlStore::idleSessions(std::int64_t before) {
+  Lease db = lease();
+  Statement s(*db,
               "SELECT id FROM sessions WHERE outcome IS NULL AND last_active_at < ? "
               "ORDER BY last_active_at");
   s.bind(1, before);
@@ -120,9 +121,9 @@ std::vector<std::string> Store::idleSessions(std::int64_t before) {
   return ids;
 }
 
-std::vector<StepRecord> Store::steps(const std::string& sessionId) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
+std::vector<StepRecord> SqlStore::steps(const std::string& sessionId) {
+  Lease db = lease();
+  Statement s(*db,
               "SELECT position, tag, current_image, baseline_image, diff_image, as_expected, "
               "match_level, accessibility, settings, baseline_position, matched_alternative "
               "FROM steps WHERE session_id = ? ORDER BY position");
@@ -153,26 +154,26 @@ std::vector<StepRecord> Store::steps(const std::string& sessionId) {
   return steps;
 }
 
-std::int64_t Store::stepCount(const std::string& sessionId) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT count(*) FROM steps WHERE session_id = ?");
+std::int64_t SqlStore::stepCount(const std::string& sessionId) {
+  Lease db = lease();
+  Statement s(*db, "SELECT count(*) FROM steps WHERE session_id = ?");
   s.bind(1, sessionId);
   s.step();
   return s.integer(0);
 }
 
-std::int64_t Store::stepCountWithTag(const std::string& sessionId, const std::string& tag) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT count(*) FROM steps WHERE session_id = ? AND tag = ?");
+std::int64_t SqlStore::stepCountWithTag(const std::string& sessionId, const std::string& tag) {
+  Lease db = lease();
+  Statement s(*db, "SELECT count(*) FROM steps WHERE session_id = ? AND tag = ?");
   s.bind(1, sessionId).bind(2, tag);
   s.step();
   return s.integer(0);
 }
 
-void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
+void SqlStore::insertStep(const std::string& sessionId, const StepRecord& step) {
+  requireWritable();
+  Lease db = lease();
+  Statement s(*db,
               "INSERT INTO steps(session_id, position, tag, current_image, baseline_image, "
               "diff_image, as_expected, match_level, accessibility, settings, baseline_position, "
               "matched_alternative) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
@@ -196,27 +197,27 @@ void Store::insertStep(const std::string& sessionId, const StepRecord& step) {
   s.run();
 }
 
-void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
-                          const std::vector<BaselineStep>* newBaseline) {
-  requireOwnFolder();
+void SqlStore::finishSession(const std::string& sessionId, const Outcome& outcome,
+                             const std::vector<BaselineStep>* newBaseline) {
+  requireWritable();
   if (newBaseline) flushImages();
-  std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
+  Lease db = lease();
+  Transaction transaction(*db);
   if (newBaseline) {
     std::optional<std::pair<std::int64_t, std::int64_t>> target =
-        requireFreshBaseline(sessionId, false);
+        requireFreshBaseline(db, sessionId, false);
     std::int64_t baselineId = 0;
     if (target) {
       baselineId = target->first;
     } else {
       std::string key;
       {
-        Statement s(*statements_, "SELECT baseline_key FROM sessions WHERE id = ?");
+        Statement s(*db, "SELECT baseline_key FROM sessions WHERE id = ?");
         s.bind(1, sessionId);
         if (!s.step()) throw StoreError("unknown session " + sessionId);
         key = s.text(0);
       }
-      Statement s(*statements_,
+      Statement s(*db,
                   "INSERT INTO baselines(key, updated_at, current_version, latest_version) "
                   "VALUES(?, ?, 0, 0) RETURNING id");
       s.bind(1, key).bind(2, now());
@@ -224,11 +225,11 @@ void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
       baselineId = s.integer(0);
       s.run();
     }
-    const std::int64_t version = newVersion(baselineId, std::nullopt, "saved", sessionId, {});
+    const std::int64_t version = newVersion(db, baselineId, std::nullopt, "saved", sessionId, {});
     std::int64_t position = 0;
     for (const BaselineStep& step : *newBaseline) {
       {
-        Statement s(*statements_,
+        Statement s(*db,
                     "INSERT INTO baseline_version_steps(baseline_id, version, position, tag, "
                     "image) VALUES(?, ?, ?, ?, ?)");
         s.bind(1, baselineId)
@@ -240,7 +241,7 @@ void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
       }
       for (const std::string& alternative : step.alternatives) {
         if (alternative == step.image) continue;
-        Statement s(*statements_,
+        Statement s(*db,
                     "INSERT INTO baseline_alternatives(baseline_id, version, position, image) "
                     "VALUES(?, ?, ?, ?) ON CONFLICT DO NOTHING");
         s.bind(1, baselineId).bind(2, version).bind(3, position).bind(4, alternative);
@@ -250,7 +251,7 @@ void Store::finishSession(const std::string& sessionId, const Outcome& outcome,
     }
   }
   {
-    Statement s(*statements_, "UPDATE sessions SET outcome = ? WHERE id = ?");
+    Statement s(*db, "UPDATE sessions SET outcome = ? WHERE id = ?");
     s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
     s.run();
   }
@@ -284,8 +285,9 @@ std::vector<std::string> distinctTexts(const std::string& jsonArray) {
   return texts;
 }
 
-// The sessions of each batch as the batch list needs them, and the batches a search finds.
-constexpr const char* kBatchSessions = R"sql(
+// The sessions of each batch as the batch list needs them, and the batches a search finds. The
+// SQL of JSON members and of matching in any case differs between the engines.
+constexpr const char* kBatchSessions[] = {R"sql(
 WITH s AS (
   SELECT batch_id, json_extract(info, '$.appName') AS app,
          json_extract(info, '$.branchName') AS branch,
@@ -298,29 +300,61 @@ found AS (
   WHERE ?1 = '%%' OR b.name LIKE ?1 ESCAPE '\' OR b.id LIKE ?1 ESCAPE '\'
      OR EXISTS(SELECT 1 FROM s WHERE s.batch_id = b.id
                AND (s.app LIKE ?1 ESCAPE '\' OR s.branch LIKE ?1 ESCAPE '\')))
-)sql";
+)sql",
+                                          R"sql(
+WITH s AS (
+  SELECT batch_id, i ->> 'appName' AS app, i ->> 'branchName' AS branch,
+         CASE WHEN outcome IS NULL THEN 'Running' ELSE o ->> 'status' END AS status,
+         started_at, (o ->> 'stoppedAt')::bigint AS stopped
+  FROM sessions,
+       -- text in PostgreSQL holds no NUL: one escaped in the JSON is read as U+FFFD.
+       LATERAL (SELECT replace(info, '\u0000', '\ufffd')::json AS i,
+                       replace(outcome, '\u0000', '\ufffd')::json AS o) AS parsed),
+found AS (
+  SELECT b.* , b.rowid AS r FROM batches b
+  WHERE ?1 = '%%' OR b.name ILIKE ?1 ESCAPE '\' OR b.id ILIKE ?1 ESCAPE '\'
+     OR EXISTS(SELECT 1 FROM s WHERE s.batch_id = b.id
+               AND (s.app ILIKE ?1 ESCAPE '\' OR s.branch ILIKE ?1 ESCAPE '\')))
+)sql"};
+
+// The distinct texts of a column of a group, as a JSON array.
+constexpr const char* kGroupArray[] = {"json_group_array(DISTINCT %s)", "json_agg(DISTINCT %s)"};
+
+// How many sessions of a group have this status (the status is one of ours, not request data).
+std::string countOf(const std::string& status) {
+  return "sum(CASE WHEN s.status = '" + status + "' THEN 1 ELSE 0 END)";
+}
+
+std::string groupArray(storage::Dialect dialect, const std::string& column) {
+  std::string text = kGroupArray[static_cast<int>(dialect)];
+  return text.replace(text.find("%s"), 2, column);
+}
 
 }  // namespace
 
-BatchPage Store::batchSummaries(const std::string& search, std::int64_t offset,
-                                std::int64_t limit) {
+BatchPage SqlStore::batchSummaries(const std::string& search, std::int64_t offset,
+                                   std::int64_t limit) {
   std::string pattern = containsPattern(search);
   BatchPage page;
-  std::lock_guard lock(mutex_);
+  Lease db = lease();
+  const storage::Dialect dialect = db->dialect();
+  const std::string sessionsSql = kBatchSessions[static_cast<int>(dialect)];
   {
-    Statement s(*statements_, std::string(kBatchSessions) + "SELECT count(*) FROM found");
+    Statement s(*db, sessionsSql + "SELECT count(*) FROM found");
     s.bind(1, pattern);
     if (s.step()) page.total = s.integer(0);
   }
-  Statement s(*statements_,
-              std::string(kBatchSessions) +
-                  "SELECT f.id, f.name, f.started_at, f.sequence_name, f.is_closed, f.closed_at, "
-                  "count(s.batch_id), total(s.status = 'Running'), total(s.status = 'Passed'), "
-                  "total(s.status = 'Unresolved'), total(s.status = 'Failed'), "
-                  "min(s.started_at), max(s.stopped), json_group_array(DISTINCT s.app), "
-                  "json_group_array(DISTINCT s.branch) "
-                  "FROM found f LEFT JOIN s ON s.batch_id = f.id GROUP BY f.id "
-                  "ORDER BY max(s.started_at) DESC, f.r DESC LIMIT ?2 OFFSET ?3");
+  Statement s(
+      *db, sessionsSql +
+               "SELECT f.id, f.name, f.started_at, f.sequence_name, f.is_closed, f.closed_at, "
+               "count(s.batch_id), " +
+               countOf("Running") + ", " + countOf("Passed") + ", " + countOf("Unresolved") + ", " +
+               countOf("Failed") + ", min(s.started_at), max(s.stopped), " +
+               groupArray(dialect, "s.app") + ", " + groupArray(dialect, "s.branch") +
+               " FROM found f LEFT JOIN s ON s.batch_id = f.id "
+               "GROUP BY f.id, f.name, f.started_at, f.sequence_name, f.is_closed, "
+               "f.closed_at, f.r "
+               "ORDER BY max(s.started_at) DESC NULLS LAST, f.r DESC LIMIT ?2 OFFSET ?3");
   s.bind(1, pattern)
       .bind(2, std::max<std::int64_t>(limit, 0))
       .bind(3, std::max<std::int64_t>(offset, 0));
@@ -345,20 +379,20 @@ BatchPage Store::batchSummaries(const std::string& search, std::int64_t offset,
   return page;
 }
 
-void Store::putStepChanges(const std::string& sessionId, std::int64_t position,
-                           const Json& changes) {
-  requireOwnFolder();
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_,
+void SqlStore::putStepChanges(const std::string& sessionId, std::int64_t position,
+                              const Json& changes) {
+  requireWritable();
+  Lease db = lease();
+  Statement s(*db,
               "INSERT INTO step_changes(session_id, position, changes) VALUES(?, ?, ?) "
               "ON CONFLICT(session_id, position) DO UPDATE SET changes = excluded.changes");
   s.bind(1, sessionId).bind(2, position).bind(3, json::write(changes));
   s.run();
 }
 
-std::map<std::int64_t, Json> Store::stepChanges(const std::string& sessionId) {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT position, changes FROM step_changes WHERE session_id = ?");
+std::map<std::int64_t, Json> SqlStore::stepChanges(const std::string& sessionId) {
+  Lease db = lease();
+  Statement s(*db, "SELECT position, changes FROM step_changes WHERE session_id = ?");
   s.bind(1, sessionId);
   std::map<std::int64_t, Json> found;
   while (s.step()) {
@@ -366,6 +400,13 @@ std::map<std::int64_t, Json> Store::stepChanges(const std::string& sessionId) {
     if (changes && changes->is_object()) found[s.integer(0)] = std::move(*changes);
   }
   return found;
+}
+
+std::int64_t SqlStore::schemaVersion() {
+  Lease db = lease();
+  Statement s(*db, std::string("SELECT max(version) FROM ") + schemaTable());
+  s.step();
+  return s.integer(0);
 }
 
 }  // namespace saffra::server

@@ -1,4 +1,4 @@
-// Opening the store: its folder and SQLite database, the schema and its migrations, and the
+// Opening the SQLite engine: its folder and database, the schema and its migrations, and the
 // check that the folder is still the one opened.
 #include <sys/stat.h>
 
@@ -11,12 +11,11 @@
 
 #include "saffra/base/logger.h"
 #include "server/store.h"
-#include "server/store/image_files.h"
-#include "server/store/statement.h"
+#include "server/store/sqlite/connection.h"
+#include "server/store/sqlite/image_files.h"
 
 namespace saffra::server {
 
-using storage::exec;
 using storage::Statement;
 using storage::Transaction;
 
@@ -208,7 +207,8 @@ std::array<std::pair<std::uint64_t, std::uint64_t>, 3> folderIdentity(const fs::
 
 }  // namespace
 
-Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "images") {
+SqliteStore::SqliteStore(const fs::path& folder)
+    : folder_(folder), imageFolder_(folder / "images") {
   std::error_code error;
   fs::create_directories(imageFolder_, error);
   if (error) throw StoreError("cannot create " + imageFolder_.string() + ": " + error.message());
@@ -224,20 +224,21 @@ Store::Store(const fs::path& folder) : folder_(folder), imageFolder_(folder / "i
     throw StoreError("cannot open " + database.string() + ": " + message);
   }
   try {
-    statements_ = std::make_unique<StatementCache>(db_);
+    connection_ = std::make_unique<Connection>(db_);
     sqlite3_busy_timeout(db_, 10000);
-    exec(db_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
+    connection_->exec(
+        "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
     migrate();
     identity_ = folderIdentity(folder_);
   } catch (...) {
-    statements_.reset();
+    connection_.reset();
     sqlite3_close(db_);
     db_ = nullptr;
     throw;
   }
 }
 
-void Store::requireOwnFolder() const {
+void SqliteStore::requireWritable() const {
   if (!lost_ && folderIdentity(folder_) == identity_) return;
   if (!lost_.exchange(true)) {
     Logger::logWithFormat(
@@ -248,24 +249,24 @@ void Store::requireOwnFolder() const {
   throw StoreUnavailable("the data folder " + folder_.string() + " was removed or replaced");
 }
 
-Store::~Store() {
-  statements_.reset();
+SqliteStore::~SqliteStore() {
+  connection_.reset();
   sqlite3_close(db_);
 }
 
-void Store::migrate() {
-  exec(db_, "CREATE TABLE IF NOT EXISTS schema_version(version INTEGER NOT NULL)");
+void SqliteStore::migrate() {
+  connection_->exec("CREATE TABLE IF NOT EXISTS schema_version(version INTEGER NOT NULL)");
   std::optional<std::int64_t> version;
   {
-    Statement s(*statements_, "SELECT max(version) FROM schema_version");
+    Statement s(*connection_, "SELECT max(version) FROM schema_version");
     if (s.step() && !s.isNull(0)) version = s.integer(0);
   }
   if (!version) {
     // A new database, or one of the first release (which kept no version): the first schema,
     // with the columns added during its life.
-    exec(db_, kSchema);
+    connection_->exec(kSchema);
     migrateFirstSchema();
-    exec(db_, "INSERT INTO schema_version(version) VALUES(1)");
+    connection_->exec("INSERT INTO schema_version(version) VALUES(1)");
     version = 1;
   }
   if (*version > kSchemaVersion) {
@@ -274,32 +275,30 @@ void Store::migrate() {
   }
   for (const SchemaStep& step : kSchemaSteps) {
     if (step.version <= *version) continue;
-    Transaction transaction(db_);
-    exec(db_, step.sql);
-    Statement s(*statements_, "UPDATE schema_version SET version = ?");
+    Transaction transaction(*connection_);
+    connection_->exec(step.sql);
+    Statement s(*connection_, "UPDATE schema_version SET version = ?");
     s.bind(1, step.version);
     s.run();
     transaction.commit();
   }
 }
 
-std::int64_t Store::schemaVersion() {
-  std::lock_guard lock(mutex_);
-  Statement s(*statements_, "SELECT max(version) FROM schema_version");
-  s.step();
-  return s.integer(0);
+storage::Lease SqliteStore::lease() {
+  mutex_.lock();
+  return storage::Lease(*connection_, [this] { mutex_.unlock(); });
 }
 
-void Store::migrateFirstSchema() {
+void SqliteStore::migrateFirstSchema() {
   for (const AddedColumn& added : kAddedColumns) {
     bool present = false;
     {
-      Statement s(*statements_, std::string("PRAGMA table_info(") + added.table + ")");
+      Statement s(*connection_, std::string("PRAGMA table_info(") + added.table + ")");
       while (s.step()) present = present || s.text(1) == added.column;
     }
     if (!present) {
-      exec(db_,
-           (std::string("ALTER TABLE ") + added.table + " ADD COLUMN " + added.definition).c_str());
+      connection_->exec(
+          (std::string("ALTER TABLE ") + added.table + " ADD COLUMN " + added.definition).c_str());
     }
   }
 }

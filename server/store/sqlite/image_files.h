@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "server/store.h"
+#include "server/store/sqlite/sqlite_store.h"
 
 namespace saffra::server {
 
@@ -21,7 +21,6 @@ namespace fs = std::filesystem;
 
 namespace storage {
 
-std::string sha256Hex(std::span<const std::uint8_t> bytes);
 // Writes `bytes` to a new file at `path`. Throws StoreError, leaving no file behind.
 void writeFile(const fs::path& path, std::span<const std::uint8_t> bytes);
 // Flushes a file or folder to disk: empty when done (or when it is gone: nothing of it is
@@ -34,7 +33,7 @@ std::string flushToDisk(const fs::path& path, int flags);
 // hold their names) and the folders above those (which may have gained the folders). A file
 // whose flush failed stays a failure for every later flushImages(): a disk that loses writes is
 // not trusted with a baseline.
-class Store::Flusher {
+class SqliteStore::Flusher {
  public:
   Flusher() : thread_([this] { run(); }) {}
   ~Flusher() {
