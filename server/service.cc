@@ -251,6 +251,10 @@ HandlerTime Service::matchWindowTime() const {
   return impl_->sessions ? impl_->sessions->matchWindowTime() : HandlerTime{};
 }
 
+std::chrono::nanoseconds Service::timeInDatabase() const {
+  return impl_->store ? impl_->store->timeInDatabase() : std::chrono::nanoseconds(0);
+}
+
 std::string Service::url() const {
   return "http://" + impl_->options.host + ":" + std::to_string(impl_->boundPort.load());
 }

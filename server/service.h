@@ -134,6 +134,9 @@ class Service {
   std::string url() const;
   /// The match-window requests handled so far, failed ones included, and their time.
   HandlerTime matchWindowTime() const;
+  /// Time this process has spent waiting for a database server's replies (see
+  /// Store::timeInDatabase).
+  std::chrono::nanoseconds timeInDatabase() const;
 
  private:
   struct Impl;

@@ -2,6 +2,7 @@
 // SHA-256 of their bytes. The interface is the same for both engines (see openStore).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -453,6 +454,10 @@ class Store {
   /// The secret of this name shared by every service on this store (such as the one that
   /// signs logins), made at random the first time it is asked for.
   virtual std::string sharedSecret(const std::string& name) = 0;
+
+  /// Time this process has spent waiting for a database server's replies, summed over every
+  /// store it opened (for reports; zero for an engine inside the process).
+  virtual std::chrono::nanoseconds timeInDatabase() const { return {}; }
 
   /// Copies everything this store keeps into `target`, a PostgreSQL database that is empty or
   /// holds an earlier copy of this store (rows and images it has are left alone, so running it

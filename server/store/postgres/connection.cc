@@ -3,6 +3,8 @@
 // makes the store unavailable for now; anything else is an error of the statement).
 #include "server/store/postgres/connection.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -147,13 +149,30 @@ class PostgresQuery : public storage::Query {
   int row_ = 0;
 };
 
+// Time this process spent waiting for the database's replies, for benchmarks' reports.
+std::atomic<std::int64_t> waitedNanoseconds{0};
+
+struct WaitTimer {
+  const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+  ~WaitTimer() {
+    waitedNanoseconds += std::chrono::duration_cast<std::chrono::nanoseconds>(
+                             std::chrono::steady_clock::now() - start)
+                             .count();
+  }
+};
+
 }  // namespace
+
+std::chrono::nanoseconds PostgresStore::timeInDatabase() const {
+  return std::chrono::nanoseconds(waitedNanoseconds.load());
+}
 
 // The text and the type of each parameter name a prepared statement: the types follow the
 // C++ values bound, so a statement bound with a NULL where it once had a number is prepared
 // again rather than guessed.
 Result PostgresStore::Connection::run(const std::string& sql, const std::vector<Param>& params,
                                       bool binaryResult) {
+  const WaitTimer timer;
   std::string key = sql;
   key += '\0';
   std::vector<Oid> types;
@@ -195,6 +214,7 @@ void PostgresStore::Connection::give(storage::Query* query) noexcept {
 }
 
 void PostgresStore::Connection::exec(const char* sql) {
+  const WaitTimer timer;
   Result result(PQexec(conn_, sql), &PQclear);
   const ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
   if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) fail(result.get());

@@ -3,6 +3,7 @@
 // own files only.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -35,6 +36,7 @@ class PostgresStore : public SqlStore {
   /// Nothing to wait for: a committed row is durable.
   void flushImages() override {}
   std::int64_t removeUnusedImages(const std::string& prefix, std::int64_t before) override;
+  std::chrono::nanoseconds timeInDatabase() const override;
 
   class Connection;
 
