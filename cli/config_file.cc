@@ -99,6 +99,8 @@ std::optional<std::string> applyConfigText(CLI::App& command, std::string_view t
     return fileName + ":" + std::to_string(line) + ": " + message;
   };
 
+  // Editors on some systems start a UTF-8 file with a byte order mark.
+  if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
   // Read every line first, so that a bad line anywhere is reported before any value is used.
   std::vector<Setting> settings;
   std::size_t lineNumber = 0;
@@ -115,7 +117,8 @@ std::optional<std::string> applyConfigText(CLI::App& command, std::string_view t
     settings.push_back(std::move(setting));
   }
 
-  // Options given before the file was read keep their values.
+  // Options given before the file was read (on the command line, or through their environment
+  // variable) keep their values.
   std::map<CLI::Option*, bool> givenBefore;
   std::map<CLI::Option*, std::size_t> firstLine;
   for (const Setting& setting : settings) {
@@ -128,15 +131,14 @@ std::optional<std::string> applyConfigText(CLI::App& command, std::string_view t
     if (!option->get_configurable() || option == command.get_help_ptr()) {
       return failure(setting.line, "\"" + setting.name + "\" cannot be set in a settings file");
     }
-    auto [given, inserted] = givenBefore.try_emplace(option, !option->empty());
-    if (given->second) continue;
+    if (givenBefore.try_emplace(option, !option->empty()).first->second) continue;
     auto [first, isFirst] = firstLine.try_emplace(option, setting.line);
     if (!isFirst && option->get_items_expected_max() <= 1) {
       return failure(setting.line, "\"" + setting.name + "\" is set already, on line " +
                                        std::to_string(first->second));
     }
     // Each value is checked as it is added, so that a bad one is reported at its own line; a
-    // repeated name adds a value, which the option refuses if it takes only one.
+    // repeated name adds a value to an option that takes several.
     try {
       if (option->get_expected_min() == 0) {
         option->add_result(option->get_flag_value(setting.name, setting.value));

@@ -39,7 +39,7 @@ struct Command {
 
 TEST(ConfigFileTest, SetsTheNamedOptionsAndLeavesThoseOfTheCommandLine) {
   const std::string text =
-      "# settings\r\n"
+      "\xEF\xBB\xBF# settings\r\n"
       "\n"
       "  port = 8080   # inline comment\r\n"
       "data = \"/var/lib/a b#c\"  # quoted: blanks and # kept\n"
