@@ -1,6 +1,7 @@
 // `saffra serve`: the local service on the command line. It prints one line,
 // "listening on http://HOST:PORT", as soon as it accepts requests (scripts read the port from
-// it), and runs until SIGINT or SIGTERM.
+// it), and runs until SIGINT or SIGTERM. With --config FILE it also reads its options from a
+// settings file (the packaged service reads /etc/saffra/saffra.conf).
 #include <signal.h>
 
 #include <chrono>
@@ -15,6 +16,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/commands.h"
+#include "cli/config_file.h"
 #include "saffra/base/environment_helper.h"
 #include "saffra/platform/system_info.h"
 #include "server/service.h"
@@ -32,6 +34,7 @@ struct ServeOptions {
   double idleTimeoutMinutes = 30;
   std::int64_t keepDays = 0;
   std::int64_t keepVersions = 0;
+  std::string configFile;
 };
 
 int runServe(const ServeOptions& options) {
@@ -129,7 +132,21 @@ void addServeCommand(CLI::App& app, int& exitCode) {
                    "a kept session used always stay); 0 keeps all")
       ->capture_default_str()
       ->check(CLI::Range(std::int64_t{0}, std::int64_t{1000000}));
-  serve->callback([options, &exitCode] { exitCode = runServe(*options); });
+  serve
+      ->add_option("--config", options->configFile,
+                   "A settings file of \"name = value\" lines named after these long options "
+                   "(port = 7600); options on the command line override it")
+      ->configurable(false);
+  serve->callback([options, serve, &exitCode] {
+    if (!options->configFile.empty()) {
+      if (auto error = applyConfigFile(*serve, options->configFile)) {
+        std::cerr << "saffra serve: " << *error << "\n";
+        exitCode = 2;
+        return;
+      }
+    }
+    exitCode = runServe(*options);
+  });
 }
 
 }  // namespace saffra::cli

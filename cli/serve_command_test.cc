@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <regex>
 #include <string>
@@ -24,16 +25,17 @@ using saffra::testing::ChildProcess;
 
 const std::string kCommand = std::string(SAFFRA_BINARY_DIR) + "/saffra";
 
-// Keys from --api-key and from the environment are both accepted, others refused; SIGTERM
-// stops the service cleanly with its data saved. Without any key, or with settings out of range,
-// it refuses to start.
+// Keys from the settings file and from the environment are both accepted, others refused; the
+// command line overrides the file; SIGTERM stops the service cleanly with its data saved.
+// Without any key, or with settings out of range or a bad settings file, it refuses to start.
 TEST(ServeCommandTest, ServesWithItsKeysAndRefusesToRunWithoutOne) {
   const fs::path data =
       fs::temp_directory_path() / ("saffra-serve-test-" + saffra::newUUIDString());
   fs::create_directories(data);
+  const fs::path settings = data / "saffra.conf";
+  std::ofstream(settings) << "# test\nport = 1\ndata = " << data.string() << "\napi-key = k1\n";
   {
-    ChildProcess serve(kCommand,
-                       {"serve", "--port", "0", "--data", data.string(), "--api-key", "k1"},
+    ChildProcess serve(kCommand, {"serve", "--config", settings.string(), "--port", "0"},
                        {"QUORVANT_API_KEY=k2"});
     std::smatch m;
     std::string line = serve.readLine();
@@ -65,6 +67,12 @@ TEST(ServeCommandTest, ServesWithItsKeysAndRefusesToRunWithoutOne) {
     EXPECT_EQ(refused.wait(), 2) << option << " " << value << ": " << output;
     EXPECT_NE(output.find(option), std::string::npos) << output;
   }
+  std::ofstream(settings, std::ios::app) << "keep-days = -3\n";
+  ChildProcess misconfigured(kCommand, {"serve", "--config", settings.string()}, {});
+  const std::string output = misconfigured.readAll();
+  EXPECT_EQ(misconfigured.wait(), 2) << output;
+  EXPECT_NE(output.find(settings.string() + ":5: bad value for \"keep-days\""), std::string::npos)
+      << output;
   fs::remove_all(data);
 }
 
