@@ -172,9 +172,18 @@ TEST(BaselineMigration, AFirstReleaseDataFolderIsUpgraded) {
 // Retention removes old sessions, versions beyond the limit and the images nothing refers to;
 // the current version, versions a kept session used, and their images stay, and a rollback to
 // a removed version is refused as gone.
-TEST(Retention, RemovesWhatNothingNeedsAndKeepsEveryBaselineWhole) {
+class Retention : public ::testing::TestWithParam<std::string> {};
+INSTANTIATE_TEST_SUITE_P(Engines, Retention, ::testing::Values("sqlite", "postgres"),
+                         [](const auto& info) { return info.param; });
+
+TEST_P(Retention, RemovesWhatNothingNeedsAndKeepsEveryBaselineWhole) {
   TempFolder folder;
-  std::unique_ptr<Store> opened = openStore(folder.path().string());
+  std::unique_ptr<Store> opened;
+  try {
+    opened = openStore(storeAddress(GetParam(), folder));
+  } catch (const std::exception& e) {
+    GTEST_FAIL() << e.what();
+  }
   Store& store = *opened;
   const std::int64_t start = static_cast<std::int64_t>(std::time(nullptr));
   std::vector<std::string> images;

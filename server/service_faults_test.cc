@@ -186,5 +186,32 @@ TEST(ServiceOptionsTest, StartRefusesUnusableSettings) {
   EXPECT_THROW(Service(samePort).start(), ServiceError);
 }
 
+// While the database is down every request gets 503 with a JSON error; once it is back the
+// service reconnects by itself, and what it stored before is all there.
+TEST(ServiceOnPostgres, AnswersUnavailableWhileTheDatabaseIsDownThenRecovers) {
+  saffra::testing::PostgresServer* server = nullptr;
+  try {
+    server = &saffra::testing::PostgresServer::shared();
+  } catch (const std::exception& e) {
+    GTEST_FAIL() << e.what();
+  }
+  TempFolder folder;
+  Harness harness(folder.path(), 100u << 20, server->createDatabase());
+  SessionSpec test;
+  ASSERT_EQ(harness.runTest(test, {kPlain}, true)["status"], "Passed");
+  server->stop();
+  for (int i = 0; i < 3; ++i) {
+    Reply down = harness.start(test);
+    EXPECT_EQ(down.status, 503) << down.raw;
+    EXPECT_TRUE(down.body.contains("error")) << down.raw;
+  }
+  server->start();
+  Reply up = harness.start(test);
+  ASSERT_EQ(up.status, 200) << up.raw;  // a known test
+  const std::string id = up.body["id"];
+  EXPECT_EQ(harness.match(id, matchBody(kPlain, "step 1")).body["asExpected"], true);
+  EXPECT_EQ(harness.stop(id, false, false).body["status"], "Passed");
+}
+
 }  // namespace
 }  // namespace saffra::server::testing

@@ -407,4 +407,27 @@ TEST(ServiceConcurrency, StepsSentAtOnceToOneSessionGetTheirOwnPlaces) {
 }
 
 }  // namespace
+// Two services on one PostgreSQL database act as one: a session started on A is checked and
+// stopped through B, its results are read on A, and the baseline B saved is what A's next
+// session is compared with.
+TEST(ServicesOnOneDatabase, ShareSessionsAndBaselines) {
+  std::string database;
+  try {
+    database = saffra::testing::PostgresServer::shared().createDatabase();
+  } catch (const std::exception& e) {
+    GTEST_FAIL() << e.what();
+  }
+  TempFolder folderA, folderB;
+  Harness a(folderA.path(), 100u << 20, database);
+  Harness b(folderB.path(), 100u << 20, database);
+  SessionSpec test;
+  const std::string id = a.start(test).body["id"];
+  EXPECT_EQ(b.match(id, matchBody(kPlain, "step 1")).status, 200);
+  EXPECT_EQ(b.stop(id, false, true).body["status"], "Passed");
+  Reply results = a.send("GET", "/api/sessions/" + id + "?apiKey=" + kApiKey);
+  ASSERT_EQ(results.status, 200) << results.raw;
+  EXPECT_EQ(a.runTest(test, {kPlain}, false)["status"], "Passed");
+  EXPECT_EQ(b.runTest(test, {kMarked}, false)["status"], "Unresolved");
+}
+
 }  // namespace saffra::server::testing

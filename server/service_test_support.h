@@ -18,6 +18,7 @@
 #include "saffra/platform/uuid.h"
 #include "server/match_settings.h"
 #include "server/service.h"
+#include "testing/postgres_server.h"
 
 namespace saffra::server::testing {
 
@@ -178,12 +179,22 @@ class TempFolder {
   std::filesystem::path path_;
 };
 
+/// Where a store of `engine` ("sqlite" or "postgres") lives for one test: the folder, or a new
+/// database of the test binary's PostgreSQL server. Throws when PostgreSQL cannot start.
+inline std::string storeAddress(const std::string& engine, const TempFolder& folder) {
+  return engine == "sqlite" ? folder.path().string()
+                            : saffra::testing::PostgresServer::shared().createDatabase();
+}
+
 /// A running service and a client that speaks its protocol.
 class Harness {
  public:
-  explicit Harness(const std::filesystem::path& folder, std::size_t maxBodyBytes = 100u << 20) {
+  /// A service on the data folder, or on the PostgreSQL `database` when one is given.
+  explicit Harness(const std::filesystem::path& folder, std::size_t maxBodyBytes = 100u << 20,
+                   const std::string& database = "") {
     ServiceOptions options;
     options.dataFolder = folder;
+    options.database = database;
     options.apiKeys = {kApiKey, "second-key"};
     options.maxBodyBytes = maxBodyBytes;
     service_ = std::make_unique<Service>(options);

@@ -1,8 +1,8 @@
 // The store on both engines (SQLite in a data folder, PostgreSQL in a database of a server the
 // test binary starts): images, sessions and their steps, baselines and their versions, decisions
-// and their undo, retention, and two stores racing on one place. Then what only one engine has:
-// image files never trusted when not whole, and the PostgreSQL schema's refusals and start-up
-// errors.
+// and their undo, and two stores racing on one place (retention is in baselines_test.cc). Then what
+// only one engine has: image files never trusted when not whole, and the PostgreSQL schema's
+// refusals and start-up errors.
 #include "server/store.h"
 
 #include <gtest/gtest.h>
@@ -93,14 +93,10 @@ using saffra::testing::PostgresServer;
 class StoreEngine : public ::testing::TestWithParam<std::string> {
  protected:
   void SetUp() override {
-    if (GetParam() == "sqlite") {
-      address_ = folder_.path().string();
-    } else {
-      try {
-        address_ = PostgresServer::shared().createDatabase();
-      } catch (const std::exception& e) {
-        GTEST_FAIL() << e.what();
-      }
+    try {
+      address_ = storeAddress(GetParam(), folder_);
+    } catch (const std::exception& e) {
+      GTEST_FAIL() << e.what();
     }
     store_ = openStore(address_);
   }
@@ -354,45 +350,6 @@ TEST_P(StoreEngine, DecisionsAreUndoneWhole) {
   EXPECT_TRUE(store.baselineStepByTag(now.id, now.version, "home", 0)->alternatives.empty());
 }
 
-// Retention removes old stopped sessions, versions nothing needs, and images nothing refers
-// to; what is referred to stays.
-TEST_P(StoreEngine, RetentionRemovesOnlyWhatNothingNeeds) {
-  Store& store = *store_;
-  const std::string kept = store.putImage(std::vector<std::uint8_t>{1});
-  const std::string loose = store.putImage(std::vector<std::uint8_t>{2});
-  const std::string stepImage = store.putImage(std::vector<std::uint8_t>{3});
-  store.insertSession(newSession("old", "key"), {"batch-1", {}, {}, {}, false});
-  StepRecord step;
-  step.currentImage = stepImage;
-  step.matchLevel = "Strict";
-  store.insertStep("old", step);
-  const std::vector<BaselineStep> saved = {{0, "home", kept, {}}};
-  store.finishSession("old", outcomeOf("Passed"), &saved);
-  const BaselineRef v1 = *store.findBaseline("key");
-  store.rollBack(v1.id, 1);
-  store.rollBack(v1.id, 1);
-  store.insertSession(newSession("running", "key"), {"batch-1", {}, {}, {}, false});
-
-  const std::int64_t later = static_cast<std::int64_t>(std::time(nullptr)) + 100;
-  auto sweep = [&](std::int64_t before) {
-    std::int64_t removed = 0;
-    for (const std::string& id : {kept, loose, stepImage}) {
-      removed += store.removeUnusedImages(id.substr(0, 2), before);
-    }
-    return removed;
-  };
-  EXPECT_EQ(sweep(0), 0);  // all used recently
-  EXPECT_EQ(store.removeSessions(2000, 10), 1);
-  EXPECT_EQ(store.session("old"), std::nullopt);
-  EXPECT_TRUE(store.session("running"));
-  EXPECT_EQ(store.removeVersions(later, 0), 2);
-  EXPECT_EQ(store.baselineHistory(v1.id)->versions.size(), 1u);
-  EXPECT_EQ(sweep(later), 2);
-  EXPECT_EQ(store.readImage(kept), std::vector<std::uint8_t>{1});
-  EXPECT_EQ(store.readImage(loose), std::nullopt);
-  EXPECT_EQ(store.removeUnusedImages("zz", later), 0);
-}
-
 // Two stores on one place (two instances of the service) finishing sessions of one baseline at
 // once: exactly one saves, every other is refused as stale, and no version is written half.
 TEST_P(StoreEngine, RacingStoresSaveOneBaselineOnce) {
@@ -482,32 +439,6 @@ TEST(PostgresStore, RefusesForeignAndNewerDatabasesAndBadAddresses) {
   }
   EXPECT_EQ(openStore(server->tcpAddress(database, PostgresServer::password()))->schemaVersion(),
             5);
-}
-
-// The database restarting mid-run: the operation that meets the dropped connection is told the
-// store is unavailable, the next connects anew, and nothing committed is lost.
-TEST(PostgresStore, ReconnectsAfterTheDatabaseRestarts) {
-  PostgresServer* server = nullptr;
-  try {
-    server = &PostgresServer::shared();
-  } catch (const std::exception& e) {
-    GTEST_FAIL() << e.what();
-  }
-  std::unique_ptr<Store> store = openStore(server->createDatabase());
-  store->insertSession(newSession("s", "key"), {"batch-1", {}, {}, {}, false});
-  server->restart();
-  int unavailable = 0;
-  std::optional<SessionRecord> read;
-  for (int attempt = 0; attempt < 3 && !read; ++attempt) {
-    try {
-      read = store->session("s");
-    } catch (const StoreUnavailable&) {
-      ++unavailable;
-    }
-  }
-  ASSERT_TRUE(read);
-  EXPECT_LE(unavailable, 1);
-  EXPECT_EQ(read->testName, "test s");
 }
 
 }  // namespace

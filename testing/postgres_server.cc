@@ -98,10 +98,7 @@ PostgresServer::PostgresServer() : bin_(findBinFolder()) {
                    (folder_ / "password").string(),
                "initdb.log");
     port_ = freeLoopbackPort();
-    runProgram("pg_ctl -D " + (folder_ / "data").string() + " -l " +
-                   (folder_ / "server.log").string() + " -w -t 60 -o \"" + serverOptions() +
-                   "\" start",
-               "pg_ctl.log");
+    start();
   } catch (...) {
     fs::remove_all(folder_);
     throw;
@@ -134,11 +131,15 @@ void PostgresServer::runProgram(const std::string& arguments, const std::string&
   }
 }
 
-void PostgresServer::restart() {
+void PostgresServer::stop() {
+  runProgram("pg_ctl -D " + (folder_ / "data").string() + " -m fast -w stop", "stop.log");
+}
+
+void PostgresServer::start() {
   runProgram("pg_ctl -D " + (folder_ / "data").string() + " -l " +
-                 (folder_ / "server.log").string() + " -w -t 60 -m fast -o \"" + serverOptions() +
-                 "\" restart",
-             "restart.log");
+                 (folder_ / "server.log").string() + " -w -t 60 -o \"" + serverOptions() +
+                 "\" start",
+             "pg_ctl.log");
 }
 
 std::string PostgresServer::createDatabase() {

@@ -28,8 +28,9 @@ class PostgresServer {
   int port() const { return port_; }
   /// Runs `sql` in the database of `address`, for tests that set a database up by hand.
   static void run(const std::string& address, const std::string& sql);
-  /// Restarts the server (its connections are dropped) and waits until it accepts new ones.
-  void restart();
+  /// Stops the server (its connections are dropped), and starts it again on the same port.
+  void stop();
+  void start();
 
  private:
   PostgresServer();
