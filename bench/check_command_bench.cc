@@ -186,8 +186,10 @@ struct Setup {
   Setup() {
     fs::create_directories(folder / "shots");
     fs::create_directories(folder / "few");
-    service = std::make_unique<server::Service>(
-        server::ServiceOptions{.dataFolder = folder / "data", .apiKeys = {"key"}});
+    server::ServiceOptions options;
+    options.dataFolder = folder / "data";
+    options.apiKeys = {"key"};
+    service = std::make_unique<server::Service>(options);
     service->start();
     auto screenshot = Image::fromPNGFile(kScreenshot);
     for (int i = 0; i < kFiles; ++i) {
