@@ -18,6 +18,7 @@
 #include "saffra/base/environment_helper.h"
 #include "saffra/platform/system_info.h"
 #include "server/service.h"
+#include "server/webhook_sender.h"
 
 namespace saffra::cli {
 
@@ -31,7 +32,40 @@ struct ServeOptions {
   double idleTimeoutMinutes = 30;
   std::int64_t keepDays = 0;
   std::int64_t keepVersions = 0;
+  std::vector<std::string> webhooks;
+  std::vector<std::string> webhookSecrets;
 };
+
+/// Pairs the webhook addresses with their secrets: one secret (from --webhook-secret or
+/// SAFFRA_WEBHOOK_SECRET) signs for every address, or one secret per address in the same
+/// order. Returns the usage error, if any.
+std::string pairWebhooks(const ServeOptions& options, std::vector<server::Webhook>& webhooks) {
+  std::vector<std::string> secrets = options.webhookSecrets;
+  if (secrets.empty()) {
+    OptString secret = EnvironmentHelper::environmentVariableForKey("SAFFRA_WEBHOOK_SECRET");
+    if (secret && !secret->empty()) secrets.push_back(*secret);
+  }
+  if (options.webhooks.empty()) {
+    return options.webhookSecrets.empty() ? "" : "--webhook-secret is given without --webhook";
+  }
+  if (secrets.empty()) {
+    return "a webhook needs a secret; pass --webhook-secret SECRET or set SAFFRA_WEBHOOK_SECRET";
+  }
+  if (secrets.size() != 1 && secrets.size() != options.webhooks.size()) {
+    return "give one --webhook-secret for all webhooks or one per --webhook, in the same order (" +
+           std::to_string(options.webhooks.size()) + " webhooks, " +
+           std::to_string(secrets.size()) + " secrets)";
+  }
+  for (std::size_t i = 0; i < options.webhooks.size(); ++i) {
+    webhooks.push_back({options.webhooks[i], secrets.size() == 1 ? secrets[0] : secrets[i]});
+  }
+  try {
+    server::WebhookSender::validate(webhooks);
+  } catch (const server::ServiceError& e) {
+    return e.what();
+  }
+  return "";
+}
 
 int runServe(const ServeOptions& options) {
   server::ServiceOptions service;
@@ -47,6 +81,10 @@ int runServe(const ServeOptions& options) {
   if (environmentKey && !environmentKey->empty()) service.apiKeys.push_back(*environmentKey);
   if (service.apiKeys.empty()) {
     std::cerr << "saffra serve: no API key; pass --api-key KEY or set QUORVANT_API_KEY\n";
+    return 2;
+  }
+  if (std::string error = pairWebhooks(options, service.webhooks); !error.empty()) {
+    std::cerr << "saffra serve: " << error << "\n";
     return 2;
   }
 
@@ -105,6 +143,13 @@ void addServeCommand(CLI::App& app, int& exitCode) {
                    "a kept session used always stay); 0 keeps all")
       ->capture_default_str()
       ->check(CLI::Range(std::int64_t{0}, std::int64_t{1000000}));
+  serve->add_option("--webhook", options->webhooks,
+                    "POST a signed JSON event to this http(s) address when a session or batch "
+                    "ends and when a reviewer decides (repeatable)");
+  serve->add_option("--webhook-secret", options->webhookSecrets,
+                    "The HMAC-SHA256 key of the webhooks' X-Saffra-Signature: once for all "
+                    "webhooks, or once per --webhook in the same order; SAFFRA_WEBHOOK_SECRET "
+                    "gives the one for all");
   serve->callback([options, &exitCode] { exitCode = runServe(*options); });
 }
 
