@@ -189,8 +189,9 @@ TEST(WebhooksTest, AnIdleAbortIsAnEvent) {
             "");
 }
 
-// A failed attempt is tried again after each retry delay (two here), with the same delivery id
-// and body, and then dropped with one log line: never more attempts than that.
+// A failed attempt (an error status, a redirect, a dropped, refused or stalled connection) is
+// tried again after each retry delay (two here), with the same delivery id and body, and then
+// dropped with one log line: never more attempts than that. HTTPS receivers work as well.
 TEST(WebhooksTest, FailedDeliveriesAreRetriedAFewTimesThenDropped) {
   int closedPort = 0;
   {
@@ -202,6 +203,8 @@ TEST(WebhooksTest, FailedDeliveriesAreRetriedAFewTimesThenDropped) {
     std::vector<ReceiverReply> replies;  // empty: nothing listens
     std::size_t attempts;
     const char* dropped;  // the reason the log line gives, or null when delivered
+    TestServer::Scheme scheme = TestServer::Scheme::Http;
+    std::chrono::milliseconds timeout = 60s;
   };
   const std::vector<Case> cases = {
       {"fails twice, then succeeds",
@@ -216,11 +219,18 @@ TEST(WebhooksTest, FailedDeliveriesAreRetriedAFewTimesThenDropped) {
        "after 3 attempts: status 302"},
       {"drops the connection", {ReceiverReply::drop()}, 3, "after 3 attempts"},
       {"refuses the connection", {}, 0, "after 3 attempts"},
+      {"never answers",
+       {ReceiverReply::hang()},
+       3,
+       "after 3 attempts",
+       TestServer::Scheme::Http,
+       200ms},
+      {"answers over HTTPS", {ReceiverReply::json(200, "")}, 1, nullptr, TestServer::Scheme::Https},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
     LogCapture log;
-    TestServer receiver;
+    TestServer receiver(c.scheme);
     receiver.route("POST", "/hook", c.replies);
     ServiceOptions options;
     options.webhooks = {{c.replies.empty()
@@ -228,6 +238,7 @@ TEST(WebhooksTest, FailedDeliveriesAreRetriedAFewTimesThenDropped) {
                              : receiver.url("/hook"),
                          "s"}};
     options.webhookDelivery = quickDelivery();
+    options.webhookDelivery.timeout = c.timeout;
     TempFolder folder;
     Harness harness(folder.path(), options);
     harness.runTest(SessionSpec{}, {kPlain}, false);
