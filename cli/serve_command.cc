@@ -62,7 +62,7 @@ std::string pairWebhooks(const ServeOptions& options, std::vector<server::Webhoo
   try {
     server::WebhookSender::validate(webhooks);
   } catch (const server::ServiceError& e) {
-    return e.what();
+    return std::string("--webhook: ") + e.what();
   }
   return "";
 }

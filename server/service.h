@@ -81,6 +81,9 @@ struct Webhook {
 struct WebhookDelivery {
   /// Deliveries waiting to be sent or retried; when full, the oldest is dropped.
   std::size_t queueLimit = 1000;
+  /// Deliveries sent at once (at least one); more wait in the queue. A receiver that hangs
+  /// holds one of these until its time-out, so a few cannot hold up the others.
+  std::size_t maxInFlight = 8;
   /// A failed attempt (refused, timed out, not 2xx) is retried after each of these delays in
   /// turn; once they are used up the delivery is dropped.
   std::vector<std::chrono::milliseconds> retryDelays = {

@@ -69,6 +69,7 @@ struct WebhookSender::Impl {
 
   const std::vector<Webhook> webhooks;
   const WebhookDelivery settings;
+  const std::size_t maxInFlight = std::max<std::size_t>(settings.maxInFlight, 1);
 
   std::mutex mutex;
   std::condition_variable changed;
@@ -108,8 +109,7 @@ struct WebhookSender::Impl {
       std::vector<std::pair<std::uint64_t, Delivery>> ready;
       std::optional<Clock::time_point> next;
       for (auto it = waiting.begin(); it != waiting.end();) {
-        if (inFlight + ready.size() < WebhookSender::kMaxInFlight &&
-            (stopping || it->second.due <= now)) {
+        if (inFlight + ready.size() < maxInFlight && (stopping || it->second.due <= now)) {
           ready.emplace_back(it->first, std::move(it->second));
           it = waiting.erase(it);
         } else {
@@ -124,7 +124,7 @@ struct WebhookSender::Impl {
         lock.lock();
         continue;
       }
-      if (next && inFlight < WebhookSender::kMaxInFlight) {
+      if (next && inFlight < maxInFlight) {
         changed.wait_until(lock, *next);
       } else {
         changed.wait(lock);

@@ -12,7 +12,6 @@
 // by the event's own fields.
 #pragma once
 
-#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -27,10 +26,6 @@ namespace saffra::server {
 /// no thread.
 class WebhookSender {
  public:
-  /// Deliveries sent at once; more wait in the queue. A receiver that hangs holds one of these
-  /// until its time-out, so a few hanging receivers cannot hold up the others.
-  static constexpr std::size_t kMaxInFlight = 8;
-
   WebhookSender(std::vector<Webhook> webhooks, WebhookDelivery delivery);
   /// Stops as stop() does.
   ~WebhookSender();

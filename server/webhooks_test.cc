@@ -57,13 +57,12 @@ TEST(WebhookSenderTest, SignsWithHmacSha256OfTheBody) {
 }
 
 // Two webhooks with secrets of their own hear of every session and batch that ends and every
-// decision, each POST signed over its exact body with its webhook's secret; stopping a session
-// or closing a batch twice tells them once.
+// decision, each POST signed over its exact body with its webhook's secret and carrying its own
+// delivery id; stopping a session or closing a batch twice tells them once.
 TEST(WebhooksTest, EventsTellWhatEndedOrWasDecidedAndAreSigned) {
   TestServer receiver;
   receiver.route("POST", "/*", ReceiverReply::json(204, ""));
-  const std::map<std::string, std::string> secrets = {{"/a", "first secret"},
-                                                      {"/b", "second secret"}};
+  const std::map<std::string, std::string> secrets = {{"/a", "one"}, {"/b", "two"}};
   ServiceOptions options;
   for (const auto& [path, secret] : secrets)
     options.webhooks.push_back({receiver.url(path), secret});
@@ -71,100 +70,79 @@ TEST(WebhooksTest, EventsTellWhatEndedOrWasDecidedAndAreSigned) {
   TempFolder folder;
   Harness harness(folder.path(), options);
   const std::string key = std::string("?apiKey=") + kApiKey;
-  const std::string base = "http://127.0.0.1:" + std::to_string(harness.port());
-
   SessionSpec spec;
   const std::string saved = harness.runTest(spec, {kPlain}, true)["id"];
   const std::string changed = harness.runTest(spec, {kMarked}, false)["id"];
   const std::string aborted = harness.start(spec).body["id"];
-  harness.stop(aborted, true, false);
-  harness.stop(aborted, true, false);
-  harness.closeBatch(spec.batchId);
-  harness.closeBatch(spec.batchId);
-  const std::string review = "/api/sessions/" + changed + "/steps/1/";
-  ASSERT_EQ(harness.send("POST", review + "accept" + key).status, 200);
-  ASSERT_EQ(harness.send("POST", "/api/undo" + key).status, 200);
-  ASSERT_EQ(harness.send("POST", "/api/batches/" + spec.batchId + "/accept" + key).status, 200);
-  ASSERT_EQ(harness.send("POST", review + "reject" + key).status, 200);
+  for (int twice = 0; twice < 2; ++twice) {
+    harness.stop(aborted, true, false);
+    harness.closeBatch(spec.batchId);
+  }
+  for (const std::string review : {"/steps/1/accept", "/undo", "/batch", "/steps/1/reject"}) {
+    const std::string target = review == "/undo"    ? "/api/undo"
+                               : review == "/batch" ? "/api/batches/" + spec.batchId + "/accept"
+                                                    : "/api/sessions/" + changed + review;
+    ASSERT_EQ(harness.send("POST", target + key).status, 200) << review;
+  }
 
-  // Each event is found by what it is about; the table holds the fields it must carry.
-  const auto session = [&](const std::string& id, const char* status, const char* endedBy,
-                           bool isNew, int steps, int matches, int mismatches) {
-    return Json{{"/session/id", id},
-                {"/session/test", spec.name},
-                {"/session/app", spec.app},
-                {"/session/branch", "default"},
-                {"/session/batchId", spec.batchId},
-                {"/session/status", status},
-                {"/session/endedBy", endedBy},
-                {"/session/isAborted", std::string(endedBy) == "client-abort"},
-                {"/session/isNew", isNew},
-                {"/session/steps", steps},
-                {"/session/matches", matches},
-                {"/session/mismatches", mismatches},
-                {"/session/url", base + "/app/sessions/" + id}};
-  };
-  const auto decision = [&](const char* action, const char* scope, const char* status) {
-    return Json{{"/decision/action", action},
-                {"/decision/scope", scope},
-                {"/decision/reviewer", "api"},
-                {"/sessions/0/id", changed},
-                {"/sessions/0/status", status},
-                {"/sessions/0/test", spec.name},
-                {"/sessions/0/batchId", spec.batchId},
-                {"/sessions/1", nullptr},
-                {"/sessions/0/url", base + "/app/sessions/" + changed}};
-  };
-  const std::map<std::string, Json> expected = {
-      {"session.ended " + saved, session(saved, "Passed", "client", true, 1, 0, 0)},
-      {"session.ended " + changed, session(changed, "Unresolved", "client", false, 1, 0, 1)},
-      {"session.ended " + aborted, session(aborted, "Failed", "client-abort", false, 0, 0, 0)},
+  // Each event is found by what it is about; the table holds fields it must carry.
+  const std::map<std::string, std::string> expected = {
+      {"session.ended " + saved,
+       R"({"/session/status": "Passed", "/session/endedBy": "client", "/session/isNew": true,
+           "/session/savedAsBaseline": true, "/session/steps": 1, "/session/matches": 0})"},
+      {"session.ended " + changed,
+       R"({"/session/status": "Unresolved", "/session/isNew": false, "/session/steps": 1,
+           "/session/mismatches": 1, "/session/isAborted": false})"},
+      {"session.ended " + aborted,
+       R"({"/session/status": "Failed", "/session/endedBy": "client-abort",
+           "/session/isAborted": true, "/session/steps": 0})"},
       {"batch.closed",
-       {{"/batch/id", spec.batchId},
-        {"/batch/name", spec.batchName},
-        {"/batch/tests", 3},
-        {"/batch/passed", 1},
-        {"/batch/unresolved", 1},
-        {"/batch/failed", 1},
-        {"/batch/running", 0},
-        {"/batch/url", base + "/app/batches/" + spec.batchId}}},
-      {"review.decided accept step", decision("accept", "step", "Passed")},
-      {"review.decided undo step", decision("undo", "step", "Unresolved")},
-      {"review.decided accept batch", decision("accept", "batch", "Passed")},
-      {"review.decided reject step", decision("reject", "step", "Failed")}};
-
+       R"({"/batch/id": "BATCH-1", "/batch/name": "nightly", "/batch/tests": 3, "/batch/passed": 1,
+           "/batch/unresolved": 1, "/batch/failed": 1, "/batch/running": 0})"},
+      {"review.decided accept step",
+       R"({"/decision/step": 1, "/decision/reviewer": "api", "/sessions/0/status": "Passed"})"},
+      {"review.decided undo step", R"({"/sessions/0/status": "Unresolved"})"},
+      {"review.decided accept batch",
+       R"({"/decision/batchId": "BATCH-1", "/sessions/0/status": "Passed", "/sessions/1": null})"},
+      {"review.decided reject step", R"({"/sessions/0/status": "Failed"})"}};
   const std::size_t total = expected.size() * secrets.size();
   ASSERT_TRUE(receiver.waitForRequests(total)) << receiver.requests().size();
   harness.service().stop();  // anything still queued would arrive by now
   const std::vector<RecordedRequest> requests = receiver.requests();
   ASSERT_EQ(requests.size(), total);
 
-  std::map<std::string, std::set<std::string>> seen;  // event key -> receiving paths
+  const std::string pages = "http://127.0.0.1:" + std::to_string(harness.port()) + "/app/";
+  std::map<std::string, std::set<std::string>> seen;  // event -> the paths it reached
   std::set<std::string> deliveryIds;
   for (const RecordedRequest& r : requests) {
-    const Json body = json::parse(r.body).value_or(Json());
+    Json body = json::parse(r.body).value_or(Json::object());
     const std::string event = body.value("event", "");
-    std::string about = event == "session.ended"    ? " " + body["session"].value("id", "")
-                        : event == "review.decided" ? " " + body["decision"].value("action", "") +
-                                                          " " + body["decision"].value("scope", "")
-                                                    : "";
-    const std::string eventKey = event + about;
-    SCOPED_TRACE(r.path + " " + eventKey);
-    seen[eventKey].insert(r.path);
+    const Json decision = body.value("decision", Json::object());
+    const Json session =
+        event == "review.decided" ? body["sessions"][0] : body.value("session", Json::object());
+    const std::string about = event == "session.ended"    ? " " + session.value("id", "")
+                              : event == "review.decided" ? " " + decision.value("action", "") +
+                                                                " " + decision.value("scope", "")
+                                                          : "";
+    SCOPED_TRACE(r.path + " " + event + about);
+    seen[event + about].insert(r.path);
+    deliveryIds.insert(body.value("deliveryId", ""));
     EXPECT_EQ(r.header("X-Saffra-Event"), event);
     EXPECT_EQ(r.header("X-Saffra-Delivery"), body.value("deliveryId", "?"));
-    EXPECT_EQ(r.header("Content-Type"), "application/json");
     EXPECT_EQ(r.header("X-Saffra-Signature"), WebhookSender::signature(secrets.at(r.path), r.body));
-    deliveryIds.insert(body.value("deliveryId", ""));
-    auto wanted = expected.find(eventKey);
-    ASSERT_NE(wanted, expected.end());
-    EXPECT_EQ(differences(body, wanted->second.dump()), "");
-    EXPECT_TRUE(body["occurredAt"].is_string());
+    ASSERT_TRUE(expected.count(event + about));
+    EXPECT_EQ(differences(body, expected.at(event + about)), "");
+    if (event == "batch.closed") {
+      EXPECT_EQ(body["batch"]["url"], pages + "batches/BATCH-1");
+      continue;
+    }
+    EXPECT_EQ(session["url"], pages + "sessions/" + session.value("id", "?"));
+    EXPECT_EQ(differences(session, R"({"/test": "month view", "/app": "Calendar",
+                                       "/batchId": "BATCH-1"})"),
+              "");
   }
   EXPECT_EQ(deliveryIds.size(), total);
-  for (const auto& [eventKey, fields] : expected) {
-    EXPECT_EQ(seen[eventKey].size(), secrets.size()) << eventKey;
-  }
+  for (const auto& [about, fields] : expected) EXPECT_EQ(seen[about].size(), 2u) << about;
 }
 
 // A session that its client left is aborted by the idle time-out, and the webhook hears that.
@@ -173,23 +151,17 @@ TEST(WebhooksTest, AnIdleAbortIsAnEvent) {
   receiver.route("POST", "/hook", ReceiverReply::json(200, "{}"));
   ServiceOptions options;
   options.webhooks = {{receiver.url("/hook"), "s"}};
-  options.webhookDelivery = quickDelivery();
   options.idleSessionTimeout = 1ms;  // counted in whole seconds: aborted a second or two later
   TempFolder folder;
   Harness harness(folder.path(), options);
-  const std::string id = harness.start(SessionSpec{}).body["id"];
+  harness.start(SessionSpec{});
   ASSERT_TRUE(receiver.waitForRequests(1));
-  const Json body = json::parse(receiver.requests()[0].body).value_or(Json());
-  EXPECT_EQ(differences(body, Json{{"/event", "session.ended"},
-                                   {"/session/id", id},
-                                   {"/session/status", "Failed"},
-                                   {"/session/endedBy", "idle"},
-                                   {"/session/isAborted", true}}
-                                  .dump()),
+  EXPECT_EQ(differences(json::parse(receiver.requests()[0].body).value_or(Json()),
+                        R"({"/session/status": "Failed", "/session/endedBy": "idle"})"),
             "");
 }
 
-// A failed attempt (an error status, a redirect, a dropped, refused or stalled connection) is
+// A failed attempt (an error status, a refused or stalled connection) is
 // tried again after each retry delay (two here), with the same delivery id and body, and then
 // dropped with one log line: never more attempts than that. HTTPS receivers work as well.
 TEST(WebhooksTest, FailedDeliveriesAreRetriedAFewTimesThenDropped) {
@@ -213,11 +185,6 @@ TEST(WebhooksTest, FailedDeliveriesAreRetriedAFewTimesThenDropped) {
        3,
        nullptr},
       {"always fails", {ReceiverReply::json(503, "{}")}, 3, "after 3 attempts: status 503"},
-      {"a redirect is a failure",
-       {ReceiverReply::json(302, "{}")},
-       3,
-       "after 3 attempts: status 302"},
-      {"drops the connection", {ReceiverReply::drop()}, 3, "after 3 attempts"},
       {"refuses the connection", {}, 0, "after 3 attempts"},
       {"never answers",
        {ReceiverReply::hang()},
@@ -264,7 +231,8 @@ TEST(WebhooksTest, FailedDeliveriesAreRetriedAFewTimesThenDropped) {
 }
 
 // A receiver that never answers holds up neither a check, nor a stop, nor a review, nor the
-// service's own stop: they all return while the receiver still holds the first delivery.
+// service's own stop: they all return while the receiver still holds the first delivery. With
+// that one in flight and a queue of one, the next delivery waits and the third pushes it out.
 TEST(WebhooksTest, AHangingReceiverHoldsNothingUp) {
   LogCapture log;
   TestServer receiver;
@@ -272,6 +240,8 @@ TEST(WebhooksTest, AHangingReceiverHoldsNothingUp) {
   ServiceOptions options;
   options.webhooks = {{receiver.url("/hook"), "s"}};
   options.webhookDelivery = quickDelivery(50ms);
+  options.webhookDelivery.maxInFlight = 1;
+  options.webhookDelivery.queueLimit = 1;
   TempFolder folder;
   Harness harness(folder.path(), options);
   SessionSpec spec;
@@ -281,49 +251,16 @@ TEST(WebhooksTest, AHangingReceiverHoldsNothingUp) {
   const std::string id = harness.start(spec).body["id"];
   EXPECT_EQ(harness.match(id, matchBody(kMarked, "step 1")).body["asExpected"], false);
   EXPECT_EQ(harness.stop(id, false, false).body["status"], "Unresolved");
+  EXPECT_EQ(linesWith(log, "dropped"), 0u);
   EXPECT_EQ(
       harness.send("POST", "/api/sessions/" + id + "/accept?apiKey=" + std::string(kApiKey)).status,
       200);
+  EXPECT_EQ(linesWith(log, "session.ended"), 1u);  // the second session's end was pushed out
+  EXPECT_EQ(linesWith(log, "dropped: the queue is full (1 waiting)"), 1u);
   harness.service().stop();
   receiver.releaseHangs();  // only now
-
-  const std::vector<std::string> lines =
-      waitForLogLine(log, "not delivered when the service stopped");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].find("webhooks: 3 deliveries"), std::string::npos) << lines[0];
-}
-
-// The queue is bounded: with every sender slot held by a hanging receiver, a delivery beyond
-// the queue's limit pushes out the oldest waiting one, with one log line.
-TEST(WebhookSenderTest, AFullQueueDropsItsOldestDelivery) {
-  LogCapture log;
-  TestServer receiver;
-  receiver.route("POST", "/hook", ReceiverReply::hang());
-  WebhookDelivery delivery = quickDelivery(50ms);
-  delivery.queueLimit = 2;
-  WebhookSender sender({{receiver.url("/hook"), "s"}}, delivery);
-  for (std::size_t n = 0; n < WebhookSender::kMaxInFlight; ++n) {
-    sender.send("test", {{"n", n}});
-    ASSERT_TRUE(receiver.waitForRequests(n + 1));  // in flight, so not in the queue
-  }
-  for (int n = 0; n < 3; ++n) sender.send("test", {{"n", 100 + n}});
-  EXPECT_EQ(linesWith(log, "dropped: the queue is full (2 waiting)"), 1u);
-  sender.stop();
-  receiver.releaseHangs();
-  EXPECT_EQ(receiver.requests().size(), WebhookSender::kMaxInFlight);
-  EXPECT_EQ(linesWith(log, "webhooks: 10 deliveries not delivered"), 1u);
-}
-
-// Webhooks without an http(s) address or a secret keep the service from starting.
-TEST(WebhookSenderTest, RefusesWebhooksItCannotSendOrSign) {
-  for (const Webhook& w : std::vector<Webhook>{{"ftp://127.0.0.1/x", "s"},
-                                               {"127.0.0.1:8080/hook", "s"},
-                                               {"http:///path", "s"},
-                                               {"http://127.0.0.1/a b", "s"},
-                                               {"http://127.0.0.1/hook", ""}}) {
-    EXPECT_THROW(WebhookSender::validate({w}), ServiceError) << w.url;
-  }
-  EXPECT_NO_THROW(WebhookSender::validate({{"HTTPS://[::1]:8443/x?token=1", "s"}}));
+  EXPECT_EQ(receiver.requests().size(), 1u);
+  EXPECT_EQ(linesWith(log, "webhooks: 2 deliveries not delivered when the service stopped"), 1u);
 }
 
 }  // namespace
