@@ -20,6 +20,7 @@
 #include "saffra/base/environment_helper.h"
 #include "saffra/platform/system_info.h"
 #include "server/service.h"
+#include "server/webhook_sender.h"
 
 namespace saffra::cli {
 
@@ -35,7 +36,40 @@ struct ServeOptions {
   std::int64_t keepDays = 0;
   std::int64_t keepVersions = 0;
   std::string configFile;
+  std::vector<std::string> webhooks;
+  std::vector<std::string> webhookSecrets;
 };
+
+/// Pairs the webhook addresses with their secrets: one secret (from --webhook-secret or
+/// SAFFRA_WEBHOOK_SECRET) signs for every address, or one secret per address in the same
+/// order. Returns the usage error, if any.
+std::string pairWebhooks(const ServeOptions& options, std::vector<server::Webhook>& webhooks) {
+  std::vector<std::string> secrets = options.webhookSecrets;
+  if (secrets.empty()) {
+    OptString secret = EnvironmentHelper::environmentVariableForKey("SAFFRA_WEBHOOK_SECRET");
+    if (secret && !secret->empty()) secrets.push_back(*secret);
+  }
+  if (options.webhooks.empty()) {
+    return options.webhookSecrets.empty() ? "" : "--webhook-secret is given without --webhook";
+  }
+  if (secrets.empty()) {
+    return "a webhook needs a secret; pass --webhook-secret SECRET or set SAFFRA_WEBHOOK_SECRET";
+  }
+  if (secrets.size() != 1 && secrets.size() != options.webhooks.size()) {
+    return "give one --webhook-secret for all webhooks or one per --webhook, in the same order (" +
+           std::to_string(options.webhooks.size()) + " webhooks, " +
+           std::to_string(secrets.size()) + " secrets)";
+  }
+  for (std::size_t i = 0; i < options.webhooks.size(); ++i) {
+    webhooks.push_back({options.webhooks[i], secrets.size() == 1 ? secrets[0] : secrets[i]});
+  }
+  try {
+    server::WebhookSender::validate(webhooks);
+  } catch (const server::ServiceError& e) {
+    return std::string("--webhook: ") + e.what();
+  }
+  return "";
+}
 
 int runServe(const ServeOptions& options) {
   server::ServiceOptions service;
@@ -53,6 +87,10 @@ int runServe(const ServeOptions& options) {
   service.keepVersions = options.keepVersions;
   OptString environmentKey = EnvironmentHelper::environmentVariableForKey("QUORVANT_API_KEY");
   if (environmentKey && !environmentKey->empty()) service.apiKeys.push_back(*environmentKey);
+  if (std::string error = pairWebhooks(options, service.webhooks); !error.empty()) {
+    std::cerr << "saffra serve: " << error << "\n";
+    return 2;
+  }
 
   // Block the stop signals before the service starts its threads, so that they inherit the
   // mask and only sigwait() below receives them.
@@ -132,6 +170,13 @@ void addServeCommand(CLI::App& app, int& exitCode) {
                    "a kept session used always stay); 0 keeps all")
       ->capture_default_str()
       ->check(CLI::Range(std::int64_t{0}, std::int64_t{1000000}));
+  serve->add_option("--webhook", options->webhooks,
+                    "POST a signed JSON event to this http(s) address when a session or batch "
+                    "ends and when a reviewer decides (repeatable)");
+  serve->add_option("--webhook-secret", options->webhookSecrets,
+                    "The HMAC-SHA256 key of the webhooks' X-Saffra-Signature: once for all "
+                    "webhooks, or once per --webhook in the same order; SAFFRA_WEBHOOK_SECRET "
+                    "gives the one for all");
   serve
       ->add_option("--config", options->configFile,
                    "A settings file of \"name = value\" lines named after these long options "

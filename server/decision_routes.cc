@@ -200,8 +200,9 @@ void DecisionRoutes::acceptBatch(const Request& req, Response& res, const std::s
     return;
   }
   std::int64_t decision = 0;
+  const std::string reviewer = access.reviewerOf(req);
   try {
-    decision = store->decide(access.reviewerOf(req), "batch", plan.decisions, confirmed);
+    decision = store->decide(reviewer, "batch", plan.decisions, confirmed);
   } catch (const StaleSessionsError& e) {
     if (!replyWithJson && accepts(req, "text/html")) {
       std::optional<Logins::Login> login = access.loginOf(req);
@@ -226,6 +227,14 @@ void DecisionRoutes::acceptBatch(const Request& req, Response& res, const std::s
   }
   Logger::logWithFormat("batch %@ accepted: %li steps in %li tests", id, plan.steps,
                         static_cast<std::int64_t>(plan.tests.size()));
+  if (events.enabled()) {
+    std::vector<SessionRecord> decided;
+    for (std::size_t i = 0; i < plan.tests.size(); ++i) {
+      decided.push_back(plan.tests[i].first);
+      decided.back().outcome = plan.decisions[i].outcome;
+    }
+    events.decided(req, decision, "accept", "batch", reviewer, std::nullopt, id, decided);
+  }
   if (!replyWithJson) {
     redirect(res, batchPath(id));
     return;
@@ -292,6 +301,14 @@ void DecisionRoutes::undo(const Request& req, Response& res, const std::string& 
   }
   Logger::logWithFormat("decision %li undone (%@ of %li tests)", undone->id, undone->scope,
                         static_cast<std::int64_t>(undone->sessions.size()));
+  if (events.enabled()) {
+    std::vector<SessionRecord> restored;
+    for (const std::string& sessionId : undone->sessions) {
+      if (std::optional<SessionRecord> s = store->session(sessionId)) restored.push_back(*s);
+    }
+    events.decided(req, undone->id, "undo", undone->scope, reviewer, std::nullopt, std::nullopt,
+                   restored);
+  }
   if (!replyWithJson) {
     redirect(res, next);
     return;

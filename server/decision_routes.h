@@ -14,6 +14,7 @@
 #include "server/session_locks.h"
 #include "server/store.h"
 #include "server/web_pages.h"
+#include "server/webhook_events.h"
 
 namespace saffra::server {
 
@@ -21,8 +22,8 @@ namespace saffra::server {
 /// sessions it changes, so no review of one of them runs meanwhile.
 class DecisionRoutes {
  public:
-  DecisionRoutes(Store* store, RequestAccess& access, SessionLocks& locks)
-      : store(store), access(access), locks(locks) {}
+  DecisionRoutes(Store* store, RequestAccess& access, SessionLocks& locks, WebhookEvents& events)
+      : store(store), access(access), locks(locks), events(events) {}
 
   // GET /app/batches/{id}?accept=1: what a batch-wide accept would do, and its button.
   void batchAcceptPage(const http::Request& req, http::Response& res);
@@ -65,6 +66,7 @@ class DecisionRoutes {
   Store* store;
   RequestAccess& access;
   SessionLocks& locks;
+  WebhookEvents& events;
 };
 
 }  // namespace saffra::server

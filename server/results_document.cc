@@ -5,6 +5,7 @@
 #include <set>
 
 #include "server/match_settings.h"
+#include "server/web_access.h"
 
 namespace saffra::server {
 
@@ -18,6 +19,10 @@ std::string sessionPath(const SessionRecord& session) {
 
 std::string Links::sessionPage(const SessionRecord& session) const {
   return base_ + "/app" + sessionPath(session);
+}
+
+std::string Links::batchPage(const std::string& batchId) const {
+  return base_ + "/app/batches/" + percentEncode(batchId);
 }
 
 std::string Links::sessionApi(const SessionRecord& session) const {

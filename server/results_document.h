@@ -24,6 +24,8 @@ class Links {
 
   /// The HTML results page.
   std::string sessionPage(const SessionRecord& session) const;
+  /// The page of a batch's tests.
+  std::string batchPage(const std::string& batchId) const;
   /// The session under the API: the results page, or the document for JSON clients.
   std::string sessionApi(const SessionRecord& session) const;
   /// One step's place on the results page; steps count from 1.

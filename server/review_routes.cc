@@ -170,9 +170,9 @@ void ReviewRoutes::reviewSession(const Request& req, Response& res, const std::s
   Outcome outcome = stopped;
   outcome.status = reviewedStatus(outcome, steps, reviews);
   std::int64_t decision = 0;
+  const std::string reviewer = access.reviewerOf(req);
   try {
-    decision = store->decide(access.reviewerOf(req), all ? "test" : "step",
-                             {{id, changes, outcome}}, confirmed);
+    decision = store->decide(reviewer, all ? "test" : "step", {{id, changes, outcome}}, confirmed);
   } catch (const StaleBaselineError& e) {
     const std::string message = std::string(e.what()) + "; accepting would replace it";
     if (!replyWithJson && accepts(req, "text/html")) {
@@ -189,6 +189,13 @@ void ReviewRoutes::reviewSession(const Request& req, Response& res, const std::s
     return;
   }
   Logger::logWithFormat("session %@ reviewed: %@", id, outcome.status);
+  if (events.enabled()) {
+    SessionRecord decided = *session;
+    decided.outcome = outcome;
+    events.decided(req, decision, action, all ? "test" : "step", reviewer,
+                   all ? std::nullopt : std::optional<std::int64_t>(number), std::nullopt,
+                   {decided});
+  }
 
   if (!replyWithJson) {
     redirect(res, "/app/sessions/" + id + (all ? "" : "#step-" + std::to_string(number)));

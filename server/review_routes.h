@@ -12,14 +12,15 @@
 #include "server/request_access.h"
 #include "server/session_locks.h"
 #include "server/store.h"
+#include "server/webhook_events.h"
 
 namespace saffra::server {
 
 /// The handlers that change baselines: reviews and rollbacks, and the baselines' history.
 class ReviewRoutes {
  public:
-  ReviewRoutes(Store* store, RequestAccess& access, SessionLocks& locks)
-      : store(store), access(access), locks(locks) {}
+  ReviewRoutes(Store* store, RequestAccess& access, SessionLocks& locks, WebhookEvents& events)
+      : store(store), access(access), locks(locks), events(events) {}
 
   // POST /app/sessions/{id}/steps/{n}/{accept|alternative|reject} and
   // POST /app/sessions/{id}/accept, from the pages.
@@ -62,6 +63,7 @@ class ReviewRoutes {
   Store* store;
   RequestAccess& access;
   SessionLocks& locks;
+  WebhookEvents& events;
 };
 
 }  // namespace saffra::server

@@ -19,6 +19,8 @@
 #include "server/store.h"
 #include "server/upload_pipeline.h"
 #include "server/web_routes.h"
+#include "server/webhook_events.h"
+#include "server/webhook_sender.h"
 
 namespace saffra::server {
 
@@ -54,6 +56,9 @@ struct Service::Impl {
   std::unique_ptr<WebRoutes> web;
   std::unique_ptr<ReviewRoutes> reviews;
   std::unique_ptr<DecisionRoutes> decisions;
+  /// Tells the webhooks about sessions and batches that end and decisions of reviewers.
+  std::unique_ptr<WebhookSender> webhooks;
+  std::unique_ptr<WebhookEvents> events;
   HttpServer http{serverOptions(options)};
   /// When this run of the service started (seconds since the epoch).
   std::atomic<std::int64_t> startedAt{0};
@@ -69,11 +74,13 @@ struct Service::Impl {
   void makeHandlers() {
     access = std::make_unique<RequestAccess>(options, *store);
     uploads = std::make_unique<UploadPipeline>(options, store.get());
-    sessions = std::make_unique<SessionApi>(options, store.get(), *access, locks, *uploads,
+    webhooks = std::make_unique<WebhookSender>(options.webhooks, options.webhookDelivery);
+    events = std::make_unique<WebhookEvents>(*webhooks, store.get(), options.host, boundPort);
+    sessions = std::make_unique<SessionApi>(options, store.get(), *access, locks, *uploads, *events,
                                             boundPort, startedAt);
     web = std::make_unique<WebRoutes>(options, store.get(), *access, boundPort);
-    reviews = std::make_unique<ReviewRoutes>(store.get(), *access, locks);
-    decisions = std::make_unique<DecisionRoutes>(store.get(), *access, locks);
+    reviews = std::make_unique<ReviewRoutes>(store.get(), *access, locks, *events);
+    decisions = std::make_unique<DecisionRoutes>(store.get(), *access, locks, *events);
   }
 
   /// Runs a handler, turning refusals and failures into JSON error replies.
@@ -190,6 +197,7 @@ void Service::start() {
     throw ServiceError("the database address must start with postgresql://",
                        ServiceError::Reason::BadAddress);
   }
+  WebhookSender::validate(i.options.webhooks);
   try {
     i.store =
         openStore(i.options.database.empty() ? i.options.dataFolder.string() : i.options.database);
@@ -239,6 +247,8 @@ void Service::stop() {
   i.retention.reset();
   i.idleSessions.reset();
   i.http.stop();
+  // After the last request: what the requests caused is queued, and gets a short while.
+  i.webhooks->stop();
   i.started = false;
   i.stopped = true;
 }

@@ -45,6 +45,10 @@
 // A rejected step fails the test; once every changed, new or missing step is accepted the test
 // passes. A review replies 303 to the test page, or JSON with the new statuses when the client
 // accepts application/json.
+//
+// Webhooks (ServiceOptions::webhooks) hear of sessions and batches that end and of reviewers'
+// decisions: see server/webhook_events.h for the events and server/webhook_sender.h for the
+// headers, the signature and the retries.
 #pragma once
 
 #include <chrono>
@@ -58,7 +62,8 @@
 
 namespace saffra::server {
 
-/// The service could not start (no API key, data folder unusable, address in use).
+/// The service could not start (no API key, data folder unusable, address in use, a webhook
+/// without an http(s) address or a secret).
 class ServiceError : public std::runtime_error {
  public:
   /// Why: `BadAddress` for a database address that cannot be one, `Unreachable` for a
@@ -71,6 +76,32 @@ class ServiceError : public std::runtime_error {
 
  private:
   Reason reason_;
+};
+
+/// A receiver of the service's events: every event is POSTed to `url` (http:// or https://) as
+/// JSON, signed with an HMAC-SHA256 of the body keyed with `secret`.
+struct Webhook {
+  std::string url;
+  std::string secret;
+};
+
+/// How events reach the webhooks: a background sender with a bounded queue, so that no request
+/// of a client or reviewer waits for a receiver.
+struct WebhookDelivery {
+  /// Deliveries waiting to be sent or retried; when full, the oldest is dropped.
+  std::size_t queueLimit = 1000;
+  /// Deliveries sent at once (at least one); more wait in the queue. A receiver that hangs
+  /// holds one of these until its time-out, so a few cannot hold up the others.
+  std::size_t maxInFlight = 8;
+  /// A failed attempt (refused, timed out, not 2xx) is retried after each of these delays in
+  /// turn; once they are used up the delivery is dropped.
+  std::vector<std::chrono::milliseconds> retryDelays = {
+      std::chrono::seconds(1), std::chrono::seconds(2), std::chrono::seconds(4),
+      std::chrono::seconds(8)};
+  /// An attempt fails when connecting or the reply stalls this long.
+  std::chrono::milliseconds timeout = std::chrono::seconds(10);
+  /// Stopping the service waits this long at most for deliveries still queued or in flight.
+  std::chrono::milliseconds stopGrace = std::chrono::seconds(3);
 };
 
 /// How the service runs.
@@ -106,6 +137,9 @@ struct ServiceOptions {
   std::chrono::milliseconds retentionInterval = std::chrono::hours(1);
   /// Image files written or used this recently are never removed by retention.
   std::chrono::seconds imageGrace = std::chrono::hours(1);
+  /// Where the events go (a session or batch ended, a reviewer decided); none by default.
+  std::vector<Webhook> webhooks;
+  WebhookDelivery webhookDelivery;
 };
 
 /// Time the service spent handling requests of one kind, measured inside its handler (from

@@ -201,6 +201,14 @@ class Harness {
     service_->start();
   }
 
+  /// A service with these options over `folder`, accepting the same keys.
+  Harness(const std::filesystem::path& folder, ServiceOptions options) {
+    options.dataFolder = folder;
+    options.apiKeys = {kApiKey, "second-key"};
+    service_ = std::make_unique<Service>(options);
+    service_->start();
+  }
+
   /// A harness for a service that runs elsewhere (another process) on `port`.
   explicit Harness(int port) : port_(port) {}
 

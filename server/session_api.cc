@@ -259,9 +259,12 @@ void SessionApi::abortIdleSessions() {
     std::lock_guard lock(locks.lockFor(id));
     std::optional<SessionRecord> session = store->session(id);
     if (!session || session->outcome || session->lastActiveAt >= cutoff) continue;
-    finish(*session, true, false);
+    session->outcome = finish(*session, true, false);
     Logger::logWithFormat("session %@ aborted: no request for %li s", id,
                           static_cast<std::int64_t>(idle.count()));
+    if (events.enabled()) {
+      events.sessionEnded(*session, documentFor(*store, *session, events.linksFor(nullptr)), true);
+    }
   }
 }
 
@@ -275,19 +278,26 @@ void SessionApi::stopSession(const Request& req, Response& res) {
   std::lock_guard lock(locks.lockFor(id));
   std::optional<SessionRecord> session = store->session(id);
   if (!session) throw RequestError(404, "unknown session");
-  if (!session->outcome) {  // a repeated stop answers with the results of the first
+  // A repeated stop answers with the results of the first, and tells no webhook again.
+  const bool ending = !session->outcome;
+  if (ending) {
     session->outcome = finish(*session, aborted, save);
     Logger::logWithFormat("session %@ stopped: %@%@", id, session->outcome->status,
                           session->outcome->savedAsBaseline ? ", saved as baseline" : "");
   }
-  replyJson(res, 200, documentFor(*store, *session, linksFor(req, options.host, boundPort.load())));
+  Json document = documentFor(*store, *session, linksFor(req, options.host, boundPort.load()));
+  if (ending) events.sessionEnded(*session, document, false);
+  replyJson(res, 200, document);
 }
 
 // DELETE /api/sessions/batches/{id}/close/bypointerid
 void SessionApi::closeBatch(const Request& req, Response& res) {
   access.requireApiKey(req);
   std::string id = req.matches[1];
+  // Closing a closed batch again tells no webhook again.
+  const std::optional<BatchRecord> before = store->batch(id);
   if (!store->closeBatch(id)) throw RequestError(404, "unknown batch");
+  if (before && !before->isClosed) events.batchClosed(req, *before);
   replyJson(res, 200, Json{{"id", id}, {"isClosed", true}});
 }
 

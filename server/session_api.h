@@ -13,6 +13,7 @@
 #include "server/session_locks.h"
 #include "server/store.h"
 #include "server/upload_pipeline.h"
+#include "server/webhook_events.h"
 
 namespace saffra::server {
 
@@ -21,13 +22,14 @@ class SessionApi {
  public:
   /// `boundPort` and `startedAt` are the service's, set when it starts.
   SessionApi(const ServiceOptions& options, Store* store, RequestAccess& access,
-             SessionLocks& locks, UploadPipeline& uploads, const std::atomic<int>& boundPort,
-             const std::atomic<std::int64_t>& startedAt)
+             SessionLocks& locks, UploadPipeline& uploads, WebhookEvents& events,
+             const std::atomic<int>& boundPort, const std::atomic<std::int64_t>& startedAt)
       : options(options),
         store(store),
         access(access),
         locks(locks),
         uploads(uploads),
+        events(events),
         boundPort(boundPort),
         startedAt(startedAt) {}
 
@@ -84,6 +86,7 @@ class SessionApi {
   RequestAccess& access;
   SessionLocks& locks;
   UploadPipeline& uploads;
+  WebhookEvents& events;
   const std::atomic<int>& boundPort;
   /// When this run of the service started (seconds since the epoch).
   const std::atomic<std::int64_t>& startedAt;
