@@ -223,7 +223,8 @@ TEST(ServeCommandTest, RefusesDatabasesItCannotUseWithOneSentence) {
 }
 
 // Two services on one database act as one: a session started on A is found, checked and
-// stopped through B, and its results read on A.
+// stopped through B, and its results read on A; a browser logged in on A is known on B; and a
+// session B answered for outlives B killed with SIGKILL.
 TEST(ServeCommandTest, TwoServicesOnOneDatabaseServeTheSameSessions) {
   saffra::testing::PostgresServer* server = nullptr;
   try {
@@ -259,7 +260,32 @@ TEST(ServeCommandTest, TwoServicesOnOneDatabaseServeTheSameSessions) {
   auto read = clients[0]->Get("/api/sessions/" + id + "?apiKey=k");
   ASSERT_TRUE(read);
   EXPECT_EQ(read->status, 200) << read->body;
-  for (auto& service : services) EXPECT_EQ(service->stop(SIGTERM), 0);
+
+  // A browser logged in on A is known on B.
+  auto login = clients[0]->Post("/app/login", {{"Sec-Fetch-Site", "same-origin"}},
+                                "apiKey=k&next=/app/batches", "application/x-www-form-urlencoded");
+  ASSERT_TRUE(login);
+  ASSERT_EQ(login->status, 303) << login->body;
+  const std::string cookie = login->get_header_value("Set-Cookie");
+  auto page =
+      clients[1]->Get("/app/sessions/" + id,
+                      {{"Cookie", cookie.substr(0, cookie.find(';'))}, {"Accept", "text/html"}});
+  ASSERT_TRUE(page);
+  EXPECT_EQ(page->status, 200);
+
+  // B killed outright after answering a start: the session it answered for is there for A.
+  auto second = clients[1]->Post(
+      "/api/sessions/running?apiKey=k",
+      R"({"startInfo": {"appIdOrName": "a", "scenarioIdOrName": "u", "batchInfo": {"id": "b1"}}})",
+      "application/json");
+  ASSERT_TRUE(second);
+  ASSERT_EQ(second->status, 201) << second->body;
+  services[1]->stop(SIGKILL);
+  const std::string secondId = saffra::json::parse(second->body).value()["id"];
+  auto after = clients[0]->Delete("/api/sessions/running/" + secondId + "?apiKey=k");
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->status, 200) << after->body;
+  EXPECT_EQ(services[0]->stop(SIGTERM), 0);
 }
 
 }  // namespace
