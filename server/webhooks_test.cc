@@ -70,17 +70,17 @@ TEST(WebhooksTest, EventsTellWhatEndedOrWasDecidedAndAreSigned) {
   TempFolder folder;
   Harness harness(folder.path(), options);
   const std::string key = std::string("?apiKey=") + kApiKey;
-  SessionSpec spec;
-  const std::string saved = harness.runTest(spec, {kPlain}, true)["id"];
-  const std::string changed = harness.runTest(spec, {kMarked}, false)["id"];
-  const std::string aborted = harness.start(spec).body["id"];
+  SessionSpec test;
+  const std::string saved = harness.runTest(test, {kPlain}, true)["id"];
+  const std::string changed = harness.runTest(test, {kMarked}, false)["id"];
+  const std::string aborted = harness.start(test).body["id"];
   for (int twice = 0; twice < 2; ++twice) {
     harness.stop(aborted, true, false);
-    harness.closeBatch(spec.batchId);
+    harness.closeBatch(test.batchId);
   }
   for (const std::string review : {"/steps/1/accept", "/undo", "/batch", "/steps/1/reject"}) {
     const std::string target = review == "/undo"    ? "/api/undo"
-                               : review == "/batch" ? "/api/batches/" + spec.batchId + "/accept"
+                               : review == "/batch" ? "/api/batches/" + test.batchId + "/accept"
                                                     : "/api/sessions/" + changed + review;
     ASSERT_EQ(harness.send("POST", target + key).status, 200) << review;
   }
@@ -244,11 +244,11 @@ TEST(WebhooksTest, AHangingReceiverHoldsNothingUp) {
   options.webhookDelivery.queueLimit = 1;
   TempFolder folder;
   Harness harness(folder.path(), options);
-  SessionSpec spec;
-  harness.runTest(spec, {kPlain}, true);
+  SessionSpec test;
+  harness.runTest(test, {kPlain}, true);
   ASSERT_TRUE(receiver.waitForRequests(1));  // the first delivery now hangs
 
-  const std::string id = harness.start(spec).body["id"];
+  const std::string id = harness.start(test).body["id"];
   EXPECT_EQ(harness.match(id, matchBody(kMarked, "step 1")).body["asExpected"], false);
   EXPECT_EQ(harness.stop(id, false, false).body["status"], "Unresolved");
   EXPECT_EQ(linesWith(log, "dropped"), 0u);
