@@ -37,19 +37,9 @@ int runMigrate(const MigrateOptions& options) {
     std::cerr << "saffra migrate: cannot open " << options.from << ": " << e.what() << "\n";
     return 3;
   }
+  // The copy can be run again: whatever stopped it, what was copied stays and is not copied twice.
   try {
     to = server::openStore(options.to);
-  } catch (const server::StoreAddressError& e) {
-    std::cerr << "saffra migrate: " << e.what() << "\n";
-    return 2;
-  } catch (const server::StoreUnavailable& e) {
-    std::cerr << "saffra migrate: " << e.what() << "\n";
-    return 3;
-  } catch (const server::StoreError& e) {
-    std::cerr << "saffra migrate: " << e.what() << "\n";
-    return 1;
-  }
-  try {
     server::MigrationReport report =
         from->copyInto(*to, [](const std::string& line) { std::cout << line << std::endl; });
     const double seconds =
@@ -63,8 +53,12 @@ int runMigrate(const MigrateOptions& options) {
               << " of " << report.images << " images in " << seconds
               << " s; counts and image hashes verified\n";
     return 0;
+  } catch (const server::StoreAddressError& e) {
+    std::cerr << "saffra migrate: " << e.what() << "\n";
+    return 2;
   } catch (const server::StoreUnavailable& e) {
-    std::cerr << "saffra migrate: " << e.what() << "; run it again to complete the copy\n";
+    std::cerr << "saffra migrate: " << e.what() << (to ? "; run it again to complete the copy" : "")
+              << "\n";
     return 3;
   } catch (const server::StoreError& e) {
     std::cerr << "saffra migrate: " << e.what() << "\n";
