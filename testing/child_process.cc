@@ -1,5 +1,6 @@
 #include "testing/child_process.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -14,7 +15,7 @@ namespace saffra::testing {
 ChildProcess::ChildProcess(const std::string& program, std::vector<std::string> args,
                            std::vector<std::string> environment) {
   int fds[2];
-  if (pipe(fds) != 0) return;
+  if (pipe2(fds, O_CLOEXEC) != 0) return;  // kept out of other children
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, fds[1], 1);

@@ -1,11 +1,15 @@
 #include "testing/postgres_server.h"
 
+#include <fcntl.h>
 #include <libpq-fe.h>
 #include <netinet/in.h>
 #include <pwd.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -61,7 +65,7 @@ PostgresServer& PostgresServer::shared() {
   static std::string failure;
   static std::unique_ptr<PostgresServer> server = [] {
     try {
-      return std::unique_ptr<PostgresServer>(new PostgresServer());
+      return std::make_unique<PostgresServer>(Durability::Fast);
     } catch (const std::exception& e) {
       failure = e.what();
       return std::unique_ptr<PostgresServer>();
@@ -71,7 +75,8 @@ PostgresServer& PostgresServer::shared() {
   return *server;
 }
 
-PostgresServer::PostgresServer() : bin_(findBinFolder()) {
+PostgresServer::PostgresServer(Durability durability)
+    : bin_(findBinFolder()), durability_(durability) {
   if (bin_.empty()) {
     throw std::runtime_error(
         "PostgreSQL is not installed (no initdb under /usr/lib/postgresql/*/bin); run "
@@ -89,6 +94,7 @@ PostgresServer::PostgresServer() : bin_(findBinFolder()) {
     }
   }
   try {
+    startWatchdog();
     std::ofstream(folder_ / "password") << password() << "\n";
     fs::permissions(folder_ / "password",
                     fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
@@ -100,24 +106,68 @@ PostgresServer::PostgresServer() : bin_(findBinFolder()) {
     port_ = freeLoopbackPort();
     start();
   } catch (...) {
+    stopWatchdog();
     fs::remove_all(folder_);
     throw;
   }
 }
 
 PostgresServer::~PostgresServer() {
-  try {
-    runProgram("pg_ctl -D " + (folder_ / "data").string() + " -m immediate -w stop", "stop.log");
-  } catch (...) {
+  stopWatchdog();
+}
+
+void PostgresServer::stopWatchdog() {
+  if (watchdog_ < 0) return;
+  ::close(watchdogPipe_);
+  int status = 0;
+  while (::waitpid(watchdog_, &status, 0) < 0 && errno == EINTR) {
   }
-  std::error_code error;
-  fs::remove_all(folder_, error);
+  watchdog_ = -1;
+}
+
+void PostgresServer::startWatchdog() {
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("cannot make a pipe for PostgreSQL");
+  // The shell reads its standard input, the pipe, until every writer is gone; only this
+  // process holds the write end (close-on-exec keeps it out of every child).
+  std::string stop =
+      (bin_ / "pg_ctl").string() + " -D " + (folder_ / "data").string() + " -m immediate -w stop";
+  if (::geteuid() == 0) stop = "runuser -u postgres -- " + stop;
+  const std::string script =
+      "cat > /dev/null; " + stop + " > /dev/null 2>&1; rm -rf '" + folder_.string() + "'";
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[0], STDIN_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  // Nothing else of this process (its sockets, other children's pipes) stays open in it.
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+  // Its own process group, so that a signal to the test's group (a time-out) spares it.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
+  const char* argv[] = {"/bin/sh", "-c", script.c_str(), nullptr};
+  const int failed = ::posix_spawn(&watchdog_, "/bin/sh", &actions, &attributes,
+                                   const_cast<char* const*>(argv), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  ::close(fds[0]);
+  if (failed != 0) {
+    ::close(fds[1]);
+    watchdog_ = -1;
+    throw std::runtime_error("cannot start the process that stops PostgreSQL");
+  }
+  watchdogPipe_ = fds[1];
 }
 
 std::string PostgresServer::serverOptions() const {
-  return "-k " + folder_.string() + " -p " + std::to_string(port_) +
-         " -c listen_addresses=127.0.0.1 -c fsync=off -c full_page_writes=off "
-         "-c synchronous_commit=off -c max_connections=200";
+  std::string options = "-k " + folder_.string() + " -p " + std::to_string(port_) +
+                        " -c listen_addresses=127.0.0.1 -c max_connections=200";
+  if (durability_ == Durability::Fast) {
+    options += " -c fsync=off -c full_page_writes=off -c synchronous_commit=off";
+  }
+  return options;
 }
 
 void PostgresServer::runProgram(const std::string& arguments, const std::string& log) const {
