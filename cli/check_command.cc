@@ -469,10 +469,11 @@ int runCheck(const CheckOptions& options, RunRecord& record) {
     saffra.ensureRunningSession();
     auto session = saffra.runningSession();
     if (!session || !session->sessionId() || session->sessionId()->is_null()) {
-      return unavailable(
-          "could not start a session at " + server + ": " +
-          (session ? std::string("it refused (is the API key right?)") : failure("no answer")) +
-          ".");
+      return unavailable("could not start a session at " + server + ": " +
+                         (session ? std::string("it refused to start one (a wrong API key, or the "
+                                                "service could not serve: its log says which)")
+                                  : failure("no answer")) +
+                         ".");
     }
     const bool isNew = session->isNewSession();
     if (isNew) {

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <regex>
 #include <string>
 #include <tuple>
@@ -220,72 +219,6 @@ TEST(ServeCommandTest, RefusesDatabasesItCannotUseWithOneSentence) {
     EXPECT_NE(output.find(c.says), std::string::npos) << output;
     EXPECT_EQ(output.find("not-the-password"), std::string::npos) << output;
   }
-}
-
-// Two services on one database act as one: a session started on A is found, checked and
-// stopped through B, and its results read on A; a browser logged in on A is known on B; and a
-// session B answered for outlives B killed with SIGKILL.
-TEST(ServeCommandTest, TwoServicesOnOneDatabaseServeTheSameSessions) {
-  saffra::testing::PostgresServer* server = nullptr;
-  try {
-    server = &saffra::testing::PostgresServer::shared();
-  } catch (const std::exception& e) {
-    GTEST_FAIL() << e.what();
-  }
-  const std::string database = server->createDatabase();
-  std::vector<std::unique_ptr<ChildProcess>> services;
-  std::vector<std::unique_ptr<httplib::Client>> clients;
-  for (int i = 0; i < 2; ++i) {
-    services.push_back(std::make_unique<ChildProcess>(
-        kCommand,
-        std::vector<std::string>{"serve", "--port", "0", "--api-key", "k", "--database", database},
-        std::vector<std::string>{}));
-    std::smatch m;
-    std::string line = services.back()->readLine();
-    ASSERT_TRUE(std::regex_match(line, m, std::regex("listening on http://127\\.0\\.0\\.1:(\\d+)")))
-        << line;
-    clients.push_back(std::make_unique<httplib::Client>("127.0.0.1", std::stoi(m[1])));
-  }
-  auto started = clients[0]->Post(
-      "/api/sessions/running?apiKey=k",
-      R"({"startInfo": {"appIdOrName": "a", "scenarioIdOrName": "t", "batchInfo": {"id": "b1"}}})",
-      "application/json");
-  ASSERT_TRUE(started);
-  ASSERT_EQ(started->status, 201) << started->body;
-  const std::string id = saffra::json::parse(started->body).value()["id"];
-  auto stopped =
-      clients[1]->Delete("/api/sessions/running/" + id + "?apiKey=k&updateBaseline=true");
-  ASSERT_TRUE(stopped);
-  EXPECT_EQ(stopped->status, 200) << stopped->body;
-  auto read = clients[0]->Get("/api/sessions/" + id + "?apiKey=k");
-  ASSERT_TRUE(read);
-  EXPECT_EQ(read->status, 200) << read->body;
-
-  // A browser logged in on A is known on B.
-  auto login = clients[0]->Post("/app/login", {{"Sec-Fetch-Site", "same-origin"}},
-                                "apiKey=k&next=/app/batches", "application/x-www-form-urlencoded");
-  ASSERT_TRUE(login);
-  ASSERT_EQ(login->status, 303) << login->body;
-  const std::string cookie = login->get_header_value("Set-Cookie");
-  auto page =
-      clients[1]->Get("/app/sessions/" + id,
-                      {{"Cookie", cookie.substr(0, cookie.find(';'))}, {"Accept", "text/html"}});
-  ASSERT_TRUE(page);
-  EXPECT_EQ(page->status, 200);
-
-  // B killed outright after answering a start: the session it answered for is there for A.
-  auto second = clients[1]->Post(
-      "/api/sessions/running?apiKey=k",
-      R"({"startInfo": {"appIdOrName": "a", "scenarioIdOrName": "u", "batchInfo": {"id": "b1"}}})",
-      "application/json");
-  ASSERT_TRUE(second);
-  ASSERT_EQ(second->status, 201) << second->body;
-  services[1]->stop(SIGKILL);
-  const std::string secondId = saffra::json::parse(second->body).value()["id"];
-  auto after = clients[0]->Delete("/api/sessions/running/" + secondId + "?apiKey=k");
-  ASSERT_TRUE(after);
-  EXPECT_EQ(after->status, 200) << after->body;
-  EXPECT_EQ(services[0]->stop(SIGTERM), 0);
 }
 
 }  // namespace

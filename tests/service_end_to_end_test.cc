@@ -365,7 +365,7 @@ TEST_F(ServiceEndToEndTest, CheckCommandFailureExitCodes) {
   const std::string page = write("page.png", Page().image());
   Outcome wrongKey = check({"--api-key", "wrong", page});
   EXPECT_EQ(wrongKey.exitCode, 3) << wrongKey.output;
-  EXPECT_NE(wrongKey.output.find("it refused (is the API key right?)"), std::string::npos)
+  EXPECT_NE(wrongKey.output.find("it refused to start one (a wrong API key"), std::string::npos)
       << wrongKey.output;
 
   stopService();  // its port now refuses connections
