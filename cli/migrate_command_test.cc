@@ -1,19 +1,17 @@
-// `saffra migrate` as a team moving onto PostgreSQL runs it: a data folder that a run of
-// `saffra check` filled is copied into a database, copied again without duplicating anything,
-// and the same run then passes against services on that database, with the keys of the folder.
+// `saffra migrate` as a team moving onto PostgreSQL runs it: a data folder that the demo's first
+// run of `saffra check` filled is copied into a database, copied again without duplicating
+// anything, and the demo's next runs then pass, and find the changed icon, against services on
+// that database, with the keys of the folder.
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <filesystem>
-#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include "saffra/platform/image.h"
 #include "saffra/platform/uuid.h"
 #include "testing/child_process.h"
-#include "testing/png_files.h"
 #include "testing/postgres_server.h"
 
 namespace saffra {
@@ -36,19 +34,7 @@ Outcome run(std::vector<std::string> args, std::vector<std::string> environment 
   return {child.wait(), output};
 }
 
-std::shared_ptr<Image> stripes(int shift) {
-  auto image = std::make_shared<Image>(48, 32);
-  std::uint8_t* p = image->mutableData();
-  for (int j = 0; j < 32; ++j) {
-    for (int i = 0; i < 48; ++i, p += 4) {
-      const std::uint8_t v = ((i + shift) / 4) % 2 ? 30 : 220;
-      p[0] = v, p[1] = v, p[2] = 255 - v, p[3] = 255;
-    }
-  }
-  return image;
-}
-
-TEST(MigrateCommandTest, AFolderCopiedIntoPostgreSQLPassesTheSameRunThere) {
+TEST(MigrateCommandTest, TheDemosDataCopiedIntoPostgreSQLPassesItsNextRunsThere) {
   testing::PostgresServer* server = nullptr;
   try {
     server = &testing::PostgresServer::shared();
@@ -56,14 +42,14 @@ TEST(MigrateCommandTest, AFolderCopiedIntoPostgreSQLPassesTheSameRunThere) {
     GTEST_FAIL() << e.what();
   }
   const fs::path folder = fs::temp_directory_path() / ("saffra-migrate-" + newUUIDString());
-  fs::create_directories(folder / "shots");
-  for (int i = 0; i < 3; ++i) {
-    testing::writePNGFile(folder / "shots" / ("s" + std::to_string(i) + ".png"), *stripes(i));
-  }
-  auto check = [&](const std::string& url, const std::string& key) {
-    return run({"check", "--app", "Shop", "--test", "Cart", "--timeout", "20",
-                (folder / "shots").string()},
-               {"QUORVANT_API_KEY=" + key, "QUORVANT_SERVER_URL=" + url});
+  const fs::path images = fs::path(SAFFRA_SOURCE_DIR) / "examples" / "images";
+  // The demo's runs: its three help-page images, or the same with the icon recoloured.
+  auto check = [&](const std::string& url, const std::string& key, bool changedIcon = false) {
+    return run(
+        {"check", "--app", "Saffra demo", "--test", "Help pages", "--batch", "Demo", "--timeout",
+         "20", (images / "docs-header.png").string(), (images / "help-topics.png").string(),
+         (images / (changedIcon ? "changed/icon-tile.png" : "icon-tile.png")).string()},
+        {"QUORVANT_API_KEY=" + key, "QUORVANT_SERVER_URL=" + url});
   };
   Outcome added = run({"keys", "add", "ci", "--data", (folder / "data").string()});
   ASSERT_EQ(added.exitCode, 0) << added.output;
@@ -99,7 +85,9 @@ TEST(MigrateCommandTest, AFolderCopiedIntoPostgreSQLPassesTheSameRunThere) {
         << line;
     Outcome rerun = check(m[1], key);
     EXPECT_EQ(rerun.exitCode, 0) << rerun.output;
-    EXPECT_EQ(rerun.output.find("new test"), std::string::npos) << rerun.output;
+    EXPECT_EQ(rerun.output.find("NEW BASELINE"), std::string::npos) << rerun.output;
+    Outcome changed = check(m[1], key, true);
+    EXPECT_EQ(changed.exitCode, 1) << changed.output;
     EXPECT_EQ(serve.stop(SIGTERM), 0);
   }
 
@@ -113,8 +101,8 @@ TEST(MigrateCommandTest, AFolderCopiedIntoPostgreSQLPassesTheSameRunThere) {
   Outcome refused = run({"migrate", "--from", other.string(), "--to", database});
   EXPECT_EQ(refused.exitCode, 1) << refused.output;
   EXPECT_NE(refused.output.find("another store"), std::string::npos) << refused.output;
-  for (const auto& [from, to] : {std::pair{other.string(), std::string("mysql://x/y")},
-                                 {(folder / "shots").string(), database}}) {
+  for (const auto& [from, to] :
+       {std::pair{other.string(), std::string("mysql://x/y")}, {images.string(), database}}) {
     EXPECT_EQ(run({"migrate", "--from", from, "--to", to}).exitCode, 2) << from << " " << to;
   }
   fs::remove_all(folder);
