@@ -122,7 +122,8 @@ void SessionApi::matchWindow(const Request& req, Response& res) {
   std::optional<SessionRecord> session = store->session(id);
   if (!session) throw RequestError(404, "unknown session");
   if (session->outcome) throw RequestError(409, stoppedMessage(*session->outcome));
-  store->touchSession(id, now());
+  // Times are whole seconds: a second touch within one would write the same value.
+  if (session->lastActiveAt < now()) store->touchSession(id, now());
   uploads.checkDeclaredSize(png);
 
   StepRecord step;
@@ -206,13 +207,12 @@ void SessionApi::matchWindow(const Request& req, Response& res) {
   const bool record = outcome.matches ? !ignoreMatch : !ignoreMismatch;
   if (record) {
     step.currentImage = sameAsBaseline ? *sameImage : file.keep(*store);
+    std::optional<Json> changes;
     if (baselinePixels.image) {
       if (std::shared_ptr<Image> diff = diffImage(*baselinePixels.image, outcome)) {
         step.diffImage = store->putImage(diff->pngData());
       }
-      if (std::optional<Json> changes = changesOf(outcome)) {
-        store->putStepChanges(id, step.position, *changes);
-      }
+      changes = changesOf(outcome);
     }
     if (!settings.accessibility.empty()) {
       const std::shared_ptr<const Image> pixels =
@@ -222,12 +222,12 @@ void SessionApi::matchWindow(const Request& req, Response& res) {
         step.accessibilityLevel = verdict->level;
       }
     }
-    store->insertStep(id, step);
+    store->insertStep(id, step, changes ? &*changes : nullptr);
   }
   replyJson(res, 200, Json{{"asExpected", outcome.matches}});
 }
 
-Outcome SessionApi::finish(const SessionRecord& session, bool aborted, bool save) {
+std::optional<Outcome> SessionApi::finish(const SessionRecord& session, bool aborted, bool save) {
   std::vector<StepRecord> steps = store->steps(session.id);
   std::vector<BaselineStep> baseline;
   if (session.baselineId && session.baselineVersion) {
@@ -236,14 +236,17 @@ Outcome SessionApi::finish(const SessionRecord& session, bool aborted, bool save
   Outcome outcome = decideOutcome(steps, baseline, session.isNew, aborted, save, now());
   std::vector<BaselineStep> saved;
   if (outcome.savedAsBaseline) saved = baselineAfterSave(steps, baseline);
+  bool recorded = false;
   try {
-    store->finishSession(session.id, outcome, outcome.savedAsBaseline ? &saved : nullptr);
+    recorded =
+        store->finishSession(session.id, outcome, outcome.savedAsBaseline ? &saved : nullptr);
   } catch (const StaleBaselineError& e) {
     Logger::logWithFormat("session %@ not saved as the baseline: %@", session.id,
                           std::string(e.what()));
     outcome = decideOutcome(steps, baseline, session.isNew, aborted, false, now());
-    store->finishSession(session.id, outcome, nullptr);
+    recorded = store->finishSession(session.id, outcome, nullptr);
   }
+  if (!recorded) return std::nullopt;
   return outcome;
 }
 
@@ -260,6 +263,7 @@ void SessionApi::abortIdleSessions() {
     std::optional<SessionRecord> session = store->session(id);
     if (!session || session->outcome || session->lastActiveAt >= cutoff) continue;
     session->outcome = finish(*session, true, false);
+    if (!session->outcome) continue;  // stopped meanwhile through another service
     Logger::logWithFormat("session %@ aborted: no request for %li s", id,
                           static_cast<std::int64_t>(idle.count()));
     if (events.enabled()) {
@@ -279,9 +283,15 @@ void SessionApi::stopSession(const Request& req, Response& res) {
   std::optional<SessionRecord> session = store->session(id);
   if (!session) throw RequestError(404, "unknown session");
   // A repeated stop answers with the results of the first, and tells no webhook again.
-  const bool ending = !session->outcome;
+  bool ending = !session->outcome;
+  if (ending) session->outcome = finish(*session, aborted, save);
+  if (ending && !session->outcome) {
+    // Another service stopped it meanwhile (or aborted it as idle): its outcome stands.
+    session = store->session(id);
+    if (!session || !session->outcome) throw RequestError(404, "unknown session");
+    ending = false;
+  }
   if (ending) {
-    session->outcome = finish(*session, aborted, save);
     Logger::logWithFormat("session %@ stopped: %@%@", id, session->outcome->status,
                           session->outcome->savedAsBaseline ? ", saved as baseline" : "");
   }

@@ -57,8 +57,9 @@ class SessionApi {
  private:
   /// Judges and records the end of a running session (under its lock). A save that would undo
   /// what was accepted into the baseline since the session started is not made: the session is
-  /// then left for review.
-  Outcome finish(const SessionRecord& session, bool aborted, bool save);
+  /// then left for review. Nothing, recording nothing, when the session was stopped meanwhile
+  /// through another service sharing the store.
+  std::optional<Outcome> finish(const SessionRecord& session, bool aborted, bool save);
 
   static std::string stoppedMessage(const Outcome& outcome);
 

@@ -368,7 +368,12 @@ class Store {
   virtual std::int64_t stepCount(const std::string& sessionId) = 0;
   /// The session's recorded steps with this tag.
   virtual std::int64_t stepCountWithTag(const std::string& sessionId, const std::string& tag) = 0;
-  virtual void insertStep(const std::string& sessionId, const StepRecord& step) = 0;
+  /// Records a step and, when given, the changes found in it, in one transaction.
+  virtual void insertStep(const std::string& sessionId, const StepRecord& step,
+                          const Json* changes) = 0;
+  void insertStep(const std::string& sessionId, const StepRecord& step) {
+    insertStep(sessionId, step, nullptr);
+  }
   /// Notes a request of the session's client now.
   virtual void touchSession(const std::string& sessionId, std::int64_t at) = 0;
   /// Sessions still running whose client was last heard of before `before`.
@@ -407,10 +412,11 @@ class Store {
                                                          std::optional<std::int64_t> expected) = 0;
 
   /// Records the outcome and, when `newBaseline` is given, makes it a new version of the
-  /// baseline under the session's baseline key, all in one transaction. Throws
-  /// StaleBaselineError, recording nothing, when a baseline is given and the baseline moved
-  /// on since the session was compared with it.
-  virtual void finishSession(const std::string& sessionId, const Outcome& outcome,
+  /// baseline under the session's baseline key, all in one transaction. Returns false,
+  /// recording nothing, when the session already has an outcome (another service stopped it
+  /// first). Throws StaleBaselineError, recording nothing, when a baseline is given and the
+  /// baseline moved on since the session was compared with it.
+  virtual bool finishSession(const std::string& sessionId, const Outcome& outcome,
                              const std::vector<BaselineStep>* newBaseline) = 0;
 
   /// Removes up to `limit` stopped sessions that started before `before`, with their steps

@@ -42,9 +42,18 @@ class Link {
   virtual void give(Query* query) noexcept = 0;
   /// Runs statements without parameters. Throws StoreError.
   virtual void exec(const char* sql) = 0;
-  /// Starts a transaction that writes: one at a time for the whole database, whatever process
-  /// holds the connection, so that what it read stays true until it commits.
-  virtual void begin() = 0;
+  /// What a write transaction holds while it runs.
+  enum class Scope {
+    /// One transaction at a time for the whole database, whatever process holds the
+    /// connection, so that what it read (a baseline's current version) stays true until it
+    /// commits.
+    Database,
+    /// Only the rows it writes: for writes that read nothing they depend on, so that
+    /// transactions of other sessions commit beside it (and share a flush to disk).
+    Rows,
+  };
+  /// Starts a transaction that writes.
+  virtual void begin(Scope scope) = 0;
   virtual void commit() = 0;
   virtual void rollback() noexcept = 0;
   /// The rows the last statement changed.
@@ -121,10 +130,13 @@ inline void exec(Link& link, const char* sql) {
   link.exec(sql);
 }
 
-/// A transaction that writes, rolled back when the scope is left by an exception.
+/// A transaction that writes, rolled back when the scope is left by an exception (or without
+/// commit()).
 class Transaction {
  public:
-  explicit Transaction(Link& link) : link_(link) { link_.begin(); }
+  explicit Transaction(Link& link, Link::Scope scope = Link::Scope::Database) : link_(link) {
+    link_.begin(scope);
+  }
   ~Transaction() {
     if (!committed_) link_.rollback();
   }

@@ -74,7 +74,8 @@ std::vector<BatchRecord> SqlStore::batches() {
 void SqlStore::insertSession(const SessionRecord& session, const BatchRecord& batch) {
   requireWritable();
   Lease db = lease();
-  Transaction transaction(*db);
+  // Reads nothing: the batch row is merged by its key, and the session is new.
+  Transaction transaction(*db, storage::Link::Scope::Rows);
   {
     Statement s(*db,
                 "INSERT INTO batches(id, name, started_at, sequence_name) VALUES(?, ?, ?, ?) "
@@ -170,39 +171,62 @@ std::int64_t SqlStore::stepCountWithTag(const std::string& sessionId, const std:
   return s.integer(0);
 }
 
-void SqlStore::insertStep(const std::string& sessionId, const StepRecord& step) {
-  requireWritable();
-  Lease db = lease();
-  Statement s(*db,
-              "INSERT INTO steps(session_id, position, tag, current_image, baseline_image, "
-              "diff_image, as_expected, match_level, accessibility, settings, baseline_position, "
-              "matched_alternative) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-  s.bind(1, sessionId)
-      .bind(2, step.position)
-      .bind(3, step.tag)
-      .bind(4, step.currentImage)
-      .bind(5, step.baselineImage)
-      .bind(6, step.diffImage)
-      .bind(7, std::int64_t{step.asExpected})
-      .bind(8, step.matchLevel);
-  if (step.accessibilityPassed) {
-    s.bind(9, json::write(
-                  Json{{"passed", *step.accessibilityPassed}, {"level", step.accessibilityLevel}}));
-  } else {
-    s.bindNull(9);
-  }
-  s.bind(10, json::write(step.settings));
-  s.bind(11, step.baselinePosition);
-  s.bind(12, std::int64_t{step.matchedAlternative});
+namespace {
+
+void writeStepChanges(storage::Link& db, const std::string& sessionId, std::int64_t position,
+                      const Json& changes) {
+  Statement s(db,
+              "INSERT INTO step_changes(session_id, position, changes) VALUES(?, ?, ?) "
+              "ON CONFLICT(session_id, position) DO UPDATE SET changes = excluded.changes");
+  s.bind(1, sessionId).bind(2, position).bind(3, json::write(changes));
   s.run();
 }
 
-void SqlStore::finishSession(const std::string& sessionId, const Outcome& outcome,
+}  // namespace
+
+void SqlStore::insertStep(const std::string& sessionId, const StepRecord& step,
+                          const Json* changes) {
+  requireWritable();
+  Lease db = lease();
+  // Reads nothing: the step's place in its session is kept unique by the table's key.
+  Transaction transaction(*db, storage::Link::Scope::Rows);
+  {
+    Statement s(*db,
+                "INSERT INTO steps(session_id, position, tag, current_image, baseline_image, "
+                "diff_image, as_expected, match_level, accessibility, settings, baseline_position, "
+                "matched_alternative) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    s.bind(1, sessionId)
+        .bind(2, step.position)
+        .bind(3, step.tag)
+        .bind(4, step.currentImage)
+        .bind(5, step.baselineImage)
+        .bind(6, step.diffImage)
+        .bind(7, std::int64_t{step.asExpected})
+        .bind(8, step.matchLevel);
+    if (step.accessibilityPassed) {
+      s.bind(9, json::write(Json{{"passed", *step.accessibilityPassed},
+                                 {"level", step.accessibilityLevel}}));
+    } else {
+      s.bindNull(9);
+    }
+    s.bind(10, json::write(step.settings));
+    s.bind(11, step.baselinePosition);
+    s.bind(12, std::int64_t{step.matchedAlternative});
+    s.run();
+  }
+  if (changes) writeStepChanges(*db, sessionId, step.position, *changes);
+  transaction.commit();
+}
+
+bool SqlStore::finishSession(const std::string& sessionId, const Outcome& outcome,
                              const std::vector<BaselineStep>* newBaseline) {
   requireWritable();
   if (newBaseline) flushImages();
   Lease db = lease();
-  Transaction transaction(*db);
+  // Only a new baseline version depends on what is read (the baseline's current version); an
+  // outcome alone is guarded by its row.
+  Transaction transaction(
+      *db, newBaseline ? storage::Link::Scope::Database : storage::Link::Scope::Rows);
   if (newBaseline) {
     std::optional<std::pair<std::int64_t, std::int64_t>> target =
         requireFreshBaseline(db, sessionId, false);
@@ -251,11 +275,13 @@ void SqlStore::finishSession(const std::string& sessionId, const Outcome& outcom
     }
   }
   {
-    Statement s(*db, "UPDATE sessions SET outcome = ? WHERE id = ?");
+    Statement s(*db, "UPDATE sessions SET outcome = ? WHERE id = ? AND outcome IS NULL");
     s.bind(1, json::write(outcomeJson(outcome))).bind(2, sessionId);
     s.run();
+    if (db->changes() == 0) return false;  // rolls the new version back with it
   }
   transaction.commit();
+  return true;
 }
 
 namespace {
@@ -383,11 +409,7 @@ void SqlStore::putStepChanges(const std::string& sessionId, std::int64_t positio
                               const Json& changes) {
   requireWritable();
   Lease db = lease();
-  Statement s(*db,
-              "INSERT INTO step_changes(session_id, position, changes) VALUES(?, ?, ?) "
-              "ON CONFLICT(session_id, position) DO UPDATE SET changes = excluded.changes");
-  s.bind(1, sessionId).bind(2, position).bind(3, json::write(changes));
-  s.run();
+  writeStepChanges(*db, sessionId, position, changes);
 }
 
 std::map<std::int64_t, Json> SqlStore::stepChanges(const std::string& sessionId) {

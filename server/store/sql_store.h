@@ -35,7 +35,9 @@ class SqlStore : public Store {
   std::vector<StepRecord> steps(const std::string& sessionId) override;
   std::int64_t stepCount(const std::string& sessionId) override;
   std::int64_t stepCountWithTag(const std::string& sessionId, const std::string& tag) override;
-  void insertStep(const std::string& sessionId, const StepRecord& step) override;
+  using Store::insertStep;
+  void insertStep(const std::string& sessionId, const StepRecord& step,
+                  const Json* changes) override;
   void touchSession(const std::string& sessionId, std::int64_t at) override;
   std::vector<std::string> idleSessions(std::int64_t before) override;
   std::vector<BatchRecord> batches() override;
@@ -49,7 +51,7 @@ class SqlStore : public Store {
   std::optional<UndoneDecision> decisionToUndo(const std::string& reviewer) override;
   std::optional<UndoneDecision> undoLastDecision(const std::string& reviewer,
                                                  std::optional<std::int64_t> expected) override;
-  void finishSession(const std::string& sessionId, const Outcome& outcome,
+  bool finishSession(const std::string& sessionId, const Outcome& outcome,
                      const std::vector<BaselineStep>* newBaseline) override;
   std::int64_t removeSessions(std::int64_t before, std::int64_t limit) override;
   std::int64_t removeVersions(std::int64_t before, std::int64_t keep) override;

@@ -220,13 +220,16 @@ void PostgresStore::Connection::exec(const char* sql) {
   if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) fail(result.get());
 }
 
-// Write transactions take one advisory lock, as SQLite's BEGIN IMMEDIATE takes its write lock:
-// what a transaction read (a baseline's current version) stays true until it commits, in
-// every instance of the service.
-void PostgresStore::Connection::begin() {
+// Write transactions of the whole database take one advisory lock, as SQLite's BEGIN
+// IMMEDIATE takes its write lock: what such a transaction read (a baseline's current version)
+// stays true until it commits, in every instance of the service. Row-scoped ones rely on
+// PostgreSQL's row locks and constraints alone.
+void PostgresStore::Connection::begin(Scope scope) {
   exec("BEGIN");
-  run("SELECT pg_advisory_xact_lock($1)",
-      {Param{std::to_string(postgres::kWriteLock), postgres::kBigintType, false}});
+  if (scope == Scope::Database) {
+    run("SELECT pg_advisory_xact_lock($1)",
+        {Param{std::to_string(postgres::kWriteLock), postgres::kBigintType, false}});
+  }
 }
 
 void PostgresStore::Connection::rollback() noexcept {

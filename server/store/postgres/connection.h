@@ -52,7 +52,7 @@ class PostgresStore::Connection : public storage::Link {
   storage::Query* take(const std::string& sql) override;
   void give(storage::Query* query) noexcept override;
   void exec(const char* sql) override;
-  void begin() override;
+  void begin(Scope scope) override;
   void commit() override { exec("COMMIT"); }
   void rollback() noexcept override;
   std::int64_t changes() override { return changes_; }

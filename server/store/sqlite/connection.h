@@ -60,8 +60,8 @@ class SqliteStore::Connection : public storage::Link {
     }
   }
   // BEGIN IMMEDIATE takes the database's write lock at once, so what the transaction reads
-  // stays true until it commits.
-  void begin() override { exec("BEGIN IMMEDIATE"); }
+  // stays true until it commits. SQLite has one writer at a time whatever the scope.
+  void begin(Scope) override { exec("BEGIN IMMEDIATE"); }
   void commit() override { exec("COMMIT"); }
   void rollback() noexcept override { sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr); }
   std::int64_t changes() override { return sqlite3_changes(db_); }
