@@ -152,9 +152,13 @@ std::string PostgresStore::putImage(std::span<const std::uint8_t> png, const std
   const std::int64_t at = now();
   // Bytes already stored are not sent again; their use is noted, so retention, which leaves
   // recently used images alone, does not remove them before the row that refers to them is
-  // written.
-  c.run("UPDATE images SET used_at = $2 WHERE id = $1", {text(id), integer(at)});
-  if (c.changes() > 0) return id;
+  // written. A use noted within this second already is not written again: that would store
+  // the same time, at the cost of a commit that waits for the disk.
+  const Result stored = c.run(
+      "WITH noted AS (UPDATE images SET used_at = $2 WHERE id = $1 AND used_at < $2) "
+      "SELECT 1 FROM images WHERE id = $1",
+      {text(id), integer(at)});
+  if (PQntuples(stored.get()) > 0) return id;
   Param bytes{std::string(reinterpret_cast<const char*>(png.data()), png.size()), kByteaType, true};
   // The same bytes stored by another request meanwhile are the same image: kept once.
   c.run(
