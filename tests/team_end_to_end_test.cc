@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -47,15 +48,22 @@ std::shared_ptr<Image> page(std::uint8_t shade = 200) {
   return image;
 }
 
-// Forwards each request to one of the services, as a team's load balancer does. `choose` picks
-// the service by the request; one that refuses connections is passed over for the next. When
-// `cutOff` holds for a request, that request is sent only in part: its head and half its body
-// go to service 1, `onCutOff` runs (the test kills the service), and the client gets 502.
+// Forwards each request to one of the services, as a team's load balancer does, by rules the
+// test sets (under a lock, as the balancer's threads read them).
 class Balancer {
  public:
-  std::function<std::size_t(const httplib::Request&)> choose = [](const auto&) { return 0; };
-  std::function<bool(const httplib::Request&)> cutOff = [](const auto&) { return false; };
-  std::function<void()> onCutOff;
+  struct Rules {
+    /// The service a request goes to first; one that refuses connections is passed over.
+    std::function<std::size_t(const httplib::Request&)> choose = [](const auto&) { return 0; };
+    /// When this holds, the request's head and half its body go to service 1, `onCutOff`
+    /// runs (the test kills the service), and the client gets 502.
+    std::function<bool(const httplib::Request&)> cutOff = [](const auto&) { return false; };
+    std::function<void()> onCutOff;
+  };
+  void setRules(Rules rules) {
+    std::lock_guard lock(mutex_);
+    rules_ = std::move(rules);
+  }
 
   explicit Balancer(std::vector<int> ports) : ports_(std::move(ports)) {
     auto forward = [this](const httplib::Request& request, httplib::Response& response) {
@@ -77,12 +85,15 @@ class Balancer {
 
  private:
   void handle(const httplib::Request& request, httplib::Response& response) {
-    if (cutOff(request)) {
+    std::unique_lock lock(mutex_);
+    if (rules_.cutOff(request)) {
       sendHalf(ports_[1], request);
-      onCutOff();
+      rules_.onCutOff();
       response.status = 502;
       return;
     }
+    const std::size_t first = rules_.choose(request);
+    lock.unlock();
     httplib::Headers headers;
     for (const auto& [name, value] : request.headers) {
       if (name != "Host" && name != "Content-Length" && name != "Connection" &&
@@ -91,7 +102,6 @@ class Balancer {
         headers.emplace(name, value);
       }
     }
-    const std::size_t first = choose(request);
     for (std::size_t i = 0; i < ports_.size(); ++i) {
       const std::size_t backend = (first + i) % ports_.size();
       httplib::Client client("127.0.0.1", ports_[backend]);
@@ -138,6 +148,8 @@ class Balancer {
   }
 
   std::vector<int> ports_;
+  std::mutex mutex_;
+  Rules rules_;
   httplib::Server server_;
   std::thread thread_;
   int port_ = 0;
@@ -218,9 +230,11 @@ class TeamEndToEndTest : public ::testing::Test {
 // Sessions start on A and are checked and stopped on B; a change is found, and a reviewer who
 // logged in on A accepts it on B with the page A served; the next run passes on either service.
 TEST_F(TeamEndToEndTest, SessionsAndReviewsMoveBetweenServices) {
-  balancer_->choose = [](const httplib::Request& r) {
+  Balancer::Rules startsOnA;
+  startsOnA.choose = [](const httplib::Request& r) {
     return r.method == "POST" && r.path == "/api/sessions/running" ? 0u : 1u;
   };
+  balancer_->setRules(std::move(startsOnA));
   Run first = run({page(), page()});
   ASSERT_TRUE(first.results);
   EXPECT_TRUE(first.results->isNew());
@@ -257,7 +271,7 @@ TEST_F(TeamEndToEndTest, SessionsAndReviewsMoveBetweenServices) {
   ASSERT_TRUE(accepted);
   EXPECT_EQ(accepted->status, 303) << accepted->body;
 
-  balancer_->choose = [](const httplib::Request&) { return 0u; };
+  balancer_->setRules({});
   Run next = run({page(), page(90)});
   EXPECT_EQ(next.checks, (std::vector<bool>{true, true}));
   EXPECT_EQ(next.results->status(), TestResultsStatusPassed);
@@ -297,12 +311,15 @@ TEST_F(TeamEndToEndTest, ARunOutlivesADatabaseRestart) {
 // A, the session goes on there, and every check B had answered is kept.
 TEST_F(TeamEndToEndTest, AServiceKilledMidUploadLosesNoAnswer) {
   std::atomic<int> matches{0};
-  balancer_->choose = [](const httplib::Request& r) { return r.method == "POST" ? 1u : 0u; };
-  balancer_->cutOff = [&](const httplib::Request& r) {
+  Balancer::Rules rules;
+  rules.choose = [](const httplib::Request& r) { return r.method == "POST" ? 1u : 0u; };
+  rules.cutOff = [&](const httplib::Request& r) {
     return r.method == "POST" && r.path != "/api/sessions/running" && ++matches == 3;
   };
-  balancer_->onCutOff = [&] { services_[1].process->stop(SIGKILL); };
+  rules.onCutOff = [&] { services_[1].process->stop(SIGKILL); };
+  balancer_->setRules(std::move(rules));
   Run r = run({page(), page(), page(), page()});
+  balancer_->setRules({});  // after the kill, for the checks below
   EXPECT_EQ(r.checks, (std::vector<bool>{true, true, false, true}));
   ASSERT_TRUE(r.results);
   EXPECT_EQ(storedSteps(0, r.sessionId), (std::set<std::string>{"step-1", "step-2", "step-4"}));
