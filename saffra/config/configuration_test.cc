@@ -7,7 +7,6 @@
 
 #include "saffra/base/argument_guard.h"
 #include "saffra/base/configurable.h"
-#include "saffra/base/environment_helper.h"
 #include "saffra/base/logger.h"
 #include "saffra/config/batch_info.h"
 #include "saffra/platform/exception.h"
@@ -22,7 +21,6 @@ TEST(ConfigurationTest, BranchesComeFromEnvironmentPairs) {
                          {"bamboo_QUORVANT_BRANCH", "branch"},
                          {"bamboo_QUORVANT_PARENT_BRANCH", "parent"},
                          {"QUORVANT_BASELINE_BRANCH", "baseline"}});
-  EXPECT_EQ(EnvironmentHelper::environmentPair("QUORVANT_BRANCH", "bamboo_QUORVANT_BRANCH"), " ");
   Configuration config;
   EXPECT_EQ(config.branchName(), " ");
   EXPECT_EQ(config.parentBranchName(), "parent");
