@@ -327,10 +327,6 @@ TEST(AccessibilityRegionByRectangleTest, TruncatesKeepsRegionAndCopiesDeeply) {
   EXPECT_TRUE(copy->region()->isEqual(region));
   EXPECT_EQ(copy->dictionary(), record->dictionary());
 
-  auto byIntegers = std::make_shared<AccessibilityRegionByRectangle>(1, 2, 3, 4, 0);
-  ASSERT_TRUE(byIntegers->region());
-  EXPECT_EQ(byIntegers->region()->description(), "{{1, 2}, {3, 4}}");
-
   AccessibilityRegionByRectangle absent(nullptr, 1);
   EXPECT_EQ(json::write(absent.dictionary()),
             R"({"left":0,"top":0,"width":0,"height":0,"type":"RegularText"})");
