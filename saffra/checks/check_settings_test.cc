@@ -180,13 +180,10 @@ TEST(RegionProvidersTest, ElementFrameIsReadWhenTheRegionIsAsked) {
 TEST(RegionProvidersTest, RectangleProvidersHandOutTheHeldRegion) {
   auto region = std::make_shared<Region>(10, 20, 30, 40);
   IgnoreRegionByRectangle ignore(region);
-  RegionProvider provider(region);
   EXPECT_EQ(ignore.getRegion(), region);
-  EXPECT_EQ(provider.getRegion(), region);
   region->setLeft(99);  // a later change is what the check sees
   EXPECT_EQ(ignore.getRegion()->left(), 99);
   EXPECT_EQ(IgnoreRegionByRectangle(nullptr).getRegion(), nullptr);
-  EXPECT_EQ(RegionProvider(nullptr).getRegion(), nullptr);
 
   FloatingRegionByRectangle floating(std::make_shared<Region>(10, 20, 30, 40), 1, 2, 3, 4);
   EXPECT_EQ(floating.getRegion()->dictionary(), floatingJson(10, 20, 30, 40, 1, 2, 3, 4));

@@ -85,7 +85,6 @@ TEST(ConfigurationTest, Description) {
             "\n\tagentId = (null)\n\tbaselineEnvName = (null)\n\tsaveDiffs = false"
             "\n\tappName = app\n\ttestName = login screen\n\tviewportSize = {375.5, 667}"
             "\n\tsessionType = SEQUENTIAL");
-  EXPECT_EQ(Configuration(OptString("only test")).testName(), "only test");
 
   config.setBatch(std::make_shared<BatchInfo>("nightly"));
   config.setSaveDiffs(true);
