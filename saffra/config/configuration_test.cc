@@ -7,7 +7,6 @@
 
 #include "saffra/base/argument_guard.h"
 #include "saffra/base/configurable.h"
-#include "saffra/base/environment_helper.h"
 #include "saffra/base/logger.h"
 #include "saffra/config/batch_info.h"
 #include "saffra/platform/exception.h"
@@ -22,7 +21,6 @@ TEST(ConfigurationTest, BranchesComeFromEnvironmentPairs) {
                          {"bamboo_QUORVANT_BRANCH", "branch"},
                          {"bamboo_QUORVANT_PARENT_BRANCH", "parent"},
                          {"QUORVANT_BASELINE_BRANCH", "baseline"}});
-  EXPECT_EQ(EnvironmentHelper::environmentPair("QUORVANT_BRANCH", "bamboo_QUORVANT_BRANCH"), " ");
   Configuration config;
   EXPECT_EQ(config.branchName(), " ");
   EXPECT_EQ(config.parentBranchName(), "parent");
@@ -87,7 +85,6 @@ TEST(ConfigurationTest, Description) {
             "\n\tagentId = (null)\n\tbaselineEnvName = (null)\n\tsaveDiffs = false"
             "\n\tappName = app\n\ttestName = login screen\n\tviewportSize = {375.5, 667}"
             "\n\tsessionType = SEQUENTIAL");
-  EXPECT_EQ(Configuration(OptString("only test")).testName(), "only test");
 
   config.setBatch(std::make_shared<BatchInfo>("nightly"));
   config.setSaveDiffs(true);

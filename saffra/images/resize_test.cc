@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <random>
 
 #include "saffra/base/logger.h"
 #include "saffra/images/bitmap.h"
 #include "saffra/images/resize.h"
 #include "saffra/platform/exception.h"
+#include "testing/png_files.h"
 
 namespace saffra {
 namespace {
@@ -22,13 +22,6 @@ std::shared_ptr<Image> solid(std::size_t width, std::size_t height,
                              std::array<std::uint8_t, 4> px) {
   std::vector<std::uint8_t> rgba;
   for (std::size_t i = 0; i < width * height; ++i) rgba.insert(rgba.end(), px.begin(), px.end());
-  return imageOf(width, height, rgba);
-}
-
-std::shared_ptr<Image> randomImage(std::size_t width, std::size_t height, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::vector<std::uint8_t> rgba(width * height * 4);
-  for (auto& v : rgba) v = static_cast<std::uint8_t>(rng());
   return imageOf(width, height, rgba);
 }
 
@@ -169,7 +162,7 @@ TEST(ResizeTest, MatchesTheStepByStepDefinition) {
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h) + " to " + std::to_string(c.nw) +
                  "x" + std::to_string(c.nh));
-    auto image = randomImage(c.w, c.h, seed++);
+    auto image = testing::randomImage(c.w, c.h, false, seed++);
     auto nw = static_cast<std::int64_t>(c.nw), nh = static_cast<std::int64_t>(c.nh);
     EXPECT_EQ(pixelsOf(Resize::resizeImage(image, Size{c.nw, c.nh})),
               pixelsOf(Bitmap::convertBitmapRGBA8ToUIImage(referenceResizeBytes(image, nw, nh),
@@ -179,8 +172,8 @@ TEST(ResizeTest, MatchesTheStepByStepDefinition) {
 
 TEST(ResizeTest, SizesItCannotHandleRaiseBeforeReading) {
   const std::pair<std::shared_ptr<Image>, const char*> narrow[] = {
-      {randomImage(1, 5, 1), "one pixel wide"},
-      {randomImage(5, 1, 2), "one pixel high"},
+      {testing::randomImage(1, 5, false, 1), "one pixel wide"},
+      {testing::randomImage(5, 1, false, 2), "one pixel high"},
       {nullptr, "absent"},
   };
   for (const auto& [image, what] : narrow) {
@@ -193,7 +186,7 @@ TEST(ResizeTest, SizesItCannotHandleRaiseBeforeReading) {
   }
   for (Size target : {Size{0, 5}, Size{5, 0.5}, Size{NAN, 2}, Size{-3, 2}, Size{1e9, 2}}) {
     try {
-      Resize::resizeImage(randomImage(4, 4, 3), target);
+      Resize::resizeImage(testing::randomImage(4, 4, false, 3), target);
       ADD_FAILURE() << toString(target);
     } catch (const Exception& e) {
       EXPECT_EQ(e.name(), "NSInvalidArgumentException");

@@ -187,7 +187,6 @@ TEST(AppEnvironmentTest, Description) {
             "[hostOS = iOS 17.2 hostApp = Shop osInfo = iOS 17.2 (21C62) hostingAppInfo = Shop 4.1 "
             "deviceInfo = iPhone 15 displaySize = 393.000000x852.500000]");
   AppEnvironment inferred("iOS");
-  EXPECT_EQ(inferred.inferred(), "iOS");
   EXPECT_EQ(inferred.description(),
             "[hostOS = ? hostApp = ? osInfo = ? hostingAppInfo = ? deviceInfo = ? "
             "displaySize = 0.000000x0.000000]");

@@ -81,11 +81,7 @@ TEST(TestResultsTest, EmptyReplyGivesDefaults) {
   EXPECT_EQ(r.description(),
             "Existing test [ steps: 0, test name: (null), matches: 0, mismatches: 0, missing: 0], "
             "URL: (null)");
-  EXPECT_EQ(json::write(r.dictionary()),
-            R"({"contentMatches":0,"duration":0,"exactMatches":0,)"
-            R"("hostDisplaySize":{"width":0,"height":0},"isAborted":false,"isDifferent":false,)"
-            R"("isNew":false,"layoutMatches":0,"matches":0,"mismatches":0,"missing":0,)"
-            R"("noneMatches":0,"steps":0,"strictMatches":0})");
+  // The written form of absent values is pinned with the wrong-kind reply below.
   EXPECT_EQ(TestResults(*json::parse(R"({"isNew":true})")).description().substr(0, 10),
             "New test [");
 }
