@@ -155,6 +155,8 @@ struct Job {
   static size_t onHeader(char* data, size_t size, size_t count, void* user) {
     auto* job = static_cast<Job*>(user);
     size_t length = size * count;
+    // Header bytes are bytes moving too, though curl counts only the body's in its progress.
+    job->lastMovedAt = std::chrono::steady_clock::now();
     try {
       std::string line(data, length);
       while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
