@@ -8,23 +8,18 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 
 #include "saffra/platform/exception.h"
 #include "saffra/platform/png.h"
 #include "server/pixel_pool.h"
 #include "server/service_test_support.h"
+#include "testing/png_files.h"
 
 namespace saffra::server {
 namespace {
 
+using saffra::testing::readFile;
 using testing::kWhite;
-
-std::vector<std::uint8_t> corpusFile(const char* name) {
-  std::ifstream in(std::string(SAFFRA_CORPUS_DIR) + "/" + name, std::ios::binary);
-  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
 
 TEST(MatcherTest, AccessibilityIsCheckedOnlyWithRegions) {
   using testing::solidPng;
@@ -132,7 +127,7 @@ TEST(MatcherTest, ComparingWhileDecodingGivesTheVerdictOfDecodingFirst) {
   }
 
   // A palette file: the general decoder's image is compared after decoding.
-  const std::vector<std::uint8_t> palette = corpusFile("icon-tile-64x64.png");
+  const std::vector<std::uint8_t> palette = readFile(SAFFRA_CORPUS_DIR "/icon-tile-64x64.png");
   const auto icon = Image::fromPNGData(palette);
   // The caller's work beside the decoding runs once, whatever way the file is decoded.
   int calls = 0;

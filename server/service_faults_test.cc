@@ -189,12 +189,7 @@ TEST(ServiceOptionsTest, StartRefusesUnusableSettings) {
 // While the database is down every request gets 503 with a JSON error; once it is back the
 // service reconnects by itself, and what it stored before is all there.
 TEST(ServiceOnPostgres, AnswersUnavailableWhileTheDatabaseIsDownThenRecovers) {
-  saffra::testing::PostgresServer* server = nullptr;
-  try {
-    server = &saffra::testing::PostgresServer::shared();
-  } catch (const std::exception& e) {
-    GTEST_FAIL() << e.what();
-  }
+  saffra::testing::PostgresServer* server = &saffra::testing::PostgresServer::shared();
   TempFolder folder;
   Harness harness(folder.path(), 100u << 20, server->createDatabase());
   SessionSpec test;

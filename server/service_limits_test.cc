@@ -139,6 +139,7 @@ TEST(ServiceLimitsTest, LoginsAreKnownByTheirSignatureOnly) {
   }
 }
 
+// Only batches that sessions started can be closed, whatever characters their ids hold.
 TEST(ServiceLimitsTest, BatchIdsOfAnyCharactersCanBeClosed) {
   TempFolder folder;
   Harness service(folder.path());
@@ -150,8 +151,11 @@ TEST(ServiceLimitsTest, BatchIdsOfAnyCharactersCanBeClosed) {
     Reply closed = service.closeBatch(percentEncode(id));
     EXPECT_EQ(closed.status, 200) << closed.raw;
     EXPECT_EQ(closed.body.value("id", ""), id);
+    EXPECT_EQ(closed.body["isClosed"], true);
   }
-  EXPECT_EQ(service.closeBatch("unknown%2Fbatch").status, 404);
+  Reply unknown = service.closeBatch("unknown%2Fbatch");
+  EXPECT_EQ(unknown.status, 404);
+  EXPECT_TRUE(unknown.body.contains("error"));
 }
 
 TEST(ServiceLimitsTest, WritesAreRefusedOnceTheDataFolderIsGone) {

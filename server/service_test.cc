@@ -10,8 +10,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <thread>
 
@@ -19,6 +17,7 @@
 
 #include "server/service_test_support.h"
 #include "server/store.h"
+#include "testing/png_files.h"
 
 namespace saffra::server::testing {
 namespace {
@@ -152,7 +151,7 @@ TEST_F(ServiceTest, ChangedMissingAndExtraStepsAreUnresolvedUntilSaved) {
   EXPECT_EQ(harness_.runTest(test, {kPlain, kMarked}, false)["status"], "Unresolved");
 }
 
-TEST_F(ServiceTest, AbortedSessionFailsAndSavesNothingAndItsBatchCanBeClosed) {
+TEST_F(ServiceTest, AbortedSessionFailsAndSavesNothing) {
   SessionSpec test;
   std::string id = harness_.start(test).body["id"];
   harness_.match(id, matchBody(kPlain, "home"));
@@ -166,14 +165,6 @@ TEST_F(ServiceTest, AbortedSessionFailsAndSavesNothingAndItsBatchCanBeClosed) {
   EXPECT_EQ(again["status"], "Failed");
   EXPECT_EQ(again["isAborted"], true);
   EXPECT_EQ(harness_.match(id, matchBody(kPlain, "late")).status, 409);
-
-  // Only batches that sessions started can be closed.
-  Reply closed = harness_.closeBatch("BATCH-1");
-  EXPECT_EQ(closed.status, 200);
-  EXPECT_EQ(closed.body["isClosed"], true);
-  Reply unknown = harness_.closeBatch("run-43");
-  EXPECT_EQ(unknown.status, 404);
-  EXPECT_TRUE(unknown.body.contains("error"));
 }
 
 // Every match-window request is counted with its handler's time, refused ones included; other
@@ -235,8 +226,8 @@ TEST_F(ServiceTest, StepSettingsDecideTheMatch) {
 // the same pixels in other bytes (another encoder, an extra chunk) match and are stored whole,
 // as new files, by the time their step is recorded.
 TEST_F(ServiceTest, UploadsAreJudgedByTheirPixelsAndStoredByTheirBytes) {
-  std::ifstream in(SAFFRA_CORPUS_DIR "/small-help-topic-320x480.png", std::ios::binary);
-  const std::vector<std::uint8_t> original(std::istreambuf_iterator<char>(in), {});
+  const std::vector<std::uint8_t> original =
+      saffra::testing::readFile(SAFFRA_CORPUS_DIR "/small-help-topic-320x480.png");
   const std::vector<std::uint8_t> reencoded = Image::fromPNGData(original)->pngData();
   const std::vector<std::uint8_t> chunked = withTextChunk(kPlain);
   ASSERT_NE(original, reencoded);
@@ -331,10 +322,8 @@ TEST(ServiceRestart, DataAndVerdictsSurviveARestart) {
 // The service's end of a kept-alive connection sends at once: with Nagle's algorithm a reply's
 // body, written after its headers, waits for the client's delayed acknowledgement (40 ms per
 // request).
-TEST(ServiceConnections, AcceptedConnectionsSendWithoutDelay) {
-  TempFolder folder;
-  Harness harness(folder.path());
-  httplib::Client client("127.0.0.1", harness.port());
+TEST_F(ServiceTest, AcceptedConnectionsSendWithoutDelay) {
+  httplib::Client client("127.0.0.1", harness_.port());
   client.set_keep_alive(true);
   ASSERT_TRUE(client.Get("/api/sessions/running/none?apiKey=" + std::string(kApiKey)));
   int checked = 0;
@@ -343,7 +332,7 @@ TEST(ServiceConnections, AcceptedConnectionsSendWithoutDelay) {
     sockaddr_in local{};
     socklen_t size = sizeof local;
     if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0 ||
-        local.sin_family != AF_INET || ntohs(local.sin_port) != harness.port()) {
+        local.sin_family != AF_INET || ntohs(local.sin_port) != harness_.port()) {
       continue;
     }
     int listening = 0, noDelay = 0;
@@ -360,9 +349,7 @@ TEST(ServiceConnections, AcceptedConnectionsSendWithoutDelay) {
 
 // Clients with screenshots of different sizes run whole tests at once and decode into the same
 // spare buffers; every verdict and document is still the one of its own pixels.
-TEST(ServiceConcurrency, ClientsRunTestsAtOnceAndGetTheirOwnVerdicts) {
-  TempFolder folder;
-  Harness harness(folder.path());
+TEST_F(ServiceTest, ClientsRunTestsAtOnceAndGetTheirOwnVerdicts) {
   std::vector<std::thread> clients;
   for (int c = 0; c < 4; ++c) {
     clients.emplace_back([&, c] {
@@ -371,11 +358,11 @@ TEST(ServiceConcurrency, ClientsRunTestsAtOnceAndGetTheirOwnVerdicts) {
       const auto b = solidPng(width, height, kWhite, PixelRect{c + 10, c + 3, 5, 5});
       SessionSpec test;
       test.name = "client " + std::to_string(c);
-      EXPECT_EQ(harness.runTest(test, {a, b}, true)["status"], "Passed") << c;
+      EXPECT_EQ(harness_.runTest(test, {a, b}, true)["status"], "Passed") << c;
       for (int round = 0; round < 3; ++round) {
         std::vector<bool> verdicts;
-        harness.runTest(test, {withTextChunk(a), a, b}, false, &verdicts);
-        Json changed = harness.runTest(test, {b, withTextChunk(b)}, false, &verdicts);
+        harness_.runTest(test, {withTextChunk(a), a, b}, false, &verdicts);
+        Json changed = harness_.runTest(test, {b, withTextChunk(b)}, false, &verdicts);
         EXPECT_EQ(verdicts, std::vector<bool>({true, false, false, false, true})) << c;
         EXPECT_EQ(changed["status"], "Unresolved") << c;
         EXPECT_EQ(changed["mismatches"], 1) << c;
@@ -385,21 +372,19 @@ TEST(ServiceConcurrency, ClientsRunTestsAtOnceAndGetTheirOwnVerdicts) {
   for (auto& client : clients) client.join();
 }
 
-TEST(ServiceConcurrency, StepsSentAtOnceToOneSessionGetTheirOwnPlaces) {
-  TempFolder folder;
-  Harness harness(folder.path());
-  std::string id = harness.start(SessionSpec{}).body["id"];
+TEST_F(ServiceTest, StepsSentAtOnceToOneSessionGetTheirOwnPlaces) {
+  std::string id = harness_.start(SessionSpec{}).body["id"];
   constexpr int kClients = 4, kSteps = 3;
   std::vector<std::thread> clients;
   for (int c = 0; c < kClients; ++c) {
     clients.emplace_back([&, c] {
       for (int s = 0; s < kSteps; ++s) {
-        harness.match(id, matchBody(kPlain, std::to_string(c) + "." + std::to_string(s)));
+        harness_.match(id, matchBody(kPlain, std::to_string(c) + "." + std::to_string(s)));
       }
     });
   }
   for (auto& t : clients) t.join();
-  Json results = harness.stop(id, false, true).body;
+  Json results = harness_.stop(id, false, true).body;
   EXPECT_EQ(results["steps"], kClients * kSteps);
   std::set<std::string> names;
   for (const Json& step : results["stepsInfo"]) names.insert(step["name"].get<std::string>());
@@ -411,12 +396,8 @@ TEST(ServiceConcurrency, StepsSentAtOnceToOneSessionGetTheirOwnPlaces) {
 // stopped through B, its results are read on A, and the baseline B saved is what A's next
 // session is compared with.
 TEST(ServicesOnOneDatabase, ShareSessionsAndBaselines) {
-  std::string database;
-  try {
-    database = saffra::testing::PostgresServer::shared().createDatabase();
-  } catch (const std::exception& e) {
-    GTEST_FAIL() << e.what();
-  }
+  // (A PostgreSQL server that cannot start fails the test with its reason.)
+  const std::string database = saffra::testing::PostgresServer::shared().createDatabase();
   TempFolder folderA, folderB;
   Harness a(folderA.path(), 100u << 20, database);
   Harness b(folderB.path(), 100u << 20, database);

@@ -89,22 +89,15 @@ TEST(StoreTest, UploadFilesAreKeptOrDropped) {
 
 using saffra::testing::PostgresServer;
 
-// Where a store of the engine under test lives: a data folder, or a fresh database.
+// Where a store of the engine under test lives: a data folder, or a fresh database. (A
+// PostgreSQL server that cannot start fails the test with its reason.)
 class StoreEngine : public ::testing::TestWithParam<std::string> {
  protected:
-  void SetUp() override {
-    try {
-      address_ = storeAddress(GetParam(), folder_);
-    } catch (const std::exception& e) {
-      GTEST_FAIL() << e.what();
-    }
-    store_ = openStore(address_);
-  }
   std::unique_ptr<Store> openAgain() { return openStore(address_); }
 
   TempFolder folder_;
-  std::string address_;
-  std::unique_ptr<Store> store_;
+  std::string address_ = storeAddress(GetParam(), folder_);
+  std::unique_ptr<Store> store_ = openAgain();
 };
 
 INSTANTIATE_TEST_SUITE_P(Engines, StoreEngine, ::testing::Values("sqlite", "postgres"),
@@ -387,12 +380,7 @@ TEST_P(StoreEngine, RacingStoresSaveOneBaselineOnce) {
 // A database of another program, or of a newer schema, is refused and left as it was; bad
 // addresses, closed ports and wrong passwords are told apart at the start.
 TEST(PostgresStore, RefusesForeignAndNewerDatabasesAndBadAddresses) {
-  PostgresServer* server = nullptr;
-  try {
-    server = &PostgresServer::shared();
-  } catch (const std::exception& e) {
-    GTEST_FAIL() << e.what();
-  }
+  PostgresServer* server = &PostgresServer::shared();
   const std::string foreign = server->createDatabase();
   PostgresServer::run(foreign, "CREATE TABLE invoices(id INT); INSERT INTO invoices VALUES(7)");
   try {

@@ -1,5 +1,5 @@
 // The results pages over loopback: who may read them, who may review, what a review changes,
-// and that stored text never becomes markup.
+// that stored text never becomes markup, and a first release's database upgraded.
 #include <sqlite3.h>
 
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "server/service_test_support.h"
+#include "server/store.h"
 #include "server/thumbnail.h"
 #include "server/web_access.h"
 
@@ -15,6 +16,20 @@ namespace {
 
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
+}
+
+/// The value of the hidden field `name` in a page's first form that has one.
+std::string fieldIn(const std::string& html, const std::string& name) {
+  std::smatch found;
+  if (!std::regex_search(html, found, std::regex("name=\"" + name + "\" value=\"([^\"]*)\""))) {
+    return "";
+  }
+  return found[1];
+}
+
+/// Expects every one of `parts` in `html`.
+void expectParts(const std::string& html, std::initializer_list<std::string> parts) {
+  for (const std::string& part : parts) EXPECT_TRUE(contains(html, part)) << part;
 }
 
 std::ptrdiff_t countMatches(const std::string& text, const std::string& pattern) {
@@ -58,12 +73,7 @@ class Browser {
 
   /// The CSRF token that the forms of a test page carry.
   std::string csrfOf(const std::string& sessionId) const {
-    std::string html = get("/app/sessions/" + sessionId).body;
-    std::string marker = "name=\"csrf\" value=\"";
-    std::size_t at = html.find(marker);
-    if (at == std::string::npos) return "";
-    at += marker.size();
-    return html.substr(at, html.find('"', at) - at);
+    return fieldIn(get("/app/sessions/" + sessionId).body, "csrf");
   }
 
   /// A review as the page's form sends it.
@@ -235,8 +245,8 @@ TEST_F(WebTest, ReviewsDecideTheStatusAndTheNextRun) {
   EXPECT_EQ(body["step"], Json({{"step", 2}, {"status", "accepted"}}));
   EXPECT_EQ(results(id)["status"], "Passed");
   std::string page = browser_.get(base).body;
-  EXPECT_TRUE(contains(page, "id=\"test-status\" class=\"status Passed\">Passed<"));
-  EXPECT_TRUE(contains(page, "data-step=\"2\" data-status=\"accepted\""));
+  expectParts(page, {"id=\"test-status\" class=\"status Passed\">Passed<",
+                     "data-step=\"2\" data-status=\"accepted\""});
   std::vector<bool> verdicts;
   EXPECT_EQ(harness_.runTest(test_, {kPlain, kMarked}, false, &verdicts)["status"], "Passed");
   EXPECT_EQ(verdicts, std::vector<bool>({true, true}));
@@ -289,22 +299,17 @@ TEST_F(WebTest, PagesShowTheMarkupHooksAndEscapeStoredText) {
     EXPECT_FALSE(contains(*html, "<b>batch")) << *html;
     EXPECT_FALSE(contains(*html, "<i>tag")) << *html;
   }
-  EXPECT_TRUE(contains(batches, "<table id=\"batches\">"));
-  EXPECT_TRUE(contains(batches, "class=\"batch-link\""));
-  EXPECT_TRUE(contains(batches, "&lt;b&gt;batch&lt;/b&gt;"));
-  EXPECT_TRUE(contains(batch, "<tr class=\"test\" data-status=\"Unresolved\">"));
-  EXPECT_TRUE(contains(batch, "class=\"test-link\" href=\"/app/sessions/" + id + "\""));
-  EXPECT_TRUE(contains(page, "&lt;script&gt;alert(1)&lt;/script&gt;"));
-  EXPECT_TRUE(contains(page, "data-step=\"1\" data-status=\"mismatched\""));
-  for (const char* hook :
-       {"<img class=\"baseline\"", "<img class=\"current\"", "<img class=\"diff\"",
-        "id=\"accept-all\"", "class=\"accept\"", "class=\"reject\"", "id=\"step-list\""}) {
-    EXPECT_TRUE(contains(page, hook)) << hook;
-  }
+  expectParts(batches,
+              {"<table id=\"batches\">", "class=\"batch-link\"", "&lt;b&gt;batch&lt;/b&gt;"});
+  expectParts(batch, {"<tr class=\"test\" data-status=\"Unresolved\">",
+                      "class=\"test-link\" href=\"/app/sessions/" + id + "\""});
   // The step's regions are drawn over its current image in image pixels.
-  EXPECT_TRUE(contains(page, "data-kind=\"ignore\"><rect x=\"25\" y=\"20\" width=\"10\""));
-  EXPECT_TRUE(contains(page, "data-kind=\"floating\"><rect x=\"20\" y=\"5\""));
-  EXPECT_TRUE(contains(page, "viewBox=\"0 0 40 30\""));
+  expectParts(
+      page, {"&lt;script&gt;alert(1)&lt;/script&gt;", "data-step=\"1\" data-status=\"mismatched\"",
+             "<img class=\"baseline\"", "<img class=\"current\"", "<img class=\"diff\"",
+             "id=\"accept-all\"", "class=\"accept\"", "class=\"reject\"", "id=\"step-list\"",
+             "data-kind=\"ignore\"><rect x=\"25\" y=\"20\" width=\"10\"",
+             "data-kind=\"floating\"><rect x=\"20\" y=\"5\"", "viewBox=\"0 0 40 30\""});
 }
 
 // An accept over a baseline that moved on is explained on a page whose button confirms it; a
@@ -322,11 +327,9 @@ TEST_F(WebTest, StaleAcceptsAskForConfirmationAndVersionsRollBack) {
   const std::string accept = "/app/sessions/" + old + "/steps/2/accept";
   Page refused = browser_.review(accept, csrf);
   EXPECT_EQ(refused.status, 409);
-  EXPECT_TRUE(contains(refused.body, "id=\"stale-message\""));
-  EXPECT_TRUE(
-      contains(refused.body, "compared with version 1 of the baseline, which is now at version 2"));
-  EXPECT_TRUE(contains(refused.body, "action=\"" + accept + "\""));
-  EXPECT_TRUE(contains(refused.body, "name=\"confirm\" value=\"1\""));
+  expectParts(refused.body,
+              {"id=\"stale-message\"", "action=\"" + accept + "\"", "name=\"confirm\" value=\"1\"",
+               "compared with version 1 of the baseline, which is now at version 2"});
   EXPECT_EQ(results(old)["status"], "Unresolved");
   Page confirmed =
       browser_.post(accept, "csrf=" + csrf + "&confirm=1",
@@ -347,15 +350,6 @@ TEST_F(WebTest, StaleAcceptsAskForConfirmationAndVersionsRollBack) {
   EXPECT_EQ(browser_.review(baseline + "/versions/1/rollback", "forged").status, 403);
 }
 
-/// The value of the hidden field `name` in a page's first form that has one.
-std::string fieldIn(const std::string& html, const std::string& name) {
-  std::smatch found;
-  if (!std::regex_search(html, found, std::regex("name=\"" + name + "\" value=\"([^\"]*)\""))) {
-    return "";
-  }
-  return found[1];
-}
-
 // A batch-wide accept shows how many steps of how many tests it accepts, takes them all in one
 // request, and is refused when sent twice or from an outdated confirmation. The reviewer's
 // last decision is undone whole (verdicts, statuses, baselines) and only once; a step decision
@@ -372,13 +366,10 @@ TEST_F(WebTest, BatchAcceptUndoAndRepeatedDecisions) {
   browser_.logIn(kApiKey);
   const std::string batch = "/app/batches/" + test_.batchId;
   std::string batchPage = browser_.get(batch).body;
-  EXPECT_TRUE(contains(batchPage, "id=\"batch-accept\""));
-  EXPECT_TRUE(contains(batchPage,
-                       "id=\"undo-button\" title=\"Undo your last decision (u)\" "
-                       "disabled"));
+  expectParts(batchPage, {"id=\"batch-accept\"",
+                          "id=\"undo-button\" title=\"Undo your last decision (u)\" disabled"});
   std::string confirm = browser_.get(batch + "?accept=1").body;
-  EXPECT_TRUE(contains(confirm, "This accepts <b>4 steps</b> in <b>2 tests</b>")) << confirm;
-  EXPECT_TRUE(contains(confirm, "1 test is left out")) << confirm;
+  expectParts(confirm, {"This accepts <b>4 steps</b> in <b>2 tests</b>", "1 test is left out"});
   const std::string csrf = fieldIn(confirm, "csrf");
   const std::string state = fieldIn(confirm, "state");
   ASSERT_EQ(state.size(), 16u);
@@ -497,9 +488,8 @@ TEST_F(WebTest, ReviewPageOrdersCountsAndFiltersSteps) {
         "?status=matched\"><b>2</b> matched", "?status=missing\"><b>0</b> missing"}) {
     EXPECT_TRUE(contains(page, base + count)) << count;
   }
-  EXPECT_TRUE(contains(page, "class=\"changed-pixels\"")) << page;
+  expectParts(page, {"class=\"changed-pixels\"", "<rect class=\"change\""});
   EXPECT_TRUE(std::regex_search(page, std::regex("class=\"box\" data-box=\"0\" data-x=\"\\d+\"")));
-  EXPECT_TRUE(contains(page, "<rect class=\"change\""));
   std::ptrdiff_t images = countMatches(page, "<img ");
   std::ptrdiff_t lazy = countMatches(page, "<img [^>]*loading=\"lazy\"");
   EXPECT_GT(images, 4);
@@ -507,11 +497,9 @@ TEST_F(WebTest, ReviewPageOrdersCountsAndFiltersSteps) {
   EXPECT_TRUE(std::regex_search(page, std::regex("src=\"/app/images/[0-9a-f]{64}\\.png\"")));
 
   std::string filtered = browser_.get(base + "?status=new").body;
-  EXPECT_TRUE(contains(filtered,
-                       "data-step=\"2\" data-status=\"mismatched\" data-name=\"step 2\" hidden>"));
-  EXPECT_TRUE(
-      contains(filtered, "data-step=\"4\" data-status=\"new\" data-name=\"beyond the baseline\">"));
-  EXPECT_TRUE(contains(filtered, "?status=new\" aria-current=\"true\""));
+  expectParts(filtered, {"data-step=\"2\" data-status=\"mismatched\" data-name=\"step 2\" hidden>",
+                         "data-step=\"4\" data-status=\"new\" data-name=\"beyond the baseline\">",
+                         "?status=new\" aria-current=\"true\""});
   // An unknown filter shows everything.
   EXPECT_FALSE(contains(browser_.get(base + "?status=%3Cx%3E").body, " hidden>"));
 }
@@ -588,20 +576,15 @@ TEST_F(WebTest, BatchListSearchesAndPages) {
   auto rows = [](const std::string& html) { return countMatches(html, "<tr class=\"batch\""); };
   std::string first = browser_.get("/app/batches").body;
   EXPECT_EQ(rows(first), 50);
-  EXPECT_TRUE(contains(first, "Page 1 of 2 (52 batches)"));
-  EXPECT_TRUE(contains(first, "rel=\"next\" href=\"/app/batches?page=2\""));
+  // The newest batches come first: the last filler is on page 1, the unnamed one shows its id.
+  expectParts(first, {"Page 1 of 2 (52 batches)", "rel=\"next\" href=\"/app/batches?page=2\"",
+                      "filler 49", "data-state=\"finished\""});
   std::string second = browser_.get("/app/batches?page=2").body;
   EXPECT_EQ(rows(second), 2);
-  EXPECT_TRUE(contains(second, "data-state=\"closed\""));
-  EXPECT_TRUE(contains(second, "100% cart"));
-  EXPECT_TRUE(contains(second, "<td class=\"apps\">Shop</td>"));
-  EXPECT_TRUE(contains(second, "<td class=\"branches\">feature/cart</td>"));
-  EXPECT_TRUE(contains(second, "<span class=\"tally Passed\">1 passed</span>"));
-  // The newest batches come first: the last filler is on page 1, the unnamed one shows its id.
-  EXPECT_TRUE(contains(first, "filler 49"));
-  EXPECT_TRUE(contains(first + second, "<code>B-unnamed</code></a>"));
-  EXPECT_TRUE(contains(first + second, "data-state=\"running\""));
-  EXPECT_TRUE(contains(first, "data-state=\"finished\""));
+  expectParts(second, {"data-state=\"closed\"", "100% cart", "<td class=\"apps\">Shop</td>",
+                       "<td class=\"branches\">feature/cart</td>",
+                       "<span class=\"tally Passed\">1 passed</span>"});
+  expectParts(first + second, {"<code>B-unnamed</code></a>", "data-state=\"running\""});
 
   struct SearchCase {
     std::string query;
@@ -624,7 +607,7 @@ TEST_F(WebTest, BatchListSearchesAndPages) {
   EXPECT_TRUE(contains(browser_.get("/app/batches?q=%3Cb%3E").body, "value=\"&lt;b&gt;\""));
 }
 
-// A database as the first release wrote it: no step settings, no reviews.
+// A database as the first release wrote it: no step settings, no reviews, no baseline versions.
 constexpr const char* kFirstSchema = R"sql(
 CREATE TABLE batches(id TEXT PRIMARY KEY, name TEXT, started_at TEXT, sequence_name TEXT,
   is_closed INTEGER NOT NULL DEFAULT 0, closed_at INTEGER);
@@ -646,33 +629,58 @@ INSERT INTO sessions VALUES('OLD-1', 'tok', '{"appName":"Legacy","testName":"hom
 INSERT INTO steps VALUES('OLD-1', 0, 'start', 'ab', NULL, NULL, 1, 'Strict', NULL);
 )sql";
 
-TEST(WebMigration, AnOldDatabaseIsUpgradedAndKeepsItsData) {
+// The upgrade keeps the old data: its sessions keep their pages and can be reviewed, its
+// baseline (of the default test, two steps) becomes version 1 and new runs pair with its steps
+// by tag, and a missing step of an old session is still shown and can be accepted (the step
+// is dropped). New steps keep their settings.
+TEST(Migration, AFirstReleaseDatabaseIsUpgradedAndKeepsItsData) {
   TempFolder folder;
   {
+    const std::string plain = Store::imageIdOf(kPlain), marked = Store::imageIdOf(kMarked);
+    const std::string key = json::write(Json::array(
+        {"Calendar", "month view", "Linux 6.1", "Unit tests", 375.0, 667.0, "", "default"}));
+    const std::string sql =
+        kFirstSchema + ("INSERT INTO baselines VALUES(1, '" + key + "', 1700000000);") +
+        "INSERT INTO baseline_steps VALUES(1, 0, 'home', '" + plain + "'), (1, 1, 'menu', '" +
+        marked + "');" +
+        "INSERT INTO sessions VALUES('OLD-2', 'tok', '{}', 'k', 1, 0, 1700000000, 'B', "
+        "'{\"status\":\"Unresolved\",\"missing\":[{\"position\":1,\"tag\":\"menu\",\"image\":\"" +
+        marked + "\"}]}');";
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open((folder.path() / "saffra.db").c_str(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, kFirstSchema, nullptr, nullptr, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
+    std::unique_ptr<Store> store = openStore(folder.path().string());
+    store->putImage(kPlain);
+    store->putImage(kMarked);
+    EXPECT_EQ(store->schemaVersion(), 5);
   }
   Harness harness(folder.path());
   Browser browser(harness);
   browser.logIn(kApiKey);
   Page page = browser.get("/app/sessions/OLD-1");
   EXPECT_EQ(page.status, 200);
-  EXPECT_TRUE(contains(page.body, "Legacy / home"));
-  EXPECT_TRUE(contains(page.body, "data-step=\"1\" data-status=\"new\""));
+  expectParts(page.body, {"Legacy / home", "data-step=\"1\" data-status=\"new\""});
   EXPECT_TRUE(contains(browser.get("/app/batches").body, "old batch"));
-
-  // The old session can be reviewed, and new steps keep their settings.
   EXPECT_EQ(browser.review("/app/sessions/OLD-1/steps/1/reject", browser.csrfOf("OLD-1")).status,
             303);
   EXPECT_EQ(harness.fetch("/api/sessions/OLD-1", {{"Accept", "application/json"}}).body["status"],
             "Failed");
+
+  // The menu first, then home: both pair by tag with the migrated steps.
   std::string id = harness.start(SessionSpec{}).body["id"];
-  harness.match(
-      id, matchBody(kPlain, "a", false, wireSettings("Strict", Json::array({region(1, 1, 5, 5)}))));
-  harness.stop(id, false, false);
+  Json ignore = wireSettings("Strict", Json::array({region(1, 1, 5, 5)}));
+  EXPECT_EQ(harness.match(id, matchBody(kMarked, "menu", false, ignore)).body["asExpected"], true);
+  EXPECT_EQ(harness.match(id, matchBody(kPlain, "home")).body["asExpected"], true);
+  EXPECT_EQ(differences(harness.stop(id, false, false).body, R"({"/status": "Passed",
+      "/baselineVersion": 1, "/baselineBranchName": "default", "/matches": 2})"),
+            "");
   EXPECT_TRUE(contains(browser.get("/app/sessions/" + id).body, "data-kind=\"ignore\""));
+
+  const std::string key = "?apiKey=" + std::string(kApiKey);
+  EXPECT_EQ(harness.send("GET", "/api/sessions/OLD-2/steps/2/baseline.png" + key).bytes(), kMarked);
+  Reply accepted = harness.send("POST", "/api/sessions/OLD-2/steps/2/accept" + key);
+  EXPECT_EQ(accepted.status, 200) << accepted.raw;
 }
 
 TEST(WebAccess, RequestSourcesAndReturnPaths) {

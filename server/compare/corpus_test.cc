@@ -5,8 +5,6 @@
 #include <cctype>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <string>
@@ -14,6 +12,7 @@
 
 #include "saffra/platform/internal/cpu.h"
 #include "server/compare/compare.h"
+#include "testing/png_files.h"
 
 namespace saffra::compare {
 namespace {
@@ -23,12 +22,9 @@ const char* const kBases[] = {"phone-help-steps-1170x2532", "phone-reference-boo
                               "desktop-docs-warning-1920x1080",
                               "tablet-framework-article-1536x2048"};
 
-std::vector<std::uint8_t> readFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
+using saffra::testing::readFile;
 
-class CorpusPairs : public testing::TestWithParam<const char*> {};
+class CorpusPairs : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(CorpusPairs, LevelsGiveTheExpectedVerdicts) {
   const std::string base = GetParam();
@@ -177,7 +173,7 @@ TEST_P(CorpusPairs, ComparingWhileDecodingReadsOnlyFinishedRows) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(PublicSet, CorpusPairs, testing::ValuesIn(kBases), [](const auto& info) {
+INSTANTIATE_TEST_SUITE_P(PublicSet, CorpusPairs, ::testing::ValuesIn(kBases), [](const auto& info) {
   std::string name = info.param;
   for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
   return name;

@@ -16,13 +16,8 @@ namespace {
 using namespace std::chrono_literals;
 
 using Socket = saffra::testing::RawConnection;
-
-int statusOf(const std::string& reply) {
-  return Socket::statusOf(reply);
-}
-std::string bodyOf(const std::string& reply) {
-  return Socket::bodyOf(reply);
-}
+constexpr auto statusOf = &Socket::statusOf;
+constexpr auto bodyOf = &Socket::bodyOf;
 
 class HttpServerTest : public ::testing::Test {
  protected:
