@@ -283,6 +283,9 @@ TEST_P(StoreEngine, BaselineVersionsRefuseStaleChanges) {
   EXPECT_THROW(store.finishSession("stale", outcomeOf("Passed"), &saved), StaleBaselineError);
   EXPECT_EQ(store.session("stale")->outcome->status, "Unresolved");
   EXPECT_TRUE(store.reviews("stale").empty());
+  // A second end (another service stopping it, or aborting it as idle) records nothing.
+  EXPECT_FALSE(store.finishSession("accepting", outcomeOf("Aborted"), nullptr));
+  EXPECT_EQ(store.session("accepting")->outcome->status, "Passed");
   store.reviewSteps("stale", {accept}, outcomeOf("Passed"), true);
   EXPECT_EQ(store.findBaseline("key")->version, 3);
 
