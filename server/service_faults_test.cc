@@ -187,7 +187,8 @@ TEST(ServiceOptionsTest, StartRefusesUnusableSettings) {
 }
 
 // While the database is down every request gets 503 with a JSON error; once it is back the
-// service reconnects by itself, and what it stored before is all there.
+// service reconnects by itself, and what it stored before is all there. A restart that no
+// request saw costs no request either: connections the server closed are not lent again.
 TEST(ServiceOnPostgres, AnswersUnavailableWhileTheDatabaseIsDownThenRecovers) {
   saffra::testing::PostgresServer* server = &saffra::testing::PostgresServer::shared();
   TempFolder folder;
@@ -206,6 +207,10 @@ TEST(ServiceOnPostgres, AnswersUnavailableWhileTheDatabaseIsDownThenRecovers) {
   const std::string id = up.body["id"];
   EXPECT_EQ(harness.match(id, matchBody(kPlain, "step 1")).body["asExpected"], true);
   EXPECT_EQ(harness.stop(id, false, false).body["status"], "Passed");
+  server->stop();
+  server->start();
+  Reply again = harness.start(test);
+  EXPECT_EQ(again.status, 200) << again.raw;
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 // makes the store unavailable for now; anything else is an error of the statement).
 #include "server/store/postgres/connection.h"
 
+#include <poll.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -211,6 +213,12 @@ storage::Query* PostgresStore::Connection::take(const std::string& sql) {
 
 void PostgresStore::Connection::give(storage::Query* query) noexcept {
   delete query;
+}
+
+bool PostgresStore::Connection::stillOpen() const {
+  if (PQstatus(conn_) != CONNECTION_OK) return false;
+  pollfd socket{PQsocket(conn_), POLLIN, 0};
+  return ::poll(&socket, 1, 0) == 0;
 }
 
 void PostgresStore::Connection::exec(const char* sql) {

@@ -61,6 +61,10 @@ class PostgresStore::Connection : public storage::Link {
   /// StoreUnavailable when the connection is lost, StoreError otherwise.
   postgres::Result run(const std::string& sql, const std::vector<postgres::Param>& params,
                        bool binaryResult = false);
+  /// False when the server sent anything while the connection sat idle, found without
+  /// waiting: a server that restarts ends every connection with a message and EOF, and an idle
+  /// connection is sent nothing else that matters here.
+  bool stillOpen() const;
   /// False once the connection broke or was left inside a transaction: it is closed then.
   bool reusable() const {
     return !broken_ && PQstatus(conn_) == CONNECTION_OK &&

@@ -105,15 +105,23 @@ std::unique_ptr<PostgresStore::Connection> PostgresStore::connect() {
 
 // A connection is lent to one operation at a time; a few are kept open between operations.
 // One that broke (the server restarted or went away) is closed, and so are the idle ones, which
-// most likely broke with it: the next operation connects anew.
+// most likely broke with it: the next operation connects anew. An idle one that the server
+// closed while nobody used it is found out before it is lent, so that a restart no request saw
+// fails no request.
 storage::Lease PostgresStore::lease() {
   std::unique_lock lock(poolMutex_);
   poolFree_.wait(lock, [&] { return !idle_.empty() || open_ < connections_; });
   Connection* lent = nullptr;
-  if (!idle_.empty()) {
-    lent = idle_.back().release();
+  while (!lent && !idle_.empty()) {
+    std::unique_ptr<Connection> candidate = std::move(idle_.back());
     idle_.pop_back();
-  } else {
+    if (candidate->stillOpen()) {
+      lent = candidate.release();
+    } else {
+      --open_;  // closed as `candidate` goes
+    }
+  }
+  if (!lent) {
     ++open_;
     lock.unlock();
     try {
